@@ -1,0 +1,10 @@
+// The subcommands of the `ostrand` program. Each takes the arguments after
+// its own name (argv[0] is the subcommand name) and gives the process exit
+// code (see ExitCodes.hpp).
+#pragma once
+
+namespace ostrand {
+
+int runShell(int argc, char** argv);
+
+}  // namespace ostrand

@@ -1,0 +1,51 @@
+// `ostrand`: the command-line host of the trace module.
+//
+// Dispatches to one subcommand; every subcommand has --help.
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "ExitCodes.hpp"
+#include "Subcommands.hpp"
+
+namespace {
+
+struct Subcommand {
+  const char* name;
+  const char* summary;
+  int (*run)(int argc, char** argv);
+};
+
+// One row per subcommand, in the order --help lists them.
+constexpr Subcommand kSubcommands[] = {
+    {"shell", "send JSON commands to the module, one per line; print replies and events",
+     ostrand::runShell},
+};
+
+void printUsage(FILE* out) {
+  std::fprintf(out,
+               "usage: ostrand <subcommand> [options]\n\n"
+               "The command-line host of the Ostrand trace module.\n\nSubcommands:\n");
+  for (const auto& sub : kSubcommands) std::fprintf(out, "  %-8s %s\n", sub.name, sub.summary);
+  std::fprintf(out, "\nRun 'ostrand <subcommand> --help' for the options of one subcommand.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    printUsage(stderr);
+    return ostrand::kExitUsage;
+  }
+  std::string_view name = argv[1];
+  if (name == "--help" || name == "-h" || name == "help") {
+    printUsage(stdout);
+    return ostrand::kExitOk;
+  }
+  for (const auto& sub : kSubcommands) {
+    if (name == sub.name) return sub.run(argc - 1, argv + 1);
+  }
+  std::fprintf(stderr, "ostrand: unknown subcommand '%s'\n\n", argv[1]);
+  printUsage(stderr);
+  return ostrand::kExitUsage;
+}
