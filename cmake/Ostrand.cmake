@@ -56,4 +56,7 @@ function(ostrand_add_module)
     INSTALL_RPATH "$ORIGIN")
   get_property(tsan GLOBAL PROPERTY OSTRAND_TSAN_TESTS)
   add_custom_target(tsan_tests DEPENDS ${tsan})
+  # The test script reads which executables the ThreadSanitizer run covers.
+  list(JOIN tsan "\n" tsanLines)
+  file(WRITE ${CMAKE_BINARY_DIR}/tsan_tests.txt "${tsanLines}\n")
 endfunction()
