@@ -38,7 +38,9 @@ while read -r t; do
 done < build-tsan/tsan_tests.txt
 
 step "all tests under AddressSanitizer and UndefinedBehaviorSanitizer"
-configure build-asan -DOSTRAND_SANITIZE=ON -DOSTRAND_BENCH=OFF
+# gcc's flow analysis under the sanitizers warns falsely inside library
+# headers; the normal build above is the one that holds warnings to zero.
+configure build-asan -DOSTRAND_SANITIZE=ON -DOSTRAND_BENCH=OFF -DOSTRAND_WERROR=OFF
 cmake --build build-asan -j"$jobs"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
