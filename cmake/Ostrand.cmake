@@ -38,7 +38,10 @@ endfunction()
 function(ostrand_add_module)
   get_property(libs GLOBAL PROPERTY OSTRAND_MODULE_LIBS)
   add_library(Ostrand SHARED ${CMAKE_SOURCE_DIR}/cmake/module_anchor.cpp)
-  target_link_libraries(Ostrand PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,${libs}>")
+  # Plain --whole-archive flags rather than the WHOLE_ARCHIVE link feature:
+  # module libraries depend on each other (everything on ostrand_support),
+  # and CMake refuses an item linked both with and without a feature.
+  target_link_libraries(Ostrand PRIVATE -Wl,--whole-archive ${libs} -Wl,--no-whole-archive)
   target_link_options(Ostrand PRIVATE -Wl,--no-undefined -Wl,--exclude-libs,ALL)
   set_target_properties(Ostrand PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${OSTRAND_MODULE_DIR}
