@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "ElfSymbolManager.hpp"
@@ -92,6 +93,8 @@ class CapstoneDisassembler final : public disasm_lite::IDisassembler {
     char kind = image->mappingAt(*section, address);
     if (kind == 0) kind = mClass_ || (function && function->thumb) ? 't' : 'a';
     if (mClass_ && kind == 'a') kind = 't';
+    // Sections that hold no code (vector tables, initialised data) are data.
+    if (!section->executable) kind = 'd';
     if (kind == 'd') return data(address, bytes, available, *image, *section, record);
 
     csh handle = kind == 't' ? thumb_ : arm_;
@@ -105,8 +108,15 @@ class CapstoneDisassembler final : public disasm_lite::IDisassembler {
       record->second = text_.c_str();
       return std::min(available, unit);
     }
-    text_ = hex32(address) + " " + opcode(bytes, insn_->size, unit) + "    " + insn_->mnemonic;
-    if (insn_->op_str[0]) text_ += std::string(" ") + insn_->op_str;
+    text_ = hex32(address) + " " + opcode(bytes, insn_->size, unit) + "    ";
+    // "mov r8, r8" is what the assembler writes for "nop" on cores without
+    // the hint instruction (Armv6-M padding, for one): show it as written.
+    if (std::strcmp(insn_->mnemonic, "mov") == 0 && std::strcmp(insn_->op_str, "r8, r8") == 0)
+      text_ += "nop";
+    else if (insn_->op_str[0])
+      text_ += std::string(insn_->mnemonic) + " " + insn_->op_str;
+    else
+      text_ += insn_->mnemonic;
     record->size = insn_->size;
     record->second = text_.c_str();
     return insn_->size;
@@ -117,7 +127,8 @@ class CapstoneDisassembler final : public disasm_lite::IDisassembler {
                 const ElfSection& section, disasm_lite::DisassemblyRecord* record) {
     uint64_t size = std::min<uint64_t>(available, 4);
     for (uint64_t probe = 1; probe < size; ++probe) {
-      if (image.mappingAt(section, address + probe) != 'd') {
+      const char next = image.mappingAt(section, address + probe);
+      if (next == 'a' || next == 't') {
         size = probe;
         break;
       }
