@@ -8,7 +8,7 @@
 
 #include <cstdio>
 #include <fstream>
-#include <regex>
+#include <map>
 #include <sstream>
 
 #include "CapstoneDisasmManager.hpp"
@@ -45,11 +45,20 @@ struct Instruction {
 std::vector<Instruction> objdumpInstructions(const std::string& elf) {
   std::vector<Instruction> out;
   std::istringstream in(run("arm-none-eabi-objdump -d " + elf));
-  std::regex row(R"(^\s*([0-9a-f]+):\t[0-9a-f ]+\t([^\s]+).*)");
   std::string line;
-  std::smatch m;
-  while (std::getline(in, line))
-    if (std::regex_match(line, m, row)) out.push_back({std::stoull(m[1], nullptr, 16), m[2]});
+  while (std::getline(in, line)) {
+    // address ":" TAB opcode TAB mnemonic [operands]
+    const size_t colon = line.find(":\t");
+    const size_t start = line.find_first_not_of(' ');
+    if (colon == std::string::npos || start >= colon) continue;
+    const std::string address = line.substr(start, colon - start);
+    if (address.find_first_not_of("0123456789abcdef") != std::string::npos) continue;
+    const size_t tab = line.find('\t', colon + 2);
+    if (tab == std::string::npos) continue;
+    std::string mnemonic = line.substr(tab + 1);
+    mnemonic = mnemonic.substr(0, mnemonic.find_first_of(" \t"));
+    if (!mnemonic.empty()) out.push_back({std::stoull(address, nullptr, 16), mnemonic});
+  }
   return out;
 }
 
