@@ -6,5 +6,7 @@
 namespace ostrand {
 
 int runShell(int argc, char** argv);
+int runLookup(int argc, char** argv);
+int runDisasm(int argc, char** argv);
 
 }  // namespace ostrand

@@ -20,6 +20,9 @@ struct Subcommand {
 constexpr Subcommand kSubcommands[] = {
     {"shell", "send JSON commands to the module, one per line; print replies and events",
      ostrand::runShell},
+    {"lookup", "function, file, line and source of addresses or symbols in an ARM ELF file",
+     ostrand::runLookup},
+    {"disasm", "disassemble an address range of an ARM ELF file", ostrand::runDisasm},
 };
 
 void printUsage(FILE* out) {
