@@ -22,6 +22,8 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runShell},
     {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
      ostrand::runServe},
+    {"gen", "write sample capture directories (MTB, TDF, placeholders) into a data tree",
+     ostrand::runGen},
 };
 
 void printUsage(FILE* out) {
