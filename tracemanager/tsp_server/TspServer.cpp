@@ -1,7 +1,12 @@
 #include "TspServer.hpp"
 
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 
@@ -52,6 +57,39 @@ void accessLog(const httplib::Request& req, const httplib::Response& res) {
     Logger::instance().log(QX_NLV::kLogFunction, 0, "TSPServer: %s(%s) => [%d]",
                            req.method.c_str(), req.path.c_str(), res.status);
   }
+}
+
+// Listening sockets of this server may not share their port. The library
+// sets SO_REUSEPORT, with which a second server (of any process) binds the
+// same port silently and the kernel splits the connections between the two.
+void exclusivePortOptions(socket_t sock) {
+  int yes = 1;
+  ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
+bool addressInUse(int family, const sockaddr* address, socklen_t length) {
+  const int fd = ::socket(family, SOCK_STREAM, 0);
+  if (fd < 0) return false;  // family not available here
+  exclusivePortOptions(fd);
+  const bool inUse = ::bind(fd, address, length) != 0 && errno == EADDRINUSE;
+  ::close(fd);
+  return inUse;
+}
+
+// "localhost" stands for both loopback addresses, and the library binds the
+// first one it can. A port held on either one counts as taken: a server on
+// the other alone would miss every client that resolves to the first.
+bool loopbackPortTaken(int port) {
+  sockaddr_in v4{};
+  v4.sin_family = AF_INET;
+  v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  v4.sin_port = htons(static_cast<uint16_t>(port));
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_addr = in6addr_loopback;
+  v6.sin6_port = htons(static_cast<uint16_t>(port));
+  return addressInUse(AF_INET, reinterpret_cast<const sockaddr*>(&v4), sizeof v4) ||
+         addressInUse(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
 }
 
 }  // namespace
@@ -105,6 +143,7 @@ void TspServer::serve(httplib::Server& srv) {
   // Without this a keep-alive answer waits for the client's delayed ACK
   // (about 40 ms) under Nagle's algorithm. It changes latency only.
   srv.set_tcp_nodelay(true);
+  srv.set_socket_options(exclusivePortOptions);
   srv.Get("/stop", [&srv](const httplib::Request&, httplib::Response&) { srv.stop(); });
 
   {
@@ -134,7 +173,7 @@ void TspServer::serve(httplib::Server& srv) {
   }
   // listen() is bind plus accept loop; the two steps are taken apart only
   // to tell a taken port from a stop.
-  if (!srv.bind_to_port("localhost", port)) {
+  if (loopbackPortTaken(port) || !srv.bind_to_port("localhost", port)) {
     listenFailed_.store(true, std::memory_order_release);
     return;
   }

@@ -125,6 +125,20 @@ TEST(TspServerTest, TakenPortIsReportedAndRunReturns) {
   EXPECT_EQ(theModelManager, nullptr);
 }
 
+// Another HTTP server that shares ports (SO_REUSEPORT, the library's
+// default) must not let this one bind beside it.
+TEST(TspServerTest, PortHeldByAPortSharingServerCountsAsTaken) {
+  CaptureTree tree;
+  const int port = testing::freeLoopbackPort();
+  httplib::Server other;
+  ASSERT_TRUE(other.bind_to_port("127.0.0.1", port));
+  TspServer server;
+  server.port = port;
+  server.run();
+  EXPECT_TRUE(server.listenFailed());
+  server.terminate();
+}
+
 TEST(TspServerTest, SecondServerInTheProcessDoesNotTakeOverTheModel) {
   CaptureTree tree;
   RunningServer first;
