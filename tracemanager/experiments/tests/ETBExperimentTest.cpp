@@ -109,24 +109,25 @@ TEST_F(EtbCapture, ConcurrentDecodeAndRequests) {
   for (int i = 0; i < 50; ++i) router.etbRecords.append(record(i));
   auto experiment = openExperiment();
   experiment->refresh();
-  std::atomic<bool> stop{false};
+  std::atomic<bool> done{false};
   std::thread decoder([&] {
-    for (int round = 0; round < 200 && !stop; ++round) {
+    for (int round = 0; round < 100; ++round) {
       router.etbRecords.clear();
       for (int i = 0; i < 60; ++i) router.etbRecords.append(record(i));
     }
+    done = true;
   });
-  int answered = 0;
-  for (int i = 0; i < 200; ++i) {
+  int requests = 0;
+  do {
     try {
-      answered += static_cast<int>(lines(*experiment->discontinuityTable, 0, 50).model.lines.size());
+      (void)lines(*experiment->discontinuityTable, 0, 50);
     } catch (const std::out_of_range&) {
       // The store was cleared between two appends: a stale range, not a crash.
     }
-  }
-  stop = true;
+    ++requests;
+  } while (!done);
   decoder.join();
-  EXPECT_GE(answered, 0);
+  EXPECT_GT(requests, 0);
   experiment->refresh();
   EXPECT_EQ(lines(*experiment->discontinuityTable, 0, 100).model.size, 60);
 }
