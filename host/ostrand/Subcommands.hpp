@@ -6,6 +6,8 @@
 namespace ostrand {
 
 int runShell(int argc, char** argv);
+int runServe(int argc, char** argv);
+int runGen(int argc, char** argv);
 int runLookup(int argc, char** argv);
 int runDisasm(int argc, char** argv);
 

@@ -20,6 +20,10 @@ struct Subcommand {
 constexpr Subcommand kSubcommands[] = {
     {"shell", "send JSON commands to the module, one per line; print replies and events",
      ostrand::runShell},
+    {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
+     ostrand::runServe},
+    {"gen", "write sample capture directories (MTB, TDF, placeholders) into a data tree",
+     ostrand::runGen},
     {"lookup", "function, file, line and source of addresses or symbols in an ARM ELF file",
      ostrand::runLookup},
     {"disasm", "disassemble an address range of an ARM ELF file", ostrand::runDisasm},

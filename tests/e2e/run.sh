@@ -1,0 +1,68 @@
+#!/bin/sh
+# End-to-end test of the trace server with the published TypeScript client of
+# the Trace Server Protocol.
+#
+# usage: tests/e2e/run.sh <build-dir>
+# Needs <build-dir>/bin/ostrand and <build-dir>/bin/tsp_e2e_server, and node
+# with npm (installs the client from the lock file when it is missing).
+set -eu
+
+if [ $# -ne 1 ]; then
+  echo "usage: $0 <build-dir>" >&2
+  exit 2
+fi
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "$1" && pwd)
+for exe in ostrand tsp_e2e_server; do
+  if [ ! -x "$build/bin/$exe" ]; then
+    echo "e2e: $build/bin/$exe is missing; build it first (cmake --build $build --target $exe)" >&2
+    exit 2
+  fi
+done
+
+if [ ! -d "$here/node_modules/tsp-typescript-client" ]; then
+  (cd "$here" && npm ci --no-audit --no-fund --loglevel=error)
+fi
+
+data=$(mktemp -d)
+server_pid=
+cleanup() {
+  if [ -n "$server_pid" ] && kill -0 "$server_pid" 2>/dev/null; then
+    kill "$server_pid" 2>/dev/null || true
+    wait "$server_pid" 2>/dev/null || true
+  fi
+  rm -rf "$data"
+}
+trap cleanup EXIT INT TERM
+
+"$build/bin/ostrand" gen mtb --data "$data" --size 5000 --seed 7 >/dev/null
+"$build/bin/ostrand" gen tdf --data "$data" --size 300 --seed 7 >/dev/null
+tdf_dir="$data/.QX-trace/data/file-targets/file/recording/TDF"
+
+port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
+"$build/bin/tsp_e2e_server" --port "$port" --data "$data" --etb-records 1000 >"$data/server.log" 2>&1 &
+server_pid=$!
+
+# Bounded wait for the server's "READY" line.
+tries=0
+until grep -q '^READY' "$data/server.log" 2>/dev/null; do
+  tries=$((tries + 1))
+  if [ $tries -gt 100 ] || ! kill -0 "$server_pid" 2>/dev/null; then
+    echo "e2e: the server did not come up:" >&2
+    cat "$data/server.log" >&2
+    exit 1
+  fi
+  sleep 0.1
+done
+
+status=0
+node "$here/e2e.mjs" "http://localhost:$port" "$tdf_dir" || status=$?
+
+# The server stops by itself on GET /stop.
+node -e "require('http').get('http://localhost:$port/stop', r => r.resume()).on('error', () => {})"
+tries=0
+while kill -0 "$server_pid" 2>/dev/null && [ $tries -lt 100 ]; do
+  tries=$((tries + 1))
+  sleep 0.1
+done
+exit $status
