@@ -1,6 +1,5 @@
 // The real `ostrand shell` with the real module: texts compared exactly.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,44 +10,18 @@
 #include <sstream>
 #include <string>
 
+#include "ProgramRunner.hpp"
+
 namespace {
 
-struct ProgramRun {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using ostrand_test::ProgramRun;
+using ostrand_test::readFile;
 
 class ShellTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ostrand-shell-XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  // Runs the program with `input` on standard input; USERPROFILE points at a
-  // temporary home so nothing is written into a real one.
-  ProgramRun run(const std::string& args, const std::string& input) {
-    std::string in = dir_ + "/in", out = dir_ + "/out", err = dir_ + "/err";
-    std::ofstream(in, std::ios::binary) << input;
-    std::string command = "USERPROFILE='" + dir_ + "' '" + OSTRAND_PROGRAM + "' " + args + " <'" + in +
-                          "' >'" + out + "' 2>'" + err + "'";
-    int status = std::system(command.c_str());
-    ProgramRun r;
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = readFile(out);
-    r.err = readFile(err);
-    return r;
-  }
-  std::string dir_;
+  ProgramRun run(const std::string& args, const std::string& input) { return runner_.run(args, input); }
+  ostrand_test::ProgramRunner runner_;
+  const std::string& dir_ = runner_.dir();
 };
 
 TEST_F(ShellTest, ScriptedExchangeMatchesTheGoldenTranscript) {
