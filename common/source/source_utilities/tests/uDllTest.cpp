@@ -1,0 +1,40 @@
+#include "uDll.hpp"
+
+#include <gtest/gtest.h>
+
+#include "uEnvironment.hpp"
+
+using QX_NLV::uDll;
+
+// libm is on every Linux machine; it stands in for a tool library.
+TEST(uDllTest, NameWithAndWithoutExtensionLoadTheSameLibrary) {
+  uDll plain, dotted;
+  ASSERT_TRUE(plain.FindAndLoad("libm.so.6", 0)) << plain.errorText();
+  ASSERT_TRUE(dotted.FindAndLoad("libm.so.6.dll", 0)) << dotted.errorText();
+  std::string a, b;
+  EXPECT_EQ(plain.modulePath(a), dotted.modulePath(b));
+  EXPECT_NE(plain.symbol("cos"), nullptr);
+  EXPECT_TRUE(plain.FindAndLoad("anything", 0));  // already loaded
+}
+
+TEST(uDllTest, FailuresKeepTheReason) {
+  uDll none;
+  EXPECT_FALSE(none.FindAndLoad(nullptr, 0));
+  EXPECT_FALSE(none.FindAndLoad(".dll", 0));
+  uDll missing;
+  EXPECT_FALSE(missing.FindAndLoad("no_such_tool_library", 0));
+  EXPECT_EQ(missing.errorText().rfind("failed to load libno_such_tool_library.so with error code ", 0), 0u)
+      << missing.errorText();
+  EXPECT_EQ(missing.symbol("x"), nullptr);
+}
+
+TEST(uDllTest, ModeAtOrAboveTheNoModeMarkIsStoredAsZero) {
+  EXPECT_EQ(uDll("x", 0xFFFFFFFEu).mode(), 0u);
+  EXPECT_EQ(uDll("x", 5).mode(), 5u);
+}
+
+TEST(BaseDirectoryTest, IsTheTestProgramPathWhenNotUnderABase) {
+  std::string base = QX_NLV::baseDirectory();
+  EXPECT_FALSE(base.empty());
+  EXPECT_EQ(base.find("vsk_base"), std::string::npos);
+}

@@ -1,0 +1,65 @@
+#include "uString.hpp"
+
+#include <gtest/gtest.h>
+
+using QX_NLV::uString;
+
+TEST(uStringTest, ReplaceAllNeverRescansInsertedText) {
+  std::string text = "aaa";
+  EXPECT_EQ(uString::replaceAll(text, "a", "aa"), "aaaaaa");
+  std::string path = "a\\\\b";
+  EXPECT_EQ(uString::replaceAll(path, "\\\\", "\\"), "a\\b");
+  std::string untouched = "abc";
+  EXPECT_EQ(uString::replaceAll(untouched, "", "x"), "abc");
+  EXPECT_THROW(uString::replaceAll(text, nullptr, "x"), uString::error);
+  try {
+    uString::replaceAll(text, "a", nullptr);
+    FAIL();
+  } catch (const QX_NLV::source_utilities_error& e) {
+    EXPECT_STREQ(e.what(), "unable to perform string replacement with null replacement text");
+  }
+}
+
+TEST(uStringTest, SplitAtFirstDelimiter) {
+  std::string l, r;
+  EXPECT_EQ(uString::split("a\\b\\c", l, r, "\\"), 2);
+  EXPECT_EQ(l, "a");
+  EXPECT_EQ(r, "b\\c");
+  EXPECT_EQ(uString::split("abc", l, r, "\\"), 1);
+  EXPECT_EQ(l, "abc");
+  EXPECT_EQ(r, "");
+  EXPECT_EQ(uString::split("", l, r, "\\"), 0);
+  EXPECT_EQ(uString::split("k==v", l, r, "="), 2);
+  EXPECT_EQ(r, "=v");
+  try {
+    uString::split("x", l, r, nullptr);
+    FAIL();
+  } catch (const uString::error& e) {
+    EXPECT_STREQ(e.what(), "unable to split with null delimeter");
+  }
+  EXPECT_THROW(uString::split(nullptr, l, r, "="), uString::error);
+}
+
+TEST(uStringTest, ToNumberBases) {
+  EXPECT_EQ(uString::toNumber("0x1F"), 31u);
+  EXPECT_EQ(uString::toNumber("0X10"), 16u);
+  EXPECT_EQ(uString::toNumber("017"), 15u);
+  EXPECT_EQ(uString::toNumber("42"), 42u);
+  EXPECT_EQ(uString::toNumber("0x"), 0u);
+  EXPECT_EQ(uString::toNumber("0"), 0u);
+  EXPECT_EQ(uString::toNumber("0xFFFFFFFFFFFFFFFF"), 0xFFFFFFFFFFFFFFFFull);
+  try {
+    uString::toNumber("");
+    FAIL();
+  } catch (const uString::error& e) {
+    EXPECT_STREQ(e.what(), "unable to convert empty string to numeric");
+  }
+  EXPECT_THROW(uString::toNumber(nullptr), uString::error);
+}
+
+TEST(uStringTest, AppendNumberAppliesOnlyGivenOptions) {
+  std::string text = "v=";
+  EXPECT_EQ(uString::appendNumber(text, 255, std::ios::hex, 0, 4, '0'), "v=00ff");
+  std::string plain;
+  EXPECT_EQ(uString::appendNumber(plain, 1.5), "1.5");
+}
