@@ -6,5 +6,6 @@
 namespace ostrand {
 
 int runShell(int argc, char** argv);
+int runServe(int argc, char** argv);
 
 }  // namespace ostrand

@@ -20,6 +20,8 @@ struct Subcommand {
 constexpr Subcommand kSubcommands[] = {
     {"shell", "send JSON commands to the module, one per line; print replies and events",
      ostrand::runShell},
+    {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
+     ostrand::runServe},
 };
 
 void printUsage(FILE* out) {

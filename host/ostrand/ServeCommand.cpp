@@ -1,0 +1,155 @@
+// `ostrand serve`: the trace server alone over a data tree.
+//
+// Runs the module's trace server in this process (linked in, no probe or
+// tool library needed), scans the live-target tree once at start so the
+// captures already on disk are experiments, and serves until Ctrl-C,
+// SIGTERM or GET /stop.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "ExitCodes.hpp"
+#include "Subcommands.hpp"
+#include "TspServer.hpp"
+
+namespace ostrand {
+
+namespace {
+
+void printServeUsage(FILE* out) {
+  std::fprintf(out,
+               "usage: ostrand serve [--data DIR] [--port N]\n\n"
+               "Serve the captures of a data tree to a trace viewer over the Trace Server\n"
+               "Protocol on http://localhost:N/tsp/api.\n\n"
+               "  --data DIR   use DIR as the user directory: captures are read from\n"
+               "               DIR/.QX-trace/data/live-targets (default: $USERPROFILE,\n"
+               "               else $HOME)\n"
+               "  --port N     TCP port on localhost (default 1239)\n"
+               "  --help       show this text\n\n"
+               "Stops on Ctrl-C, SIGTERM or GET http://localhost:N/stop.\n");
+}
+
+struct ServeOptions {
+  std::string dataDir;
+  int port = VSKTspServer::TspServer::kDefaultPort;
+};
+
+// 0 when the options are good, else the exit code (the message is printed).
+int parseServeOptions(int argc, char** argv, ServeOptions& options, bool& help) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      help = true;
+      return 0;
+    }
+    if ((arg == "--data" || arg == "--port") && i + 1 >= argc) {
+      std::fprintf(stderr, "ostrand serve: %s needs a value; see 'ostrand serve --help'\n",
+                   arg.c_str());
+      return kExitUsage;
+    }
+    if (arg == "--data") {
+      options.dataDir = argv[++i];
+    } else if (arg == "--port") {
+      char* end = nullptr;
+      const long port = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || port < 1 || port > 65535) {
+        std::fprintf(stderr, "ostrand serve: --port wants a number from 1 to 65535, not '%s'\n",
+                     argv[i]);
+        return kExitUsage;
+      }
+      options.port = static_cast<int>(port);
+    } else {
+      std::fprintf(stderr, "ostrand serve: unknown option '%s'; see 'ostrand serve --help'\n",
+                   arg.c_str());
+      return kExitUsage;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int runServe(int argc, char** argv) {
+  ServeOptions options;
+  bool help = false;
+  if (int rc = parseServeOptions(argc, argv, options, help); rc != 0) return rc;
+  if (help) {
+    printServeUsage(stdout);
+    return kExitOk;
+  }
+  if (!options.dataDir.empty()) {
+    std::error_code ec;
+    if (!std::filesystem::is_directory(options.dataDir, ec)) {
+      std::fprintf(stderr, "ostrand serve: data directory '%s' does not exist\n",
+                   options.dataDir.c_str());
+      return kExitBadInput;
+    }
+    ::setenv("USERPROFILE", std::filesystem::absolute(options.dataDir).c_str(), 1);
+  } else if (!std::getenv("USERPROFILE") && !std::getenv("HOME")) {
+    std::fprintf(stderr, "ostrand serve: set USERPROFILE or HOME, or pass --data DIR\n");
+    return kExitUsage;
+  }
+
+  // Signals are taken by sigtimedwait below; block them before any thread
+  // exists, so every server thread inherits the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  VSKTspServer::TspServer server;
+  server.port = options.port;
+  std::thread serving([&server] { server.run(); });
+  // Bounded: binding either succeeds or fails within moments.
+  for (int i = 0; i < 500 && !server.isListening() && !server.listenFailed(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!server.isListening()) {
+    server.terminate();
+    serving.join();
+    std::fprintf(stderr,
+                 "ostrand serve: cannot listen on localhost:%d; the port is taken (another "
+                 "trace server?). Stop that one or choose another with --port.\n",
+                 options.port);
+    return kExitUnavailable;
+  }
+
+  int rc = kExitOk;
+  try {
+    server.refreshLive();
+  } catch (const std::exception& e) {
+    // The server still serves; a later POST /tsp/api/experiments rescans.
+    std::fprintf(stderr, "ostrand serve: scan of the data tree stopped: %s\n", e.what());
+  }
+  std::printf("Trace server on http://localhost:%d/tsp/api (data: %s)\n", options.port,
+              options.dataDir.empty() ? "user directory" : options.dataDir.c_str());
+  std::printf("Open it in a trace viewer; stop with Ctrl-C or GET http://localhost:%d/stop\n",
+              options.port);
+  std::fflush(stdout);
+
+  const timespec tick{0, 200'000'000};
+  while (server.isListening()) {
+    const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
+    if (sig == SIGINT || sig == SIGTERM) break;
+    if (sig < 0 && errno != EAGAIN && errno != EINTR) {
+      std::fprintf(stderr, "ostrand serve: waiting for signals failed: %s\n",
+                   std::strerror(errno));
+      rc = kExitFailure;
+      break;
+    }
+  }
+  server.terminate();
+  serving.join();
+  std::fprintf(stderr, "ostrand serve: stopped\n");
+  return rc;
+}
+
+}  // namespace ostrand

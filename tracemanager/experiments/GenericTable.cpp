@@ -1,0 +1,74 @@
+#include "GenericTable.hpp"
+
+#include "Logger.hpp"
+#include "TableText.hpp"
+
+namespace VSKTspServer {
+
+using nlohmann::json;
+using table_text::memberOrNull;
+
+GenericTable::GenericTable() {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::GenericTable::GenericTable");
+}
+
+void GenericTable::setData(json* document) {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::GenericTable::setData");
+  data = document;
+  columns.clear();
+  if (!data) return;
+  const json& names = memberOrNull(*data, "Columns");
+  if (!names.is_array()) return;
+  for (size_t c = 0; c < names.size(); ++c) {
+    TableColumn column;
+    column.id = static_cast<int64_t>(c);
+    column.name = memberOrNull(names[c], "name").get<std::string>();
+    columns.push_back(std::move(column));
+  }
+}
+
+ColumnsResponse GenericTable::getColumns(std::string) {
+  ColumnsResponse response;
+  response.status = kStatusCompleted;
+  response.model = columns;
+  return response;
+}
+
+TableLinesResponse GenericTable::getLines(TableLinesRequest request) {
+  TableLinesResponse response;
+  response.status = kStatusCompleted;
+  auto& model = response.model;
+  for (const auto& column : columns) model.columnIds.push_back(column.id);
+
+  static const json kNoDocument;
+  const json& rows = memberOrNull(data ? *data : kNoDocument, "Rows");
+  if (rows.is_null()) {
+    model.size = 0;
+    model.lowIndex = request.requested_table_index;
+    return response;
+  }
+  const int64_t total = static_cast<int64_t>(rows.size());
+  const auto [low, high] = table_text::lineRange(request.requested_table_index,
+                                                 request.requested_table_count, total);
+  model.size = total;
+  model.lowIndex = low;
+  model.lines.reserve(static_cast<size_t>(high - low));
+  for (int64_t i = low; i < high; ++i) {
+    // Indexing a non-array with a number throws type error 305, which is
+    // the error for `Rows` or a row of the wrong shape.
+    const json& row = rows[static_cast<size_t>(i)];
+    if (!row.is_array()) (void)row[0];
+    TableLine line;
+    line.index = i;
+    line.cells.reserve(columns.size());
+    for (size_t c = 0; c < columns.size(); ++c) {
+      TableCell cell;
+      if (c < row.size() && !row[c].is_null()) cell.content = row[c].get<std::string>();
+      line.cells.push_back(std::move(cell));
+    }
+    model.lines.push_back(std::move(line));
+  }
+  return response;
+}
+
+}  // namespace VSKTspServer

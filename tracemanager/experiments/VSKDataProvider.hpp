@@ -1,0 +1,110 @@
+// The provider tree: the interfaces that the protocol's routes call, and the
+// four base classes that give every output its descriptor.
+//
+// An experiment holds its outputs as `VSKDataProvider*`; a route reaches the
+// interface it needs by a dynamic cast and answers 501 when the cast fails.
+// Tables are served only through `VSKTableProvider`: a class that implements
+// `IVirtualTableProvider` without that base is not a table to the routes.
+//
+// Ids: each base class numbers its instances from 1 with a counter of its own
+// that is never reset, so an id never repeats within a process, even after
+// an experiment is closed and opened again. An experiment may overwrite `id`
+// before it registers the provider.
+//
+// Threads: providers are called one at a time under the server's request
+// lock. The id counters are atomic, so constructing providers elsewhere (a
+// test, a refresh on another thread) is safe too.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "TspObjects.hpp"
+#include "TspRequests.hpp"
+#include "TspResponses.hpp"
+
+namespace VSKTspServer {
+
+class IAnnoationsProvider {
+ public:
+  virtual ~IAnnoationsProvider() = default;
+  virtual AnnotationCategoriesResponse getAnnotationCategories(AnnotationsRequest request) = 0;
+  virtual AnnotationsResponse getAnnotations(AnnotationsRequest request) = 0;
+};
+
+class IVirtualTableProvider {
+ public:
+  virtual ~IVirtualTableProvider() = default;
+  virtual ColumnsResponse getColumns(std::string parameters) = 0;
+  virtual TableLinesResponse getLines(TableLinesRequest request) = 0;
+};
+
+class ITimeGraphProvider {
+ public:
+  virtual ~ITimeGraphProvider() = default;
+  virtual ArrowsResponse getArrows(TimeRange range) = 0;
+  virtual StatesResponse getStates(TimeRange range, std::vector<int32_t> requestedItems) = 0;
+  virtual TooltipResponse getTooltip(TooltipRequest request) = 0;
+  virtual TimeGraphTreeResponse getTree(int64_t start, int64_t end) = 0;
+};
+
+class IStylesProvider {
+ public:
+  virtual ~IStylesProvider() = default;
+  virtual StylesResponse getStyles(std::string parameters) = 0;
+};
+
+class IXYDataProvider {
+ public:
+  virtual ~IXYDataProvider() = default;
+  virtual XYResponse getXY(TimeRange range, std::vector<int32_t> requestedItems) = 0;
+  virtual XYTreeResponse getXYTree(int64_t start, int64_t end) = 0;
+};
+
+// The static type of every output. Answers the two annotation operations
+// once for all providers: empty status, empty lists.
+class VSKDataProvider : public IAnnoationsProvider, public DataProvider {
+ public:
+  AnnotationCategoriesResponse getAnnotationCategories(AnnotationsRequest request) final;
+  AnnotationsResponse getAnnotations(AnnotationsRequest request) final;
+
+ protected:
+  VSKDataProvider() = default;
+};
+
+class VSKTableProvider : public VSKDataProvider, public IVirtualTableProvider {
+ public:
+  static constexpr const char* kIdStem = "com.qx.vsk.vireo.TableDataProvider";
+  VSKTableProvider();
+
+  // Writes the whole table (all lines, all columns) as CSV to `path`.
+  // 0 on success; -1 when the file cannot be created or the table cannot
+  // be read, the reason logged as an error.
+  int exportCsv(std::string path);
+};
+
+class VSKTimeGraphProvider : public VSKDataProvider,
+                             public ITimeGraphProvider,
+                             public IStylesProvider {
+ public:
+  static constexpr const char* kIdStem = "com.qx.vsk.vireo.TimeGraphDataProvider";
+  VSKTimeGraphProvider();
+};
+
+class VSKTreeTimeXYProvider : public VSKDataProvider, public IXYDataProvider {
+ public:
+  static constexpr const char* kIdStem = "com.qx.vsk.vireo.TreeTimeXYDataProvider";
+  VSKTreeTimeXYProvider();
+};
+
+class VSKDataTreeProvider : public VSKDataProvider, public IXYDataProvider {
+ public:
+  static constexpr const char* kIdStem = "com.qx.vsk.vireo.DataTreeXYDataProvider";
+  VSKDataTreeProvider();
+};
+
+// Response status of a provider that answered.
+inline constexpr const char* kStatusCompleted = "COMPLETED";
+
+}  // namespace VSKTspServer

@@ -1,0 +1,135 @@
+#include "ETBExperiment.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "DataBrokerRouter.hpp"
+#include "TestDirs.hpp"
+
+namespace VSKTspServer {
+namespace {
+
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
+
+EtbRecordStore::Record record(int n) {
+  return {{"addr", "0000010" + std::to_string(n)},
+          {"asm", "BF00"},
+          {"dasm", "   nop"},
+          {"function", "main"},
+          {"file", "main.c"},
+          {"lno", std::to_string(10 + n)},
+          {"src", "  x++;"},
+          {"dir", "/src"},
+          {"cycles", std::to_string(n * 2)}};
+}
+
+class EtbCapture : public ::testing::Test {
+ protected:
+  void SetUp() override { writeFile(dir / "metadata", R"({"typeId":"ETB","device":"P/M7"})"); }
+  std::unique_ptr<ETBExperiment> openExperiment() {
+    auto experiment = std::make_unique<ETBExperiment>("M7_CoreTrace", &router);
+    experiment->addTrace(VSKTrace("ETB", dir.str(), ""));
+    experiment->open();
+    return experiment;
+  }
+  static TableLinesResponse lines(ETBTable& table, int64_t index, int32_t count) {
+    TableLinesRequest r;
+    r.requested_table_index = index;
+    r.requested_table_count = count;
+    return table.getLines(r);
+  }
+  TempDir dir;
+  DataBrokerRouter router;
+};
+
+TEST_F(EtbCapture, BeforeTheFirstRefreshAnEmptyStoreCannotAnswer) {
+  auto experiment = openExperiment();
+  EXPECT_EQ(experiment->discontinuityTable->getColumns("").model.size(), 10u);
+  try {
+    lines(*experiment->discontinuityTable, 0, 200);
+    FAIL() << "no exception";
+  } catch (const std::out_of_range& e) {
+    EXPECT_STREQ(e.what(), "invalid vector subscript");
+  }
+  experiment->refresh();
+  auto empty = lines(*experiment->discontinuityTable, 0, 200);
+  EXPECT_EQ(empty.model.size, 0);
+  EXPECT_TRUE(empty.model.lines.empty());
+}
+
+TEST_F(EtbCapture, CellsFollowTheRecordKeys) {
+  router.etbRecords.append(std::vector<EtbRecordStore::Record>{record(0), record(1), record(2)});
+  EtbRecordStore::Record bare = {{"addr", "00000200"}};
+  router.etbRecords.append(bare);
+  auto experiment = openExperiment();
+  experiment->refresh();
+  ASSERT_EQ(experiment->exportCsv("", ""), 0);
+  EXPECT_EQ(readFile(dir / "Discontinuity Trace.csv"),
+            "Seq.,PC,Opcode,Function,File,Line,Source,Asm,Dir,Cycles\r\n"
+            "0,00000100,BF00,main,main.c,10,x++;,nop,/src,0\r\n"
+            "1,00000101,BF00,main,main.c,11,x++;,nop,/src,2\r\n"
+            "2,00000102,BF00,main,main.c,12,x++;,nop,/src,4\r\n"
+            "3,00000200,,,,,,,,\r\n");
+  // The hidden table shows the newest record first, and Seq. counts lines.
+  ASSERT_EQ(experiment->exportCsv(dir / "t.csv", "Trace"), 0);
+  EXPECT_EQ(readFile(dir / "t.csv"),
+            "Seq.,PC,Opcode,Function,File,Line,Source,Asm,Dir,Cycles\r\n"
+            "0,00000100,BF00,main,main.c,10,x++;,nop,/src,0\r\n");
+}
+
+TEST_F(EtbCapture, StaleRowsAfterANewDecodeFailUntilRefresh) {
+  for (int i = 0; i < 5; ++i) router.etbRecords.append(record(i));
+  auto experiment = openExperiment();
+  experiment->refresh();
+  router.etbRecords.clear();
+  router.etbRecords.append(record(0));
+  EXPECT_EQ(lines(*experiment->discontinuityTable, 0, 1).model.lines.size(), 1u);
+  EXPECT_THROW(lines(*experiment->discontinuityTable, 0, 5), std::out_of_range);
+  experiment->refresh();
+  EXPECT_EQ(lines(*experiment->discontinuityTable, 0, 5).model.size, 1);
+}
+
+TEST_F(EtbCapture, ClosingOneExperimentEmptiesTheSharedStore) {
+  for (int i = 0; i < 3; ++i) router.etbRecords.append(record(i));
+  auto first = openExperiment();
+  auto second = openExperiment();
+  first->close();
+  EXPECT_EQ(first->indexingStatus, "CLOSED");
+  EXPECT_EQ(router.etbRecords.size(), 0u);
+  second->refresh();
+  EXPECT_EQ(lines(*second->discontinuityTable, 0, 10).model.size, 0);
+}
+
+// The decoder fills the store on its own thread while requests read it.
+TEST_F(EtbCapture, ConcurrentDecodeAndRequests) {
+  for (int i = 0; i < 50; ++i) router.etbRecords.append(record(i));
+  auto experiment = openExperiment();
+  experiment->refresh();
+  std::atomic<bool> stop{false};
+  std::thread decoder([&] {
+    for (int round = 0; round < 200 && !stop; ++round) {
+      router.etbRecords.clear();
+      for (int i = 0; i < 60; ++i) router.etbRecords.append(record(i));
+    }
+  });
+  int answered = 0;
+  for (int i = 0; i < 200; ++i) {
+    try {
+      answered += static_cast<int>(lines(*experiment->discontinuityTable, 0, 50).model.lines.size());
+    } catch (const std::out_of_range&) {
+      // The store was cleared between two appends: a stale range, not a crash.
+    }
+  }
+  stop = true;
+  decoder.join();
+  EXPECT_GE(answered, 0);
+  experiment->refresh();
+  EXPECT_EQ(lines(*experiment->discontinuityTable, 0, 100).model.size, 60);
+}
+
+}  // namespace
+}  // namespace VSKTspServer

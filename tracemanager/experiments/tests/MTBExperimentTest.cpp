@@ -1,0 +1,119 @@
+#include "MTBExperiment.hpp"
+
+#include <gtest/gtest.h>
+
+#include "DataBrokerRouter.hpp"
+#include "TestDirs.hpp"
+
+namespace VSKTspServer {
+namespace {
+
+using nlohmann::json;
+using testing::goldenPath;
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
+
+class MtbCapture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeFile(dir / "metadata", R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
+    writeFile(dir / "mtb_data.json", readFile(goldenPath("mtb_small.json")));
+  }
+  std::unique_ptr<MTBExperiment> openExperiment() {
+    auto experiment = std::make_unique<MTBExperiment>("M4_CoreTrace", &router);
+    experiment->addTrace(VSKTrace("MTB", dir.str(), ""));
+    experiment->open();
+    return experiment;
+  }
+  TableLinesResponse lines(MTBExperiment& e, int64_t index, int32_t count) {
+    TableLinesRequest r;
+    r.requested_table_index = index;
+    r.requested_table_count = count;
+    return e.discontinuityTable->getLines(r);
+  }
+  TempDir dir;
+  DataBrokerRouter router;
+};
+
+TEST_F(MtbCapture, BeforeTheFirstRefreshOneLinePerRunInCaptureOrder) {
+  auto experiment = openExperiment();
+  ASSERT_EQ(experiment->exportCsv(dir / "before.csv", ""), 0);
+  EXPECT_EQ(readFile(dir / "before.csv"), readFile(goldenPath("mtb_small_before_refresh.csv")));
+  // The hidden table is not reversed yet either.
+  ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
+  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(goldenPath("mtb_small_before_refresh.csv")));
+}
+
+TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {
+  auto experiment = openExperiment();
+  experiment->refresh();
+  ASSERT_EQ(experiment->exportCsv("", ""), 0);
+  EXPECT_EQ(readFile(dir / "Discontinuity Trace.csv"),
+            readFile(goldenPath("mtb_small_discontinuity.csv")));
+  ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
+  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(goldenPath("mtb_small_trace.csv")));
+
+  auto page = lines(*experiment, 4, 200);
+  EXPECT_EQ(page.model.size, 6);
+  EXPECT_EQ(page.model.lowIndex, 4);
+  ASSERT_EQ(page.model.lines.size(), 2u);
+  EXPECT_EQ(page.model.lines[0].index, 4);  // counts instructions over all runs
+  EXPECT_EQ(page.model.columnIds, (std::vector<int64_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST_F(MtbCapture, OnlyTheDiscontinuityTableIsAnOutput) {
+  auto experiment = openExperiment();
+  auto outputs = experiment->getOutputs();
+  ASSERT_EQ(outputs.size(), 1u);
+  EXPECT_EQ(outputs[0]->name, "Discontinuity Trace");
+  EXPECT_EQ(experiment->getOutput(outputs[0]->id), experiment->discontinuityTable.get());
+  auto columns = experiment->discontinuityTable->getColumns("ignored");
+  ASSERT_EQ(columns.model.size(), 9u);
+  EXPECT_EQ(columns.model[1].name, "Discontinuity");
+  EXPECT_EQ(columns.model[8].name, "Dir");
+
+  // Two experiments of one kind have different table ids.
+  auto second = openExperiment();
+  EXPECT_NE(second->getOutputs()[0]->id, outputs[0]->id);
+}
+
+TEST_F(MtbCapture, WrongTypesFailTheRequest) {
+  auto experiment = openExperiment();
+  experiment->refresh();
+  writeFile(dir / "mtb_data.json",
+            R"({"data":[{"function":"f","file":"x","dir":"d"}],"code":[[{"seq":"7"}]]})");
+  experiment->refresh();
+  try {
+    lines(*experiment, 0, 1);
+    FAIL() << "no exception";
+  } catch (const json::type_error& e) {
+    EXPECT_EQ(e.id, 302);
+    EXPECT_NE(std::string(e.what()).find("type must be number, but is "), std::string::npos);
+  }
+  writeFile(dir / "mtb_data.json", R"({"data":[{"first":5}],"code":[[{"seq":1}]]})");
+  experiment->refresh();
+  EXPECT_THROW(lines(*experiment, 0, 1), json::type_error);
+  // A document whose run list is shorter than its code: a clear error.
+  writeFile(dir / "mtb_data.json", R"({"data":[],"code":[[{"seq":1}]]})");
+  experiment->refresh();
+  EXPECT_THROW(lines(*experiment, 0, 1), json::out_of_range);
+  writeFile(dir / "mtb_data.json", R"({"code":{"a":1}})");
+  EXPECT_THROW(experiment->refresh(), std::runtime_error);
+}
+
+TEST_F(MtbCapture, MissingDataFileAndClose) {
+  std::filesystem::remove(dir / "mtb_data.json");
+  auto experiment = openExperiment();
+  experiment->refresh();
+  EXPECT_EQ(experiment->indexingStatus, "COMPLETED");
+  EXPECT_EQ(lines(*experiment, 0, 10).model.size, 0);
+  experiment->close();
+  EXPECT_EQ(experiment->indexingStatus, "CLOSED");
+  EXPECT_TRUE(experiment->outputs.empty());
+  EXPECT_EQ(experiment->discontinuityTable, nullptr);
+  EXPECT_EQ(experiment->exportCsv(dir / "x.csv", ""), -1);
+}
+
+}  // namespace
+}  // namespace VSKTspServer

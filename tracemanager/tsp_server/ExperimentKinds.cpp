@@ -1,0 +1,59 @@
+#include "ExperimentKinds.hpp"
+
+#include <map>
+#include <mutex>
+
+#include "ETBExperiment.hpp"
+#include "MTBExperiment.hpp"
+#include "TDFExperiment.hpp"
+
+namespace VSKTspServer {
+
+namespace {
+
+struct KindTable {
+  std::mutex mutex;  // guards makers
+  std::map<std::string, ExperimentMaker> makers;
+};
+
+template <typename Kind>
+ExperimentMaker makerOf() {
+  return [](const std::string& name, DataBroker* broker) -> std::unique_ptr<VSKExperiment> {
+    return std::make_unique<Kind>(name, broker);
+  };
+}
+
+// Built on first use, so nothing runs at load time.
+KindTable& kindTable() {
+  static KindTable* table = [] {
+    auto* t = new KindTable;
+    t->makers["MTB"] = makerOf<MTBExperiment>();
+    t->makers["ETB"] = makerOf<ETBExperiment>();
+    t->makers["TDF"] = makerOf<TDFExperiment>();
+    return t;
+  }();
+  return *table;
+}
+
+}  // namespace
+
+void registerExperimentKind(const std::string& type, ExperimentMaker maker) {
+  auto& table = kindTable();
+  std::lock_guard lock(table.mutex);
+  table.makers[type] = std::move(maker);
+}
+
+std::unique_ptr<VSKExperiment> makeExperiment(const std::string& type, const std::string& name,
+                                              DataBroker* broker) {
+  ExperimentMaker maker;
+  {
+    auto& table = kindTable();
+    std::lock_guard lock(table.mutex);
+    auto it = table.makers.find(type);
+    if (it == table.makers.end()) return nullptr;
+    maker = it->second;
+  }
+  return maker(name, broker);
+}
+
+}  // namespace VSKTspServer

@@ -1,0 +1,82 @@
+#include "TableLinesWriter.hpp"
+
+#include <charconv>
+
+namespace VSKTspServer {
+
+namespace {
+
+template <typename Int>
+void appendInt(std::string& out, Int value) {
+  char digits[24];
+  auto [end, ec] = std::to_chars(digits, digits + sizeof digits, value);
+  out.append(digits, end);
+}
+
+// Text that needs no escape and no UTF-8 check: printable ASCII without the
+// quote and the backslash.
+bool isPlain(const std::string& text) {
+  for (unsigned char c : text) {
+    if (c < 0x20 || c >= 0x80 || c == '"' || c == '\\') return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void appendJsonString(std::string& out, const std::string& text) {
+  if (isPlain(text)) {
+    out += '"';
+    out += text;
+    out += '"';
+    return;
+  }
+  // Escapes and UTF-8 validation exactly as the JSON library does them,
+  // including its exception for invalid bytes.
+  out += nlohmann::json(text).dump();
+}
+
+std::string writeTableLinesResponse(const TableLinesResponse& response) {
+  const TableLinesModel& model = response.model;
+  std::string out;
+  size_t cellCount = 0;
+  for (const auto& line : model.lines) cellCount += line.cells.size();
+  out.reserve(128 + model.columnIds.size() * 4 + model.lines.size() * 40 + cellCount * 32);
+
+  out += R"({"model":{"columnIds":[)";
+  for (size_t i = 0; i < model.columnIds.size(); ++i) {
+    if (i) out += ',';
+    appendInt(out, model.columnIds[i]);
+  }
+  out += R"(],"lines":[)";
+  for (size_t l = 0; l < model.lines.size(); ++l) {
+    const TableLine& line = model.lines[l];
+    if (l) out += ',';
+    out += R"({"cells":[)";
+    for (size_t c = 0; c < line.cells.size(); ++c) {
+      if (c) out += ',';
+      out += R"({"content":)";
+      appendJsonString(out, line.cells[c].content);
+      out += R"(,"tags":)";
+      appendInt(out, line.cells[c].tags);
+      out += '}';
+    }
+    out += R"(],"index":)";
+    appendInt(out, line.index);
+    out += R"(,"tags":)";
+    appendInt(out, line.tags);
+    out += '}';
+  }
+  out += R"(],"lowIndex":)";
+  appendInt(out, model.lowIndex);
+  out += R"(,"size":)";
+  appendInt(out, model.size);
+  out += R"(},"status":)";
+  appendJsonString(out, response.status);
+  out += R"(,"statusMessage":)";
+  appendJsonString(out, response.statusMessage);
+  out += '}';
+  return out;
+}
+
+}  // namespace VSKTspServer

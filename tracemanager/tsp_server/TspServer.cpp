@@ -1,0 +1,213 @@
+#include "TspServer.hpp"
+
+#include <httplib.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "Logger.hpp"
+#include "ModelManager.hpp"
+#include "TspApi.hpp"
+
+namespace VSKTspServer {
+
+std::mutex tspMutex;
+ModelManager* theModelManager = nullptr;
+const std::string tspApiPrefix = "/tsp/api";
+
+namespace {
+
+// Whether the request running on this pool thread took `tspMutex` in the
+// pre-routing handler. The library calls the post-routing handler also for
+// answers made before routing (a malformed request line, a URI too long),
+// where nothing was locked; only the request that took the lock releases it.
+// Lock and unlock of one request happen on the same pool thread, and a pool
+// thread serves one request at a time, so a thread-local marker is exact.
+thread_local bool tHoldsTspLock = false;
+
+void lockForRequest() {
+  // A request that ended without reaching the post-routing handler would
+  // leave the marker set; this thread still owns the lock then, and locking
+  // again would deadlock.
+  if (tHoldsTspLock) return;
+  tspMutex.lock();
+  tHoldsTspLock = true;
+}
+
+void unlockForRequest() {
+  if (!tHoldsTspLock) return;
+  tHoldsTspLock = false;
+  tspMutex.unlock();
+}
+
+void errorPage(const httplib::Request&, httplib::Response& res) {
+  char page[512];
+  std::snprintf(page, sizeof page, "<p>Error Status: <span style='color:red;'>%d</span></p>",
+                res.status);
+  res.set_content(page, "text/html");
+}
+
+void accessLog(const httplib::Request& req, const httplib::Response& res) {
+  if (QX_LOG_LEVEL() >= 3) {
+    Logger::instance().log(QX_NLV::kLogFunction, 0, "TSPServer: %s(%s) => [%d]",
+                           req.method.c_str(), req.path.c_str(), res.status);
+  }
+}
+
+}  // namespace
+
+TspServer::TspServer() = default;
+
+TspServer::~TspServer() {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::~TspServer");
+  try {
+    terminate();
+  } catch (const std::exception& e) {
+    QX_LOG_ERROR("VSKTspServer::TspServer::~TspServer: %s", e.what());
+  }
+}
+
+void TspServer::run() {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::run");
+  if (QX_LOG_LEVEL() >= 3) Logger::instance().log(QX_NLV::kLogMessage, 0, "Create TSP HTTP server");
+  httplib::Server* srv = nullptr;
+  {
+    std::lock_guard lock(lifecycleMutex_);
+    // One run per object; a terminated object stays terminated.
+    if (terminating_ || server) return;
+    server = std::make_unique<httplib::Server>();
+    srv = server.get();
+    running_ = true;
+  }
+  serve(*srv);
+  {
+    std::lock_guard lock(lifecycleMutex_);
+    running_ = false;
+  }
+  listenEnded_.notify_all();
+}
+
+void TspServer::serve(httplib::Server& srv) {
+  if (!srv.is_valid()) {
+    if (QX_LOG_LEVEL() >= 1)
+      Logger::instance().log(QX_NLV::kLogError, 0, "Failed: Create TSP HTTP server");
+    listenFailed_.store(true, std::memory_order_release);
+    return;
+  }
+  srv.set_error_handler(errorPage);
+  srv.set_logger(accessLog);
+  srv.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
+    lockForRequest();
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
+  srv.set_post_routing_handler(
+      [](const httplib::Request&, httplib::Response&) { unlockForRequest(); });
+  // Without this a keep-alive answer waits for the client's delayed ACK
+  // (about 40 ms) under Nagle's algorithm. It changes latency only.
+  srv.set_tcp_nodelay(true);
+  srv.Get("/stop", [&srv](const httplib::Request&, httplib::Response&) { srv.stop(); });
+
+  {
+    std::lock_guard lock(tspMutex);
+    // The routes reach the model through the one process-wide pointer, so
+    // only one server object may serve at a time.
+    if (theModelManager) {
+      QX_LOG_ERROR("VSKTspServer::TspServer::run: another trace server is already serving");
+      listenFailed_.store(true, std::memory_order_release);
+      return;
+    }
+    ownManager_ = new ModelManager(&srv);
+    theModelManager = ownManager_;
+  }
+  TspApi::registerRoutes(srv);
+  {
+    std::lock_guard lock(tspMutex);
+    ownManager_->setStatus("UP");
+  }
+  started.store(true, std::memory_order_release);
+  if (QX_LOG_LEVEL() >= 3)
+    Logger::instance().log(QX_NLV::kLogMessage, 0, "TSP HTTP server listening to %d", port);
+
+  {
+    std::lock_guard lock(lifecycleMutex_);
+    if (terminating_) return;
+  }
+  // listen() is bind plus accept loop; the two steps are taken apart only
+  // to tell a taken port from a stop.
+  if (!srv.bind_to_port("localhost", port)) {
+    listenFailed_.store(true, std::memory_order_release);
+    return;
+  }
+  srv.listen_after_bind();
+}
+
+bool TspServer::isListening() const {
+  std::lock_guard lock(lifecycleMutex_);
+  return running_ && server && server->is_running();
+}
+
+void TspServer::terminate() {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::terminate");
+  std::unique_ptr<httplib::Server> stopped;
+  {
+    std::unique_lock lock(lifecycleMutex_);
+    terminating_ = true;
+    // stop() does nothing until the listener runs, so keep asking until
+    // `run` has left the listener. When listen returns, the library has
+    // joined its workers: no request is in flight any more.
+    while (running_) {
+      if (server) server->stop();
+      listenEnded_.wait_for(lock, std::chrono::milliseconds(20));
+    }
+    stopped = std::move(server);
+  }
+  stopped.reset();
+
+  ModelManager* manager = nullptr;
+  {
+    std::lock_guard lock(tspMutex);
+    manager = ownManager_;
+    ownManager_ = nullptr;
+    if (theModelManager == manager) theModelManager = nullptr;
+  }
+  if (manager) {
+    QX_TRACE_NAME("%s(...)\n", "VSKTspServer::ModelManager::~ModelManager");
+    delete manager;
+  }
+}
+
+void TspServer::refresh(std::string usecase) {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::refresh");
+  QX_TRACE_ARG("usecase", usecase.c_str());
+  std::lock_guard lock(tspMutex);
+  if (theModelManager) theModelManager->refreshExperiment(usecase);
+}
+
+void TspServer::refreshLive() {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::refreshLive");
+  std::lock_guard lock(tspMutex);
+  if (theModelManager) theModelManager->openExperiment("LiveTarget", {});
+}
+
+DataBroker* TspServer::getDataBroker() {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::getDataBroker");
+  std::lock_guard lock(tspMutex);
+  return theModelManager ? theModelManager->getDataBroker() : nullptr;
+}
+
+int TspServer::exportCaptureToCSV(std::string target, std::string type, std::string file) {
+  QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::exportCaptureToCSV");
+  std::lock_guard lock(tspMutex);
+  if (!theModelManager) return -1;
+  return theModelManager->exportCaptureToCSV(std::move(target), std::move(type), std::move(file));
+}
+
+TspServer* createServer() noexcept {
+  try {
+    return new TspServer();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+}  // namespace VSKTspServer

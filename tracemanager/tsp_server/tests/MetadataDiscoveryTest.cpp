@@ -1,0 +1,60 @@
+#include "MetadataDiscovery.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "CaptureTree.hpp"
+#include "ModelManager.hpp"
+
+namespace VSKTspServer {
+namespace {
+
+using testing::CaptureTree;
+
+std::vector<std::string> sorted(std::vector<std::string> v) {
+  std::sort(v.begin(), v.end());
+  return v;
+}
+
+TEST(MetadataDiscoveryTest, UserDirectoryComesFromUserProfile) {
+  CaptureTree tree;
+  EXPECT_EQ(getUserDir({".QX-trace", "data"}), (tree.root() / ".QX-trace" / "data").string());
+}
+
+TEST(MetadataDiscoveryTest, FindsOnlyFilesNamedMetadataOutsideHiddenEntries) {
+  CaptureTree tree;
+  const auto live = tree.liveTargets();
+  tree.addLiveCapture("Probe/M4", "MTB");
+  // Nested capture below another capture directory is found too.
+  CaptureTree::writeFile(live / "Probe/M4/MTB/inner/metadata", "{}");
+  CaptureTree::writeFile(live / "Probe/M4/.hidden/metadata", "{}");
+  CaptureTree::writeFile(live / "Probe/M4/ETB/.metadata", "{}");
+  CaptureTree::writeFile(live / "Probe/M4/ETB/metadata.json", "{}");
+
+  ModelManager manager(nullptr);
+  EXPECT_EQ(sorted(manager.findMetadataFiles("")),
+            sorted({(live / "Probe/M4/MTB/metadata").string(),
+                    (live / "Probe/M4/MTB/inner/metadata").string()}));
+}
+
+TEST(MetadataDiscoveryTest, RootIsSplitOnSlashesAndEmptyPiecesDropOut) {
+  CaptureTree tree;
+  tree.addLiveCapture("a/b", "MTB");
+  tree.addLiveCapture("c/d", "TDF");
+  ModelManager manager(nullptr);
+  const auto found = manager.findMetadataFiles("a//b");
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0], (tree.liveTargets() / "a/b/MTB/metadata").string());
+  EXPECT_EQ(manager.findMetadataFiles("").size(), 2u);
+}
+
+TEST(MetadataDiscoveryTest, MissingTreeGivesNothing) {
+  CaptureTree tree;
+  ModelManager manager(nullptr);
+  EXPECT_TRUE(manager.findMetadataFiles("").empty());
+  EXPECT_TRUE(manager.findMetadataFiles("no/such/target").empty());
+}
+
+}  // namespace
+}  // namespace VSKTspServer

@@ -1,0 +1,178 @@
+#include "TspServer.hpp"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "CaptureTree.hpp"
+#include "ModelManager.hpp"
+#include "ServerFixture.hpp"
+
+namespace VSKTspServer {
+namespace {
+
+using testing::CaptureTree;
+using testing::errorPage;
+using testing::RunningServer;
+
+TEST(TspServerTest, HealthAnswersUpWithExactStatusAndContentType) {
+  CaptureTree tree;
+  RunningServer running;
+  ASSERT_TRUE(running.server().isStarted());
+  auto res = running.client()->Get("/tsp/api/health");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_EQ(res->get_header_value("Content-Type"), "application/json");
+  EXPECT_EQ(res->body, R"({"status":"UP"})");
+}
+
+TEST(TspServerTest, UnknownPathAndWrongMethodAnswer404WithTheErrorPage) {
+  CaptureTree tree;
+  RunningServer running;
+  auto client = running.client();
+  std::vector<httplib::Result> results;
+  results.push_back(client->Get("/tsp/api/nothing"));
+  results.push_back(client->Delete("/tsp/api/health"));
+  results.push_back(client->Get("/tsp/api/experiments/bad!id"));
+  for (const auto& res : results) {
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 404);
+    EXPECT_EQ(res->get_header_value("Content-Type"), "text/html");
+    EXPECT_EQ(res->body, errorPage(404));
+  }
+}
+
+TEST(TspServerTest, MalformedBodyGives500WithExceptionTextAndNextRequestIsServed) {
+  CaptureTree tree;
+  RunningServer running;
+  auto client = running.client();
+  auto bad = client->Post("/tsp/api/experiments", "{not json", "application/json");
+  ASSERT_TRUE(bad);
+  EXPECT_EQ(bad->status, 500);
+  EXPECT_NE(bad->get_header_value("EXCEPTION_WHAT").find("parse error"), std::string::npos);
+  EXPECT_EQ(bad->body, errorPage(500));
+  auto good = client->Get("/tsp/api/health");
+  ASSERT_TRUE(good);
+  EXPECT_EQ(good->status, 200);
+}
+
+// A request line the library rejects before routing still passes the
+// post-routing handler; it must not release a lock it never took.
+TEST(TspServerTest, RequestRejectedBeforeRoutingLeavesTheLockIntact) {
+  CaptureTree tree;
+  RunningServer running;
+  for (int i = 0; i < 3; ++i) {
+    httplib::Client raw("localhost", running.port());
+    auto res = raw.Get(std::string(9000, 'x').insert(0, "/"));  // URI too long
+    ASSERT_TRUE(res);
+    EXPECT_GE(res->status, 400);
+    EXPECT_EQ(res->body, errorPage(res->status));
+  }
+  auto good = running.client()->Get("/tsp/api/health");
+  ASSERT_TRUE(good);
+  EXPECT_EQ(good->status, 200);
+  // The lock is free again: the capture side can take it.
+  running.server().refresh("");
+}
+
+TEST(TspServerTest, StopAnswersEmpty200ThenRefusesConnectionsAndTerminateStillWorks) {
+  CaptureTree tree;
+  RunningServer running;
+  auto res = running.client()->Get("/stop");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_TRUE(res->body.empty());
+  running.join();  // run returns once the listener has stopped
+  EXPECT_FALSE(running.server().isListening());
+  EXPECT_FALSE(running.client()->Get("/tsp/api/health"));
+  // The model stays until terminate.
+  EXPECT_NE(running.server().getDataBroker(), nullptr);
+  running.server().terminate();
+  running.server().terminate();
+  EXPECT_EQ(running.server().getDataBroker(), nullptr);
+  EXPECT_EQ(theModelManager, nullptr);
+}
+
+TEST(TspServerTest, OperationsBeforeRunDoNothing) {
+  TspServer server;
+  server.refresh("");
+  server.refreshLive();
+  EXPECT_EQ(server.getDataBroker(), nullptr);
+  EXPECT_EQ(server.exportCaptureToCSV("t", "MTB", ""), -1);
+  server.terminate();
+  server.run();  // a terminated object does not serve
+  EXPECT_FALSE(server.isStarted());
+}
+
+TEST(TspServerTest, TakenPortIsReportedAndRunReturns) {
+  CaptureTree tree;
+  const int port = testing::freeLoopbackPort();
+  httplib::Server blocker;  // bound, never accepting
+  ASSERT_TRUE(blocker.bind_to_port("localhost", port));
+  TspServer server;
+  server.port = port;
+  server.run();  // returns at once
+  EXPECT_TRUE(server.isStarted());
+  EXPECT_TRUE(server.listenFailed());
+  server.terminate();
+  EXPECT_EQ(theModelManager, nullptr);
+}
+
+TEST(TspServerTest, SecondServerInTheProcessDoesNotTakeOverTheModel) {
+  CaptureTree tree;
+  RunningServer first;
+  ModelManager* model = theModelManager;
+  TspServer second;
+  second.port = testing::freeLoopbackPort();
+  second.run();
+  EXPECT_TRUE(second.listenFailed());
+  second.terminate();
+  EXPECT_EQ(theModelManager, model);
+  auto res = first.client()->Get("/tsp/api/health");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+}
+
+TEST(TspServerTest, TerminateWithAnOpenKeepAliveConnectionReturns) {
+  CaptureTree tree;
+  auto running = std::make_unique<RunningServer>();
+  auto client = running->client();
+  client->set_keep_alive(true);
+  ASSERT_TRUE(client->Get("/tsp/api/health"));
+  const auto begin = std::chrono::steady_clock::now();
+  running.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+}
+
+// Requests from several connections and the capture side's calls run beside
+// each other without a data race (the ThreadSanitizer build checks this).
+TEST(TspServerTest, RequestsAndCaptureSideCallsAreSerialised) {
+  CaptureTree tree;
+  tree.addLiveCapture("Probe/M4", "TDF");
+  RunningServer running;
+  std::atomic<int> ok{0};
+  std::vector<std::thread> clients;
+  for (int t = 0; t < 4; ++t) {
+    clients.emplace_back([&] {
+      auto client = running.client();
+      for (int i = 0; i < 10; ++i) {
+        auto res = client->Get("/tsp/api/experiments");
+        if (res && res->status == 200) ++ok;
+      }
+    });
+  }
+  for (int i = 0; i < 10; ++i) {
+    running.server().refreshLive();
+    running.server().refresh("");
+  }
+  for (auto& c : clients) c.join();
+  EXPECT_EQ(ok.load(), 40);
+}
+
+}  // namespace
+}  // namespace VSKTspServer
