@@ -22,6 +22,8 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runShell},
     {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
      ostrand::runServe},
+    // Until the `gen` dispatcher lands, the Wattline generator has a row of its own.
+    {"gen-wattline", "write a simulated Wattline power capture directory", ostrand::runGenWattline},
 };
 
 void printUsage(FILE* out) {
