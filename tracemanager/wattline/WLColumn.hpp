@@ -43,9 +43,25 @@ class WLColumn {
   // Makes the column exist with `count` zero elements, dropping old content.
   void allocate(size_t count) {
     reset();
-    if (count > 0) data_ = static_cast<T*>(detail::mapZeroed(count * sizeof(T)));
-    size_ = count;
-    exists_ = true;
+    adopt(count);
+  }
+  // Makes the column exist with `count` elements. The memory of `spare` is
+  // taken over when it has exactly that size (its content is then stale:
+  // the caller overwrites every element); otherwise fresh zeroed memory.
+  void allocateFrom(WLColumn& spare, size_t count) {
+    reset();
+    if (spare.data_ != nullptr && spare.size_ == count) {
+      swap(spare);
+      exists_ = true;
+      return;
+    }
+    spare.reset();
+    adopt(count);
+  }
+  // Takes the content away into `spare` (this column then does not exist).
+  void retireInto(WLColumn& spare) noexcept {
+    spare.reset();
+    swap(spare);
   }
   // Back to "does not exist"; the memory goes back to the system.
   void reset() noexcept {
@@ -54,6 +70,7 @@ class WLColumn {
     size_ = 0;
     exists_ = false;
   }
+
 
   bool exists() const { return exists_; }
   size_t size() const { return size_; }
@@ -73,6 +90,12 @@ class WLColumn {
   }
 
  private:
+  void adopt(size_t count) {
+    if (count > 0) data_ = static_cast<T*>(detail::mapZeroed(count * sizeof(T)));
+    size_ = count;
+    exists_ = true;
+  }
+
   T* data_ = nullptr;
   size_t size_ = 0;
   bool exists_ = false;

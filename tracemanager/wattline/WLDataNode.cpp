@@ -15,6 +15,10 @@
 
 #include "WLStateDecoders.hpp"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace VSKTspServer {
 
 namespace detail {
@@ -64,6 +68,73 @@ struct Accumulator {
   }
   ValueStats stats() const { return {count, min, max, sum / static_cast<double>(count)}; }
 };
+
+// Records are decoded in groups of this many; block starts are multiples
+// of it, so each group's slice of every column is 16-byte aligned.
+constexpr uint64_t kGroup = 8;
+
+// Columns larger than this are written with streaming stores: they cannot
+// stay in the cache anyway, and a plain store would first read each line
+// it writes.
+constexpr uint64_t kStreamingBytes = uint64_t{8} << 20;
+
+struct ColumnPointers {
+  uint64_t* t;
+  uint32_t* w0;
+  uint32_t* w1;
+  uint32_t* c;
+  uint16_t* v;
+  uint32_t* e;
+};
+
+#if defined(__SSE2__)
+template <typename T>
+void stream16(T* to, const T* from, size_t bytes) {
+  for (size_t i = 0; i < bytes; i += 16) {
+    _mm_stream_si128(reinterpret_cast<__m128i*>(reinterpret_cast<uint8_t*>(to) + i),
+                     _mm_load_si128(reinterpret_cast<const __m128i*>(
+                         reinterpret_cast<const uint8_t*>(from) + i)));
+  }
+}
+
+// Decodes `groups` groups of records with two state words (kWords) or none,
+// staging each group in registers and writing it with streaming stores.
+template <bool kWords>
+uint32_t decodeStreaming(const uint8_t* bytes, uint64_t groups, uint32_t stride, uint8_t tag,
+                         ColumnPointers out) {
+  uint32_t wrong = 0;
+  alignas(16) uint64_t t[kGroup];
+  alignas(16) uint32_t w0[kGroup], w1[kGroup], c[kGroup], e[kGroup];
+  alignas(16) uint16_t v[kGroup];
+  for (uint64_t g = 0; g < groups; ++g) {
+#pragma GCC unroll 8
+    for (uint64_t k = 0; k < kGroup; ++k, bytes += stride) {
+      const uint64_t head = loadLE<uint64_t>(bytes);
+      wrong |= static_cast<uint8_t>(head) ^ tag;
+      t[k] = head >> 8;
+      const uint8_t* tail = bytes + 8;
+      if constexpr (kWords) {
+        w0[k] = loadLE<uint32_t>(bytes + 8);
+        w1[k] = loadLE<uint32_t>(bytes + 12);
+        tail = bytes + 16;
+      }
+      c[k] = currentOf(loadLE<uint32_t>(tail));
+      v[k] = voltageOf(loadLE<uint16_t>(tail + 4));
+      e[k] = loadLE<uint32_t>(tail + 6);
+    }
+    const uint64_t at = g * kGroup;
+    stream16(out.t + at, t, sizeof t);
+    if constexpr (kWords) {
+      stream16(out.w0 + at, w0, sizeof w0);
+      stream16(out.w1 + at, w1, sizeof w1);
+    }
+    stream16(out.c + at, c, sizeof c);
+    stream16(out.v + at, v, sizeof v);
+    stream16(out.e + at, e, sizeof e);
+  }
+  return wrong;
+}
+#endif
 
 }  // namespace
 
@@ -116,12 +187,15 @@ void WLDataNode::dropStream() {
   hasStream_ = false;
   byteCount = 0;
   recordCount = 0;
-  times.reset();
-  energies.reset();
-  currents.reset();
-  voltages.reset();
+  times.retireInto(spare_.times);
+  energies.retireInto(spare_.energies);
+  currents.retireInto(spare_.currents);
+  voltages.retireInto(spare_.voltages);
+  spare_.stateWords = std::move(stateWords);
   stateWords.clear();
 }
+
+void WLDataNode::releaseSpare() { spare_ = Spare{}; }
 
 void WLDataNode::readKind(uint8_t first) {
   uint32_t type = first & 0x0Fu;
@@ -153,10 +227,14 @@ bool WLDataNode::readFile(const std::string& folder, const std::string& fileName
   dropStream();
   std::string path = folder + "/" + fileName;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  if (fd < 0) {
+    releaseSpare();
+    return false;
+  }
   struct stat info {};
   if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
     ::close(fd);
+    releaseSpare();
     return false;
   }
   source_ = std::make_unique<Source>(fd, path);
@@ -196,15 +274,31 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
     v[i] = voltageOf(loadLE<uint16_t>(r + 4));
     e[i] = loadLE<uint32_t>(r + 6);
   };
+  uint64_t first = 0;
+#if defined(__SSE2__)
+  if (streaming_ && (recordType == kTypePlain || stateWordCount == 2)) {
+    const uint64_t groups = count / kGroup;
+    ColumnPointers out{t, nullptr, nullptr, c, v, e};
+    if (recordType == kTypePlain) {
+      wrong |= decodeStreaming<false>(bytes, groups, stride, tag, out);
+    } else {
+      out.w0 = stateWords[0].data() + at;
+      out.w1 = stateWords[1].data() + at;
+      wrong |= decodeStreaming<true>(bytes, groups, stride, tag, out);
+    }
+    first = groups * kGroup;
+    bytes += first * stride;
+  }
+#endif
   if (recordType == kTypePlain) {
-    for (uint64_t i = 0; i < count; ++i, bytes += stride) {
+    for (uint64_t i = first; i < count; ++i, bytes += stride) {
       head(bytes, i);
       tail(bytes + 8, i);
     }
   } else if (stateWordCount == 2) {
     uint32_t* w0 = stateWords[0].data() + at;
     uint32_t* w1 = stateWords[1].data() + at;
-    for (uint64_t i = 0; i < count; ++i, bytes += stride) {
+    for (uint64_t i = first; i < count; ++i, bytes += stride) {
       head(bytes, i);
       w0[i] = loadLE<uint32_t>(bytes + 8);
       w1[i] = loadLE<uint32_t>(bytes + 12);
@@ -228,7 +322,10 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
 
 void WLDataNode::decode() {
   if (!hasStream_ || source_ == nullptr) return;
-  if (recordType != kTypeWithStates && recordType != kTypePlain) return;
+  if (recordType != kTypeWithStates && recordType != kTypePlain) {
+    releaseSpare();
+    return;
+  }
 
   const bool plain = recordType == kTypePlain;
   recordSize = plain ? kSizePlain : kSizeWithStates;
@@ -250,31 +347,43 @@ void WLDataNode::decode() {
     recordCount = std::min(recordCount, fitting);
   }
 
-  times.allocate(recordCount);
-  energies.allocate(recordCount);
-  currents.allocate(recordCount);
-  voltages.allocate(recordCount);
+  times.allocateFrom(spare_.times, recordCount);
+  energies.allocateFrom(spare_.energies, recordCount);
+  currents.allocateFrom(spare_.currents, recordCount);
+  voltages.allocateFrom(spare_.voltages, recordCount);
   stateWords.clear();
   stateWords.resize(stateWordCount);
-  for (auto& column : stateWords) column.allocate(recordCount);
+  spare_.stateWords.resize(stateWordCount);
+  for (size_t w = 0; w < stateWordCount; ++w) {
+    stateWords[w].allocateFrom(spare_.stateWords[w], recordCount);
+  }
+  releaseSpare();
 
-  const uint64_t perBlock = std::max<uint64_t>(1, kBlockBytes / stride);
+  const uint64_t perBlock = std::max<uint64_t>(kGroup, kBlockBytes / stride / kGroup * kGroup);
+  streaming_ = recordCount * stride > kStreamingBytes;
   for (uint64_t at = 0; at < recordCount; at += perBlock) {
     const uint64_t n = std::min(perBlock, recordCount - at);
     const uint8_t* bytes = source_->read(stride + at * stride, n * stride);
     const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
     if (good < n) {
-      // Records from the bad one on read as never decoded.
-      const uint64_t from = at + good, len = n - good;
+      // Records from the bad one on read as never decoded (reused columns
+      // may hold an earlier stream beyond this block, so all of it goes).
+      const uint64_t from = at + good, len = recordCount - from;
       std::memset(times.data() + from, 0, len * sizeof(uint64_t));
       std::memset(energies.data() + from, 0, len * sizeof(uint32_t));
       std::memset(currents.data() + from, 0, len * sizeof(uint32_t));
       std::memset(voltages.data() + from, 0, len * sizeof(uint16_t));
       for (auto& column : stateWords) std::memset(column.data() + from, 0, len * sizeof(uint32_t));
+#if defined(__SSE2__)
+      if (streaming_) _mm_sfence();
+#endif
       source_.reset();
       throw std::runtime_error("Corrupted buffer");
     }
   }
+#if defined(__SSE2__)
+  if (streaming_) _mm_sfence();  // streaming stores are weakly ordered
+#endif
   // The columns hold all the stream says; the file is not needed again.
   source_.reset();
 }

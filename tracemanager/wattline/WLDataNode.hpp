@@ -135,8 +135,21 @@ class WLDataNode {
   uint64_t decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t at, uint8_t tag,
                        uint32_t stride);
 
+  // Columns of the previous load, kept from readFile until decode: a
+  // stream decoded again at the same length (a refresh of an unchanged
+  // file) reuses their memory instead of faulting in fresh pages.
+  struct Spare {
+    WLColumn<uint64_t> times;
+    WLColumn<uint32_t> energies, currents;
+    WLColumn<uint16_t> voltages;
+    std::vector<WLColumn<uint32_t>> stateWords;
+  };
+  void releaseSpare();
+
   std::unique_ptr<Source> source_;
+  Spare spare_;
   bool hasStream_ = false;
+  bool streaming_ = false;  // this decode writes with streaming stores
 };
 
 }  // namespace VSKTspServer

@@ -149,6 +149,40 @@ TEST(WLDataNodeDecode, ManyBlocksDecodeLikeOne) {
   }
 }
 
+TEST(WLDataNodeDecode, LargeStreamsDecodeLikeSmallOnes) {
+  // Beyond a few mebibytes the columns are written by another road; the
+  // values, the unaligned tail and a bad record must come out the same.
+  constexpr uint64_t kRecords = 400005, kBad = 399001;
+  StreamBuilder s(0x07, 2);
+  for (uint64_t i = 0; i < kRecords; ++i) {
+    const uint32_t u = static_cast<uint32_t>(i);
+    s.add({i * 10 + 1, {u * 3, ~u}, i % 1000 == 0 ? 0xFFFFFFFFu : u * 5,
+           static_cast<uint16_t>(i % 7 == 0 ? 0xFFFF : i), u * 11});
+  }
+  WLDataNode node;
+  auto& bytes = s.bytes();
+  node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
+  node.decode();
+  ASSERT_EQ(node.recordCount, kRecords);
+  for (uint64_t i : {uint64_t{0}, uint64_t{7}, uint64_t{8}, uint64_t{1000}, uint64_t{20161},
+                     uint64_t{333333}, kRecords - 1}) {
+    const uint32_t u = static_cast<uint32_t>(i);
+    EXPECT_EQ(node.times[i], i * 10 + 1) << i;
+    EXPECT_EQ(node.stateWords[0][i], u * 3) << i;
+    EXPECT_EQ(node.stateWords[1][i], ~u) << i;
+    EXPECT_EQ(node.currents[i], i % 1000 == 0 ? 0u : u * 5) << i;
+    EXPECT_EQ(node.voltages[i], i % 7 == 0 ? 0 : static_cast<uint16_t>(i)) << i;
+    EXPECT_EQ(node.energies[i], u * 11) << i;
+  }
+  // Decoded again into the same columns, a bad record clears all after it.
+  bytes[26 * (kBad + 1)] = 0x17;
+  node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
+  EXPECT_THROW(node.decode(), std::runtime_error);
+  EXPECT_EQ(node.times[kBad - 1], (kBad - 1) * 10 + 1);
+  EXPECT_EQ(node.times[kBad], 0u);
+  EXPECT_EQ(node.energies[kRecords - 1], 0u);
+}
+
 TEST(WLDataNodeDecode, RecordKindsWithoutLayoutDecodeNothing) {
   TempDir dir;
   WLDataNode node;
