@@ -33,16 +33,30 @@ function(ostrand_add_test name)
   endif()
 endfunction()
 
-# The shared module. Every MODULE library is linked whole, so the exports of
-# each subsystem survive; everything not marked OSTRAND_EXPORT stays hidden.
+# The shared module, made of every MODULE library; everything not marked
+# OSTRAND_EXPORT stays hidden.
 function(ostrand_add_module)
   get_property(libs GLOBAL PROPERTY OSTRAND_MODULE_LIBS)
   add_library(Ostrand SHARED ${CMAKE_SOURCE_DIR}/cmake/module_anchor.cpp)
-  target_link_libraries(Ostrand PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,${libs}>")
+  # Every object of every subsystem goes in, so each export survives even
+  # when nothing else in the module calls it. Linking the libraries as well
+  # brings their dependencies; nothing more is taken from the archives, as
+  # all their symbols are already defined.
+  foreach(lib IN LISTS libs)
+    target_sources(Ostrand PRIVATE $<TARGET_OBJECTS:${lib}>)
+  endforeach()
+  target_link_libraries(Ostrand PRIVATE ${libs})
   target_link_options(Ostrand PRIVATE -Wl,--no-undefined -Wl,--exclude-libs,ALL)
+  # $ORIGIN: the module finds the libraries that lie beside it (the logger
+  # factory) wherever the tree is.
   set_target_properties(Ostrand PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${OSTRAND_MODULE_DIR}
-    OUTPUT_NAME Ostrand)
+    OUTPUT_NAME Ostrand
+    BUILD_RPATH "$ORIGIN"
+    INSTALL_RPATH "$ORIGIN")
   get_property(tsan GLOBAL PROPERTY OSTRAND_TSAN_TESTS)
   add_custom_target(tsan_tests DEPENDS ${tsan})
+  # The test script reads which executables the ThreadSanitizer run covers.
+  list(JOIN tsan "\n" tsanLines)
+  file(WRITE ${CMAKE_BINARY_DIR}/tsan_tests.txt "${tsanLines}\n")
 endfunction()

@@ -1,0 +1,217 @@
+// `ostrand shell`: JSON commands in, replies and events out, one per line.
+//
+// The module is loaded with dlopen as a debug host loads it. Every outgoing
+// text goes to standard output on its own line as it arrives, from a printer
+// thread, so receive() never waits for the terminal. At end of input the
+// shell waits (bounded) for the replies still owed, releases the connection
+// and unloads the module.
+#include <json/json.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "ExitCodes.hpp"
+#include "HostConnection.hpp"
+#include "ModuleLoader.hpp"
+#include "Subcommands.hpp"
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace ostrand {
+
+namespace {
+
+constexpr const char* kHelp =
+    "usage: ostrand shell [--module PATH] [--wait SECONDS]\n"
+    "\n"
+    "Loads the trace module, opens a connection and sends it one JSON message per\n"
+    "line of standard input. Every reply and event is printed on its own line to\n"
+    "standard output, as the module wrote it. Empty lines and lines starting with\n"
+    "'#' are skipped.\n"
+    "\n"
+    "Messages:  {\"command\":\"listCommands\",\"id\":1}\n"
+    "           {\"command\":\"cloudTrace.getTestString\",\"id\":2,\"data\":[\"hi\"]}\n"
+    "           {\"cancel\":2}\n"
+    "\n"
+    "Options:\n"
+    "  --module PATH    the module to load (default: the one built beside this\n"
+    "                   program, or $OSTRAND_MODULE)\n"
+    "  --wait SECONDS   at end of input, how long to wait for replies still owed\n"
+    "                   (default 10)\n"
+    "  --help           this text\n"
+    "\n"
+    "Exit codes: 0 all lines sent and answered; 2 bad options; 3 module not found\n"
+    "or not loadable; 4 a line could not be sent; 1 replies still owed when the\n"
+    "wait ran out.\n";
+
+// Replies still owed, by id. A command expects one reply; a cancel of an id
+// still owed removes that debt (a cancelled command never answers).
+class ReplyLedger {
+ public:
+  void sent(const std::string& line) {
+    Json::Value root;
+    Json::Reader reader;
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (!reader.parse(line, root) || !root.isObject()) {
+      ++owed_["null"];  // the module answers an unparsable text with an error
+      return;
+    }
+    if (root["command"].isNull() && !root["cancel"].isNull()) {
+      auto it = owed_.find(key(root["cancel"]));
+      if (it != owed_.end() && --it->second == 0) owed_.erase(it);
+      return;
+    }
+    ++owed_[key(root["id"])];
+  }
+
+  void received(const std::string& text) {
+    Json::Value root;
+    Json::Reader reader;
+    if (!reader.parse(text, root) || !root.isObject()) return;
+    const char* key = root.isMember("response") ? "response" : root.isMember("error") ? "error" : nullptr;
+    if (key == nullptr) return;  // an event
+    std::lock_guard<std::mutex> guard(mutex_);
+    // A reply carries the id as the module read it, which need not be the
+    // text the client wrote (a missing id answers as 0); any reply pays one
+    // debt, its own when it can be found.
+    auto it = owed_.find(this->key(root[key]));
+    if (it == owed_.end()) it = owed_.begin();
+    if (it != owed_.end() && --it->second == 0) owed_.erase(it);
+  }
+
+  size_t owed() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    size_t total = 0;
+    for (const auto& entry : owed_) total += entry.second;
+    return total;
+  }
+
+ private:
+  // 7, 7.0 and "7" stay apart; an integer is the same key whatever its sign type.
+  static std::string key(const Json::Value& id) {
+    if (id.isUInt64()) return std::to_string(id.asUInt64());
+    if (id.isInt64()) return std::to_string(id.asInt64());
+    Json::FastWriter writer;
+    return writer.write(id);
+  }
+  mutable std::mutex mutex_;
+  std::map<std::string, size_t> owed_;  // guarded by mutex_
+};
+
+std::string defaultModulePath() {
+  if (const char* env = std::getenv("OSTRAND_MODULE"); env != nullptr && *env != '\0') return env;
+  return OSTRAND_DEFAULT_MODULE;
+}
+
+}  // namespace
+
+int runShell(int argc, char** argv) {
+  std::string modulePath = defaultModulePath();
+  double waitSeconds = 10;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kHelp, stdout);
+      return kExitOk;
+    }
+    if ((arg == "--module" || arg == "--wait") && i + 1 < argc) {
+      std::string value = argv[++i];
+      if (arg == "--module") {
+        modulePath = value;
+      } else {
+        try {
+          waitSeconds = std::stod(value);
+        } catch (const std::exception&) {
+          std::fprintf(stderr, "ostrand shell: --wait needs a number of seconds, not '%s'\n", value.c_str());
+          return kExitUsage;
+        }
+      }
+      continue;
+    }
+    std::fprintf(stderr, "ostrand shell: unknown option '%s' (see ostrand shell --help)\n", arg.c_str());
+    return kExitUsage;
+  }
+
+  hostkit::ModuleLoader loader;
+  if (!loader.load(modulePath)) {
+    std::fprintf(stderr, "ostrand shell: %s\n  Build the project or pass --module PATH to libOstrand.so.\n",
+                 loader.error().c_str());
+    return kExitNoModule;
+  }
+  uint32_t count = 0;
+  const char* const* names = loader.listModules(&count);
+  if (count == 0 || names == nullptr || names[0] == nullptr) {
+    std::fprintf(stderr, "ostrand shell: %s offers no JSON interface module\n", modulePath.c_str());
+    return kExitNoModule;
+  }
+
+  hostkit::QueueHostConnection host;
+  auto* connection = loader.createModule(names[0], &host);
+  if (connection == nullptr) {
+    std::fprintf(stderr, "ostrand shell: the module refused a connection to '%s'\n", names[0]);
+    return kExitNoModule;
+  }
+
+  ReplyLedger ledger;
+  std::atomic<bool> stopPrinter{false};
+  std::thread printer([&] {
+    while (!stopPrinter.load()) {
+      if (auto text = host.next(std::chrono::milliseconds(50))) {
+        ledger.received(*text);
+        std::fwrite(text->data(), 1, text->size(), stdout);
+        std::fputc('\n', stdout);
+        std::fflush(stdout);
+      }
+    }
+  });
+
+  int exitCode = kExitOk;
+  std::string line;
+  size_t lineNumber = 0;
+  while (std::getline(std::cin, line)) {
+    ++lineNumber;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    size_t first = line.find_first_not_of(" \t");
+    if (first == std::string::npos || line[first] == '#') continue;
+    if (line.find('\0') != std::string::npos) {
+      std::fprintf(stderr, "ostrand shell: line %zu holds a NUL byte and cannot be sent; skipped\n", lineNumber);
+      exitCode = kExitBadInput;
+      continue;
+    }
+    ledger.sent(line);
+    connection->send(line.c_str());
+  }
+
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(waitSeconds);
+  while (ledger.owed() > 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  size_t owed = ledger.owed();
+  connection->release();
+  // Texts that arrived before release are still printed.
+  while (auto text = host.next(std::chrono::milliseconds(0))) {
+    std::fwrite(text->data(), 1, text->size(), stdout);
+    std::fputc('\n', stdout);
+  }
+  stopPrinter.store(true);
+  printer.join();
+  std::fflush(stdout);
+  if (owed > 0) {
+    std::fprintf(stderr, "ostrand shell: %zu repl%s still owed after %.1f s; giving up\n", owed,
+                 owed == 1 ? "y" : "ies", waitSeconds);
+    if (exitCode == kExitOk) exitCode = kExitFailure;
+  }
+  return exitCode;
+}
+
+}  // namespace ostrand
+
+#pragma GCC diagnostic pop

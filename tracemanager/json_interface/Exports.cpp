@@ -1,0 +1,59 @@
+// The module's exported entry points, with plain C names.
+//
+// Load order of the module-wide state matters: the connection list is built
+// before the WorkQueue, so at unload the queue stops first (tasks not yet
+// started are dropped) and the connections still open are destroyed after,
+// each telling its host closed() once.
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "HostApis.hpp"
+#include "Logger.hpp"
+#include "OstrandExport.hpp"
+#include "TraceManagerConnection.hpp"
+#include "WorkQueue.hpp"
+
+namespace {
+
+const char* const moduleNames[] = {"trace"};
+
+// Runs at load, in this order.
+struct ModuleState {
+  ModuleState() {
+    TraceManagerConnection::all();
+    WorkQueue::instance();
+  }
+};
+ModuleState moduleState;
+
+}  // namespace
+
+OSTRAND_C_EXPORT const char* const* ListJSONInterfaceModules(uint32_t* count) {
+  if (count != nullptr) *count = 1;
+  return moduleNames;
+}
+
+OSTRAND_C_EXPORT JSONInterface::ExternalModule::ModuleConnection* CreateJSONInterfaceModule(
+    const char* name, HostConnection* host) {
+  if (name == nullptr || std::strcmp(name, moduleNames[0]) != 0) return nullptr;
+  try {
+    auto connection = std::make_unique<TraceManagerConnection>(host);
+    auto* raw = connection.get();
+    TraceManagerConnection::all().push_back(std::move(connection));
+    return raw;
+  } catch (const std::exception& e) {
+    // Nothing may leave the module; a host sees a failed creation as null.
+    QX_LOG_ERROR("CreateJSONInterfaceModule: %s", e.what());
+    return nullptr;
+  }
+}
+
+OSTRAND_C_EXPORT void InitializeSymbolManagerAPI(void* api) { QX_NLV::setSymbolManagerApi(api); }
+
+OSTRAND_C_EXPORT void InitializeDisAsmManagerAPI(void* api) { QX_NLV::setDisAsmManagerApi(api); }
+
+// The trace server comes with the server library; until it is linked into
+// the module there is no server object to give, and a host sees null as it
+// would for any failure here.
+OSTRAND_C_EXPORT void* CreateServer() { return nullptr; }

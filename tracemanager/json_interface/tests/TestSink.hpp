@@ -1,0 +1,34 @@
+// A sink that keeps every outgoing text, safe to fill from several threads.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Translator.hpp"
+
+class TestSink {
+ public:
+  JSONInterface::Translator::Sink sink() {
+    return [this](const std::string& text) {
+      std::lock_guard<std::mutex> guard(mutex_);
+      texts_.push_back(text);
+    };
+  }
+  std::vector<std::string> texts() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return texts_;
+  }
+  std::string last() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return texts_.empty() ? std::string() : texts_.back();
+  }
+  void clear() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    texts_.clear();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> texts_;
+};
