@@ -8,5 +8,6 @@ namespace ostrand {
 int runShell(int argc, char** argv);
 int runServe(int argc, char** argv);
 int runGenWattline(int argc, char** argv);
+int runGen(int argc, char** argv);
 
 }  // namespace ostrand

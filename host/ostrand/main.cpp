@@ -24,6 +24,8 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runServe},
     // Until the `gen` dispatcher lands, the Wattline generator has a row of its own.
     {"gen-wattline", "write a simulated Wattline power capture directory", ostrand::runGenWattline},
+    {"gen", "write sample capture directories (MTB, TDF, placeholders) into a data tree",
+     ostrand::runGen},
 };
 
 void printUsage(FILE* out) {

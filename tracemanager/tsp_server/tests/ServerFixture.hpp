@@ -35,6 +35,47 @@ inline int freeLoopbackPort() {
   return ntohs(addr.sin_port);
 }
 
+// Listens on `port` on both loopback addresses (where they exist) and
+// never accepts.
+class PortBlocker {
+ public:
+  explicit PortBlocker(int port) {
+    int v4 = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a4{};
+    a4.sin_family = AF_INET;
+    a4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a4.sin_port = htons(static_cast<uint16_t>(port));
+    if (v4 >= 0 && ::bind(v4, reinterpret_cast<sockaddr*>(&a4), sizeof a4) == 0 &&
+        ::listen(v4, 1) == 0)
+      fds_[0] = v4, ok_ = true;
+    else if (v4 >= 0)
+      ::close(v4);
+    int v6 = ::socket(AF_INET6, SOCK_STREAM, 0);
+    sockaddr_in6 a6{};
+    a6.sin6_family = AF_INET6;
+    a6.sin6_addr = in6addr_loopback;
+    a6.sin6_port = htons(static_cast<uint16_t>(port));
+    if (v6 >= 0 && ::bind(v6, reinterpret_cast<sockaddr*>(&a6), sizeof a6) == 0 &&
+        ::listen(v6, 1) == 0) {
+      fds_[1] = v6;
+    } else if (v6 >= 0) {
+      // No IPv6 loopback here: the IPv4 socket covers "localhost" alone.
+      ::close(v6);
+    }
+  }
+  ~PortBlocker() {
+    for (int fd : fds_)
+      if (fd >= 0) ::close(fd);
+  }
+  PortBlocker(const PortBlocker&) = delete;
+  PortBlocker& operator=(const PortBlocker&) = delete;
+  bool blocking() const { return ok_; }
+
+ private:
+  int fds_[2] = {-1, -1};
+  bool ok_ = false;
+};
+
 class RunningServer {
  public:
   explicit RunningServer(int port = freeLoopbackPort()) : port_(port) {

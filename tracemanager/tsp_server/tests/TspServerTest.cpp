@@ -112,8 +112,10 @@ TEST(TspServerTest, OperationsBeforeRunDoNothing) {
 TEST(TspServerTest, TakenPortIsReportedAndRunReturns) {
   CaptureTree tree;
   const int port = testing::freeLoopbackPort();
-  httplib::Server blocker;  // bound, never accepting
-  ASSERT_TRUE(blocker.bind_to_port("localhost", port));
+  // "localhost" may stand for both loopback addresses; the server takes
+  // whichever it can bind, so the port is taken only when both are.
+  testing::PortBlocker blocker(port);
+  ASSERT_TRUE(blocker.blocking());
   TspServer server;
   server.port = port;
   server.run();  // returns at once
@@ -138,6 +140,9 @@ TEST(TspServerTest, SecondServerInTheProcessDoesNotTakeOverTheModel) {
   EXPECT_EQ(res->status, 200);
 }
 
+// An idle keep-alive connection holds its worker until the library's
+// keep-alive timeout (5 s); terminate waits for it rather than destroying
+// the server under it, and then returns.
 TEST(TspServerTest, TerminateWithAnOpenKeepAliveConnectionReturns) {
   CaptureTree tree;
   auto running = std::make_unique<RunningServer>();
@@ -146,7 +151,7 @@ TEST(TspServerTest, TerminateWithAnOpenKeepAliveConnectionReturns) {
   ASSERT_TRUE(client->Get("/tsp/api/health"));
   const auto begin = std::chrono::steady_clock::now();
   running.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
 }
 
 // Requests from several connections and the capture side's calls run beside

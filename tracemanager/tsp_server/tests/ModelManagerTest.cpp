@@ -1,0 +1,184 @@
+#include "ModelManager.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "CaptureTree.hpp"
+#include "ExperimentKinds.hpp"
+#include "VSKExperiment.hpp"
+#include "VSKTrace.hpp"
+
+namespace VSKTspServer {
+namespace {
+
+using testing::CaptureTree;
+
+std::string readFile(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> experimentNames(ModelManager& manager) {
+  std::vector<std::string> names;
+  for (auto* e : manager.getExperiments()) names.push_back(e->name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(ModelManagerTest, LiveScanNamesExperimentsByDeviceAndASecondScanCreatesNothing) {
+  CaptureTree tree;
+  auto mtb = tree.addLiveCapture("Probe/Cortex_M4_0", "MTB");
+  CaptureTree::writeFile(mtb / "mtb_data.json", CaptureTree::mtbDocument(2, 3).dump());
+  tree.addLiveCapture("Probe/Cortex_M4_0", "TDF");
+  ModelManager manager(nullptr);
+
+  EXPECT_NE(manager.openExperiment("LiveTarget", {}), nullptr);
+  EXPECT_EQ(experimentNames(manager),
+            (std::vector<std::string>{"Cortex_M4_0_CoreTrace", "Cortex_M4_0_TDF"}));
+  for (auto* e : manager.getExperiments()) EXPECT_EQ(e->indexingStatus, "COMPLETED");
+
+  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
+  EXPECT_EQ(manager.getExperiments().size(), 2u);
+  EXPECT_EQ(manager.getTraceUUIDs().size(), 2u);
+}
+
+TEST(ModelManagerTest, ScanRemovesTheTraceAndExperimentOfAVanishedCapture) {
+  CaptureTree tree;
+  auto gone = tree.addLiveCapture("Probe/M0", "MTB");
+  tree.addLiveCapture("Probe/M4", "TDF");
+  ModelManager manager(nullptr);
+  manager.openExperiment("LiveTarget", {});
+  ASSERT_EQ(manager.getExperiments().size(), 2u);
+  VSKExperiment* removed = manager.getExperimentByName("M0_CoreTrace");
+  ASSERT_NE(removed, nullptr);
+  const std::string removedId = removed->UUID;
+
+  std::filesystem::remove_all(gone);
+  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
+  EXPECT_EQ(experimentNames(manager), (std::vector<std::string>{"M4_TDF"}));
+  EXPECT_EQ(manager.getExperiment(removedId), nullptr);
+  EXPECT_EQ(manager.getTraceUUIDs().size(), 1u);
+}
+
+TEST(ModelManagerTest, PlainNameFindsTheExperimentThroughItsFirstTrace) {
+  CaptureTree tree;
+  auto dir = tree.addLiveCapture("Probe/M4", "TDF");
+  ModelManager manager(nullptr);
+  VSKTrace* trace = manager.openTrace(dir.string(), "TDF", "");
+  ASSERT_NE(trace, nullptr);
+  EXPECT_EQ(trace->type, "TDF");
+  EXPECT_EQ(manager.openTrace(dir.string(), "again", ""), trace);
+
+  VSKExperiment* first = manager.openExperiment("my experiment", {trace->UUID});
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->name, "M4_TDF");  // named from the device, not the caller
+  EXPECT_EQ(manager.openExperiment("my experiment", {trace->UUID}), first);
+  EXPECT_EQ(manager.getExperiments().size(), 1u);
+}
+
+TEST(ModelManagerTest, DeviceWithoutSlashTakesTheScanRootAsStem) {
+  CaptureTree tree;
+  tree.addLiveCapture("M0", "MTB", {{"typeId", "MTB"}, {"device", "M0"}});
+  ModelManager manager(nullptr);
+  manager.openExperiment("LiveTarget", {});
+  EXPECT_EQ(experimentNames(manager), (std::vector<std::string>{"_CoreTrace"}));
+}
+
+TEST(ModelManagerTest, MetadataWithoutDeviceStopsTheScanAndKeepsOpenedTraces) {
+  CaptureTree tree;
+  tree.addLiveCapture("Probe/M4", "MTB", {{"typeId", "MTB"}});
+  ModelManager manager(nullptr);
+  EXPECT_THROW(manager.openExperiment("LiveTarget", {}), nlohmann::json::type_error);
+  EXPECT_EQ(manager.getTraceUUIDs().size(), 1u);
+  EXPECT_TRUE(manager.getExperiments().empty());
+}
+
+TEST(ModelManagerTest, UnreadableMetadataAddsNoTrace) {
+  CaptureTree tree;
+  CaptureTree::writeFile(tree.liveTargets() / "Probe/M4/MTB/metadata", "");
+  ModelManager manager(nullptr);
+  EXPECT_THROW(manager.openExperiment("LiveTarget", {}), nlohmann::json::parse_error);
+  EXPECT_TRUE(manager.getTraceUUIDs().empty());
+}
+
+TEST(ModelManagerTest, UnknownKindCreatesNoExperiment) {
+  CaptureTree tree;
+  tree.addLiveCapture("Probe/M4", "NOPE");
+  ModelManager manager(nullptr);
+  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
+  EXPECT_EQ(manager.getTraceUUIDs().size(), 1u);
+  EXPECT_TRUE(manager.getExperiments().empty());
+}
+
+TEST(ModelManagerTest, PathEndingRightAfterLiveTargetThrows) {
+  CaptureTree tree;
+  ModelManager manager(nullptr);
+  EXPECT_THROW(manager.openTrace("LiveTarget", "", ""), std::out_of_range);
+  EXPECT_EQ(manager.openTrace("LiveTarget/", "", ""), nullptr);  // empty tree
+}
+
+TEST(ModelManagerTest, DeletedExperimentIsClosedAndOutlivesTheMap) {
+  CaptureTree tree;
+  tree.addLiveCapture("Probe/M4", "TDF");
+  ModelManager manager(nullptr);
+  VSKExperiment* opened = manager.openExperiment("LiveTarget", {});
+  ASSERT_NE(opened, nullptr);
+  auto removed = manager.deleteExperiment(opened->UUID);
+  ASSERT_NE(removed, nullptr);
+  EXPECT_EQ(removed->indexingStatus, "CLOSED");
+  EXPECT_EQ(manager.getExperiment(removed->UUID), nullptr);
+  EXPECT_EQ(manager.deleteExperiment(removed->UUID), nullptr);
+  manager.refreshExperiment("no-such-uuid");  // ignored
+  manager.refreshExperiment("");
+}
+
+TEST(ModelManagerTest, ExportWritesTheMainTableOfAMatchingCapture) {
+  CaptureTree tree;
+  // A TDF capture lies in the file-target tree, which scans do not visit.
+  const auto dir = tree.root() / ".QX-trace/data/file-targets/file/rec/TDF";
+  CaptureTree::writeFile(dir / "metadata", CaptureTree::defaultMetadata("file/rec", "TDF").dump());
+  CaptureTree::writeFile(dir / "tdf_data.json", CaptureTree::tdfDocument(2).dump());
+  ModelManager manager(nullptr);
+  const auto file = tree.root() / "out.csv";
+  // No experiment yet: the export opens the capture itself.
+  EXPECT_EQ(manager.exportCaptureToCSV("rec", "TDF", file.string()), 0);
+  EXPECT_EQ(readFile(file), "Time,Event\r\n0,\"a,b\"\r\n1,\r\n");
+  ASSERT_NE(manager.getExperimentByName("rec_TDF"), nullptr);
+  EXPECT_EQ(manager.exportCaptureToCSV("rec", "TDF", (tree.root() / "no/dir/x.csv").string()),
+            -1);
+}
+
+// A power-capture kind plugged in from outside, as the layer that links it
+// does. It records which export was asked for.
+class RecordingExperiment : public VSKExperiment {
+ public:
+  using VSKExperiment::VSKExperiment;
+  void refresh() override {}
+  int exportCsv(std::string path, std::string outputName) override {
+    exports.push_back(path);
+    return 0;
+  }
+  std::vector<std::string> exports;
+};
+
+TEST(ModelManagerTest, RegisteredKindIsCreatedAndWattlineExportFindsItByName) {
+  registerExperimentKind("WL", [](const std::string& name, DataBroker* broker) {
+    return std::make_unique<RecordingExperiment>(name, broker);
+  });
+  CaptureTree tree;
+  tree.addLiveCapture("Probe/Board", "WL");
+  ModelManager manager(nullptr);
+  manager.openExperiment("LiveTarget", {});
+  auto* experiment = dynamic_cast<RecordingExperiment*>(manager.getExperimentByName("Board_WL"));
+  ASSERT_NE(experiment, nullptr);
+  // The trace type is "WL", so only the name fallback finds it.
+  EXPECT_EQ(manager.exportCaptureToCSV("Probe/Board", "Wattline", "w.csv"), 0);
+  EXPECT_EQ(experiment->exports, (std::vector<std::string>{"w.csv"}));
+}
+
+}  // namespace
+}  // namespace VSKTspServer
