@@ -22,9 +22,7 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runShell},
     {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
      ostrand::runServe},
-    // Until the `gen` dispatcher lands, the Wattline generator has a row of its own.
-    {"gen-wattline", "write a simulated Wattline power capture directory", ostrand::runGenWattline},
-    {"gen", "write sample capture directories (MTB, TDF, placeholders) into a data tree",
+    {"gen", "write sample capture directories (MTB, TDF, Wattline, placeholders) into a data tree",
      ostrand::runGen},
 };
 
