@@ -10,9 +10,11 @@
 //    the process's peak resident memory during the open (`peak_vs_file`) and
 //    once open (`rss_vs_file`), both as multiples of the file size.
 //
-// The stream is a generated capture (type 7, version-4 states). The open
-// benchmark's file goes to $OSTRAND_BENCH_DIR (default /tmp) and is kept for
-// later runs; $OSTRAND_WL_BENCH_GIB sets its size (default 4).
+// The stream is a generated capture (type 7, version-4 states), written to
+// $OSTRAND_BENCH_DIR (default: the system's temporary directory) and removed
+// at the end of the run unless $OSTRAND_BENCH_KEEP is set (then a later run
+// reuses it). The open benchmarks run only when asked, as they need a large
+// file: $OSTRAND_WL_BENCH_GIB=<size in GiB> (4 for the reference figure).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -36,8 +38,22 @@ constexpr double kRate = 100000.0;
 
 std::string benchDir() {
   const char* dir = std::getenv("OSTRAND_BENCH_DIR");
-  return dir != nullptr && *dir != '\0' ? dir : "/tmp";
+  return dir != nullptr && *dir != '\0' ? dir : std::filesystem::temp_directory_path().string();
 }
+
+bool keepFiles() {
+  const char* keep = std::getenv("OSTRAND_BENCH_KEEP");
+  return keep != nullptr && *keep != '\0' && std::strcmp(keep, "0") != 0;
+}
+
+// The size of the open benchmarks' file, 0 when they are not asked for.
+double openGib() {
+  const char* gib = std::getenv("OSTRAND_WL_BENCH_GIB");
+  return gib != nullptr ? std::atof(gib) : 0.0;
+}
+
+std::string memoryPath() { return benchDir() + "/ostrand-wl-bench-256MiB.bin"; }
+std::string openPath() { return benchDir() + "/ostrand-wl-bench-open.bin"; }
 
 // A generated stream of about `bytes` bytes at `path`, reused when present.
 void ensureStream(const std::string& path, uint64_t bytes) {
@@ -77,9 +93,10 @@ void resetPeakRss() {
 struct MemoryStream {
   std::vector<uint8_t> bytes;
   MemoryStream() {
-    const std::string path = benchDir() + "/ostrand-wl-bench-256MiB.bin";
+    const std::string path = memoryPath();
     ensureStream(path, uint64_t{256} << 20);
     bytes = readAll(path);
+    if (!keepFiles()) std::filesystem::remove(path);
   }
 };
 MemoryStream& memoryStream() {
@@ -130,10 +147,8 @@ void BM_MemoryDecodeFresh(benchmark::State& state) {
 }
 
 void BM_FileRead(benchmark::State& state) {
-  const std::string path = benchDir() + "/ostrand-wl-bench-open.bin";
-  const char* gib = std::getenv("OSTRAND_WL_BENCH_GIB");
-  const double size = (gib != nullptr ? std::atof(gib) : 4.0) * 1073741824.0;
-  ensureStream(path, static_cast<uint64_t>(size));
+  const std::string path = openPath();
+  ensureStream(path, static_cast<uint64_t>(openGib() * 1073741824.0));
   std::vector<uint8_t> block(size_t{1} << 20);
   uint64_t total = 0;
   for (auto _ : state) {
@@ -152,7 +167,7 @@ void BM_FileRead(benchmark::State& state) {
 }
 
 void BM_FileOpen(benchmark::State& state) {
-  const std::string path = benchDir() + "/ostrand-wl-bench-open.bin";
+  const std::string path = openPath();
   const double fileKb = static_cast<double>(std::filesystem::file_size(path)) / 1024.0;
   double peak = 0, open = 0;
   for (auto _ : state) {
@@ -206,13 +221,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
 BENCHMARK(BM_MemoryRead)->Unit(benchmark::kMillisecond)->MinTime(1.0)->UseRealTime();
 BENCHMARK(BM_MemoryDecode)->Unit(benchmark::kMillisecond)->MinTime(1.0)->UseRealTime();
 BENCHMARK(BM_MemoryDecodeFresh)->Unit(benchmark::kMillisecond)->MinTime(1.0)->UseRealTime();
-BENCHMARK(BM_FileRead)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
-BENCHMARK(BM_FileOpen)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
-
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
+  if (openGib() > 0) {
+    benchmark::RegisterBenchmark("BM_FileRead", BM_FileRead)
+        ->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_FileOpen", BM_FileOpen)
+        ->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+  }
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
+  if (!keepFiles()) {
+    std::error_code ec;
+    std::filesystem::remove(memoryPath(), ec);
+    std::filesystem::remove(openPath(), ec);
+  }
   return 0;
 }

@@ -138,13 +138,24 @@ uint32_t decodeStreaming(const uint8_t* bytes, uint64_t groups, uint32_t stride,
 
 }  // namespace
 
-// Where decode() gets its bytes: a file read block by block into one
-// reusable buffer, or a span of memory that the caller keeps alive.
+// Where decode() gets its bytes: a file, or a span of memory that the
+// caller keeps alive. A file is mapped and its blocks decoded straight from
+// the page cache, with no copy; each block is dropped from the mapping once
+// decoded (`done`), so resident memory never holds more than a block of
+// the file beside the columns. A file that cannot be mapped is read block
+// by block into one reusable buffer instead.
 class WLDataNode::Source {
  public:
-  Source(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
-  Source(const uint8_t* bytes, int64_t size) : memory_(bytes), memorySize_(size) {}
+  Source(int fd, std::string path, uint64_t size) : fd_(fd), path_(std::move(path)), size_(size) {
+    if (size_ == 0) return;
+    void* map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
+    if (map == MAP_FAILED) return;
+    map_ = static_cast<const uint8_t*>(map);
+    ::madvise(map, size_, MADV_SEQUENTIAL);
+  }
+  Source(const uint8_t* bytes, int64_t size) : memory_(bytes), size_(static_cast<uint64_t>(size)) {}
   ~Source() {
+    if (map_ != nullptr) ::munmap(const_cast<uint8_t*>(map_), size_);
     if (fd_ >= 0) ::close(fd_);
   }
   Source(const Source&) = delete;
@@ -153,6 +164,17 @@ class WLDataNode::Source {
   // `size` bytes from `offset`, valid until the next call.
   const uint8_t* read(uint64_t offset, size_t size) {
     if (memory_ != nullptr) return memory_ + offset;
+    if (map_ != nullptr) {
+      // The file may have shrunk since it was mapped; touching a page past
+      // its end would fault, so each block checks the size first.
+      struct stat info {};
+      if (offset + size > size_ || ::fstat(fd_, &info) != 0 ||
+          static_cast<uint64_t>(info.st_size) < offset + size) {
+        throw std::runtime_error("Cannot read " + path_ +
+                                 ": the file became shorter while it was decoded");
+      }
+      return map_ + offset;
+    }
     if (block_.size() < size) block_.resize(size);
     size_t done = 0;
     while (done < size) {
@@ -171,11 +193,22 @@ class WLDataNode::Source {
     return block_.data();
   }
 
+  // The bytes offset .. offset + size are decoded: the whole pages among
+  // them leave this process (they stay in the page cache).
+  void done(uint64_t offset, size_t size) const {
+    if (map_ == nullptr) return;
+    const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    const uint64_t begin = (offset + page - 1) / page * page;
+    const uint64_t end = (offset + size) / page * page;
+    if (end > begin) ::madvise(const_cast<uint8_t*>(map_) + begin, end - begin, MADV_DONTNEED);
+  }
+
  private:
   int fd_ = -1;
   std::string path_;
   const uint8_t* memory_ = nullptr;
-  int64_t memorySize_ = 0;
+  const uint8_t* map_ = nullptr;
+  uint64_t size_ = 0;
   std::vector<uint8_t> block_;
 };
 
@@ -237,7 +270,7 @@ bool WLDataNode::readFile(const std::string& folder, const std::string& fileName
     releaseSpare();
     return false;
   }
-  source_ = std::make_unique<Source>(fd, path);
+  source_ = std::make_unique<Source>(fd, path, static_cast<uint64_t>(info.st_size));
   hasStream_ = true;
   byteCount = info.st_size;
   if (byteCount > 0) {
@@ -361,25 +394,33 @@ void WLDataNode::decode() {
 
   const uint64_t perBlock = std::max<uint64_t>(kGroup, kBlockBytes / stride / kGroup * kGroup);
   streaming_ = recordCount * stride > kStreamingBytes;
-  for (uint64_t at = 0; at < recordCount; at += perBlock) {
-    const uint64_t n = std::min(perBlock, recordCount - at);
-    const uint8_t* bytes = source_->read(stride + at * stride, n * stride);
-    const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
-    if (good < n) {
-      // Records from the bad one on read as never decoded (reused columns
-      // may hold an earlier stream beyond this block, so all of it goes).
-      const uint64_t from = at + good, len = recordCount - from;
-      std::memset(times.data() + from, 0, len * sizeof(uint64_t));
-      std::memset(energies.data() + from, 0, len * sizeof(uint32_t));
-      std::memset(currents.data() + from, 0, len * sizeof(uint32_t));
-      std::memset(voltages.data() + from, 0, len * sizeof(uint16_t));
-      for (auto& column : stateWords) std::memset(column.data() + from, 0, len * sizeof(uint32_t));
-#if defined(__SSE2__)
-      if (streaming_) _mm_sfence();
-#endif
-      source_.reset();
-      throw std::runtime_error("Corrupted buffer");
+  // Decodes the blocks of records from..to-1; the index of the first record
+  // with a wrong tag, or `to`.
+  auto decodeRange = [&](uint64_t from, uint64_t to) -> uint64_t {
+    for (uint64_t at = from; at < to; at += perBlock) {
+      const uint64_t n = std::min(perBlock, to - at);
+      const uint8_t* bytes = source_->read(stride + at * stride, n * stride);
+      const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
+      source_->done(stride + at * stride, n * stride);
+      if (good < n) return at + good;
     }
+    return to;
+  };
+  const uint64_t bad = decodeRange(0, recordCount);
+  if (bad < recordCount) {
+    // Records from the bad one on read as never decoded (reused columns
+    // may hold an earlier stream beyond this block, so all of it goes).
+    const uint64_t from = bad, len = recordCount - from;
+    std::memset(times.data() + from, 0, len * sizeof(uint64_t));
+    std::memset(energies.data() + from, 0, len * sizeof(uint32_t));
+    std::memset(currents.data() + from, 0, len * sizeof(uint32_t));
+    std::memset(voltages.data() + from, 0, len * sizeof(uint16_t));
+    for (auto& column : stateWords) std::memset(column.data() + from, 0, len * sizeof(uint32_t));
+#if defined(__SSE2__)
+    if (streaming_) _mm_sfence();
+#endif
+    source_.reset();
+    throw std::runtime_error("Corrupted buffer");
   }
 #if defined(__SSE2__)
   if (streaming_) _mm_sfence();  // streaming stores are weakly ordered
