@@ -162,7 +162,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       auto p50 = run.counters.find("p50_us");
       if (p50 == run.counters.end()) continue;
       const std::string name = run.benchmark_name();
-      const std::string size = name.substr(name.find('/') + 1);
+      std::string size = name.substr(name.find('/') + 1);
+      size = size.substr(0, size.find('/'));
       figures_[size][name.substr(0, name.find('/'))] = p50->second.value;
     }
     ConsoleReporter::ReportRuns(runs);
