@@ -25,6 +25,7 @@
 
 #include "ExitCodes.hpp"
 #include "Subcommands.hpp"
+#include "WLCaptureGenerator.hpp"
 
 namespace ostrand {
 namespace {
@@ -34,7 +35,7 @@ namespace fs = std::filesystem;
 void printGenUsage(FILE* out) {
   std::fprintf(
       out,
-      "usage: ostrand gen mtb|tdf|placeholder|all [options]\n\n"
+      "usage: ostrand gen mtb|tdf|placeholder|wattline|all [options]\n\n"
       "Write sample capture directories (a `metadata` file and a data file) into a\n"
       "data tree, as a capture leaves them, for `ostrand serve` and the tests.\n\n"
       "Kinds:\n"
@@ -43,7 +44,11 @@ void printGenUsage(FILE* out) {
       "  tdf           a TDF recording: a table of columns and rows, tdf_data.json\n"
       "  placeholder   MTB, ETB and TDF captures with only their `metadata`, as\n"
       "                written before any data has arrived\n"
-      "  all           all three, each on its own target\n\n"
+      "  wattline      a power capture (WLData.bin with its state description);\n"
+      "                it has options of its own: see 'ostrand gen wattline --help'\n"
+      "  all           all of them, each on its own target; for wattline one capture\n"
+      "                of every record kind and state description (sim/wl_*), with\n"
+      "                --size samples each\n\n"
       "Options:\n"
       "  --data DIR    user directory; captures go below DIR/.QX-trace/data\n"
       "                (default: $USERPROFILE, else $HOME)\n"
@@ -425,6 +430,43 @@ int genPlaceholder(const GenOptions& o, const std::string& target) {
   return kExitOk;
 }
 
+// Every kind of power capture the server reads: plain records, and records
+// with state words under each version of the state description. Each goes
+// to a target of its own, so each becomes an experiment of its own.
+int genWattlineSet(const GenOptions& o, const std::string& target) {
+  using VSKTspServer::WLStateLayout;
+  const struct {
+    const char* device;
+    uint32_t recordType;
+    WLStateLayout layout;
+  } captures[] = {{"wl_plain", 8, WLStateLayout::kNone},
+                  {"wl_v2", 7, WLStateLayout::kV2},
+                  {"wl_v2_enums", 7, WLStateLayout::kV2Enums},
+                  {"wl_v4", 7, WLStateLayout::kV4},
+                  {"wl_v5", 7, WLStateLayout::kV5}};
+  for (const auto& c : captures) {
+    VSKTspServer::WLGeneratorOptions options;
+    options.recordType = c.recordType;
+    options.layout = c.layout;
+    options.device = target + "/" + c.device;
+    options.seed = o.seed;
+    options.sampleRate = 10'000;
+    options.durationSeconds = static_cast<double>(o.size) / options.sampleRate;
+    const std::string dir = captureDir(o, "live-targets", options.device, "Wattline");
+    Progress progress(options.device, 1000);
+    try {
+      VSKTspServer::writeCaptureDirectory(
+          dir, options, [&](double done) { progress.update(static_cast<uint64_t>(done * 1000)); });
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "ostrand gen: %s; check the --data directory and the free space\n",
+                   e.what());
+      return kExitFailure;
+    }
+    std::printf("%s\n", dir.c_str());
+  }
+  return kExitOk;
+}
+
 struct Kind {
   const char* name;
   const char* defaultTarget;
@@ -441,6 +483,8 @@ constexpr Kind kKinds[] = {
     {"mtb", "Probe/Cortex_M4_0", genMtb, nullptr},
     {"tdf", "file/recording", genTdf, nullptr},
     {"placeholder", "Probe/Cortex_M0_1", genPlaceholder, nullptr},
+    // `gen wattline ...` takes its own options; `gen all` writes the set.
+    {"wattline", "sim", genWattlineSet, runGenWattline},
 };
 
 bool parseNumber(const char* text, uint64_t& value) {
@@ -524,7 +568,7 @@ int runGen(int argc, char** argv) {
     return kExitOk;
   }
   if (o.kind.empty()) {
-    std::fprintf(stderr, "ostrand gen: say which kind to write: mtb, tdf, placeholder or all\n");
+    std::fprintf(stderr, "ostrand gen: say which kind to write: mtb, tdf, placeholder, wattline or all\n");
     return kExitUsage;
   }
   if (o.dataDir.empty()) {
@@ -555,7 +599,7 @@ int runGen(int argc, char** argv) {
   }
   if (!known) {
     std::fprintf(stderr,
-                 "ostrand gen: unknown kind '%s'; choose mtb, tdf, placeholder or all\n",
+                 "ostrand gen: unknown kind '%s'; choose mtb, tdf, placeholder, wattline or all\n",
                  o.kind.c_str());
     return kExitUsage;
   }

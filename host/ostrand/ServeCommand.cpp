@@ -18,7 +18,9 @@
 
 #include "ExitCodes.hpp"
 #include "Subcommands.hpp"
+#include "ExperimentKinds.hpp"
 #include "TspServer.hpp"
+#include "WLExperimentKind.hpp"
 
 namespace ostrand {
 
@@ -106,6 +108,9 @@ int runServe(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+  // Power captures are served by the Wattline library, which the server
+  // itself does not link.
+  VSKTspServer::registerWattlineKinds(VSKTspServer::registerExperimentKind);
   VSKTspServer::TspServer server;
   server.port = options.port;
   std::thread serving([&server] { server.run(); });

@@ -22,7 +22,7 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runShell},
     {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
      ostrand::runServe},
-    {"gen", "write sample capture directories (MTB, TDF, placeholders) into a data tree",
+    {"gen", "write sample capture directories (MTB, TDF, Wattline, placeholders) into a data tree",
      ostrand::runGen},
     {"lookup", "function, file, line and source of addresses or symbols in an ARM ELF file",
      ostrand::runLookup},

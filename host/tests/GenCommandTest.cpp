@@ -12,6 +12,8 @@
 #include "MTBExperiment.hpp"
 #include "Subcommands.hpp"
 #include "TDFExperiment.hpp"
+#include "WLExperiment.hpp"
+#include "WLStateDecoders.hpp"
 
 namespace {
 
@@ -126,6 +128,31 @@ TEST_F(GenCommand, AllWritesEveryKind) {
   EXPECT_TRUE(fs::exists(live("Probe/Cortex_M4_0/MTB/mtb_data.json")));
   EXPECT_TRUE(fs::exists(live("Probe/Cortex_M0_1/ETB/metadata")));
   EXPECT_TRUE(fs::exists(root / ".QX-trace/data/file-targets/file/recording/TDF/tdf_data.json"));
+  // One power capture of each kind, each read back by the experiment that
+  // serves it: plain records, and state words under versions 2, 2 with
+  // enumerated modes, 4 and 5.
+  const struct {
+    const char* device;
+    uint32_t recordType;
+    int version;  // 0: no decoder
+    size_t outputs;
+  } captures[] = {{"wl_plain", 8, 0, 3}, {"wl_v2", 7, 2, 4}, {"wl_v2_enums", 7, 2, 4},
+                  {"wl_v4", 7, 4, 4},    {"wl_v5", 7, 5, 4}};
+  for (const auto& c : captures) {
+    SCOPED_TRACE(c.device);
+    const fs::path dir = live(std::string("sim/") + c.device + "/Wattline");
+    WLExperiment experiment("wl", &router);
+    experiment.addTrace(VSKTrace("Wattline", dir.string(), ""));
+    experiment.open();
+    EXPECT_EQ(experiment.nbEvents, 50);
+    EXPECT_EQ(experiment.dataNode->recordType, c.recordType);
+    EXPECT_EQ(experiment.outputs.size(), c.outputs);
+    EXPECT_EQ(experiment.dataNode->dsr != nullptr, c.version != 0);
+    if (c.version != 0) {
+      EXPECT_EQ(experiment.supplement["JState"]["version"], c.version);
+      EXPECT_FALSE(experiment.dataNode->dsr->powerModes.empty());
+    }
+  }
 }
 
 TEST_F(GenCommand, BadCommandLinesAreUsageErrors) {

@@ -1,0 +1,155 @@
+// WLDataNode: the decoded power stream of one Wattline capture.
+//
+// Turns `WLData.bin` into columns (time, energy, current, voltage and, for
+// records with state words, one column per word), computes statistics over a
+// record range, and owns the state decoder (`dsr`) that evaluates the state
+// words against the capture's `JState` description.
+//
+// Memory: the columns already hold everything the file holds, so the raw
+// bytes are never kept. `readFile` opens the file and reads its first byte;
+// `decode` reads it in blocks of about half a mebibyte into one reusable
+// buffer and fills the columns; the file is closed at the end. Peak memory
+// is the columns plus one block, whatever the stream length.
+//
+// Ownership and threads: owned by WLExperiment, shared read-only by its
+// views. No lock of its own: every call happens under the trace server's
+// request lock. Failures: `decode` throws std::runtime_error("Corrupted
+// buffer") on a record whose tag differs from the file's first byte, and
+// std::runtime_error with the system's error text when the file cannot be
+// read; a missing file is not an error (`readFile` answers false).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "WLColumn.hpp"
+
+namespace VSKTspServer {
+
+struct ValueStats {
+  int64_t count = 0;
+  double min = 0.0;
+  double max = 0.0;
+  double mean = 0.0;
+};
+
+// One test on a row of state words; see holds().
+struct StateCondition {
+  int32_t word = 0;
+  uint32_t mask = 0;
+  int32_t shift = 0;
+  uint32_t value = 0;
+
+  // (words[word] AND mask), shifted right by `shift` (left when negative),
+  // equals `value`; a `value` of all ones asks for all bits of the field
+  // set. A word the row does not have never matches.
+  bool holds(std::span<const uint32_t> words) const;
+};
+
+struct StateField {
+  std::string name;
+  std::vector<StateCondition> conditions;
+  std::string group;
+  std::string label;
+
+  bool isActive(std::span<const uint32_t> words) const;
+};
+
+struct StateEntry {
+  uint64_t record = 0;
+  std::string name;
+};
+
+// Position in a sorted list nearest to `value`; a tie goes to the upper
+// position. 0 for an empty list.
+uint64_t nearestIndex(std::span<const uint64_t> sortedList, uint64_t value);
+
+class WLDataNode {
+ public:
+  class DSR_Base;
+  class DSRv2;
+  class DSRv4;
+  class DSRv5;
+
+  // Record types with a layout.
+  static constexpr uint32_t kTypeWithStates = 7;
+  static constexpr uint32_t kTypePlain = 8;
+  static constexpr uint32_t kSizeWithStates = 26;
+  static constexpr uint32_t kSizePlain = 18;
+
+  WLDataNode();
+  ~WLDataNode();
+  WLDataNode(const WLDataNode&) = delete;
+  WLDataNode& operator=(const WLDataNode&) = delete;
+
+  // Opens folder + "/" + fileName and reads the record kind from its first
+  // byte. Drops the columns of an earlier load. False when the file is not
+  // there (or cannot be opened); the node then has no stream.
+  bool readFile(const std::string& folder, const std::string& fileName);
+  // Takes the stream from memory instead of a file; the bytes must stay
+  // alive until decode() returns. Used by generators and benchmarks.
+  void readBuffer(const uint8_t* bytes, int64_t size);
+  // Whether a stream was read (the file existed), even after decode()
+  // dropped its bytes.
+  bool hasStream() const { return hasStream_; }
+
+  // Fills the columns from the stream read by readFile/readBuffer.
+  void decode();
+
+  // Statistics over records first .. last-1, kept in the node.
+  void computeStats(uint64_t first, uint64_t last);
+  // Record index estimate for a time, assuming evenly spaced samples.
+  uint64_t indexOfTime(uint64_t time) const;
+
+  // The state evaluation after a decode: initDefaults, compactRows,
+  // finishRows, reset of the derived lists, evaluateRows. Nothing without
+  // a decoder or a stream.
+  void evaluateStates();
+
+  int64_t byteCount = 0;
+  uint32_t recordSize = 0;
+  uint64_t recordCount = 0;
+  uint32_t recordType = kTypePlain;
+  uint8_t stateWordCount = 0;
+  WLColumn<uint64_t> times;
+  WLColumn<uint32_t> energies;
+  WLColumn<uint32_t> currents;
+  WLColumn<uint16_t> voltages;
+  std::vector<WLColumn<uint32_t>> stateWords;
+  ValueStats powerStats;
+  ValueStats currentStats;
+  ValueStats voltageStats;
+  double duration = 0.0;
+  double energyUsed = 0.0;
+  std::unique_ptr<DSR_Base> dsr;
+
+ private:
+  class Source;
+  void dropStream();
+  void readKind(uint8_t first);
+  // Decodes `count` records at `bytes` into the columns from index `at`;
+  // returns the index of the first record with a wrong tag, or count.
+  uint64_t decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t at, uint8_t tag,
+                       uint32_t stride);
+
+  // Columns of the previous load, kept from readFile until decode: a
+  // stream decoded again at the same length (a refresh of an unchanged
+  // file) reuses their memory instead of faulting in fresh pages.
+  struct Spare {
+    WLColumn<uint64_t> times;
+    WLColumn<uint32_t> energies, currents;
+    WLColumn<uint16_t> voltages;
+    std::vector<WLColumn<uint32_t>> stateWords;
+  };
+  void releaseSpare();
+
+  std::unique_ptr<Source> source_;
+  Spare spare_;
+  bool hasStream_ = false;
+  bool streaming_ = false;  // this decode writes with streaming stores
+};
+
+}  // namespace VSKTspServer

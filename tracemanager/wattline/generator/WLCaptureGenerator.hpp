@@ -1,0 +1,67 @@
+// WLCaptureGenerator: writes realistic Wattline capture directories.
+//
+// A simulated low-power device runs a small firmware loop: it wakes on a
+// timer, runs code (the program counter walks through the functions of a
+// program), now and then drives a serial port, a converter or a radio
+// burst, and sleeps in between. From that one timeline come the current
+// (with noise), the voltage (a source resistance makes it sag under load),
+// the energy counter (the integral of voltage times current, in 0.1 uJ,
+// wrapping at 32 bits) and, for records with state words, the words laid
+// out as the chosen state description says.
+//
+// The stream is written in blocks as it is made, so any duration can be
+// generated in constant memory. Not thread-safe; one object per capture.
+// Failures: std::runtime_error with the path and the system's reason.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace VSKTspServer {
+
+// Which state description goes with a capture of state words.
+enum class WLStateLayout {
+  kNone,        // record type 7 without a description
+  kV2,          // version 2, default mode table and program counter
+  kV2Enums,     // version 2 with its own enumerated modes
+  kV4,          // version 4 with placeholders for whole families of states
+  kV5,          // version 5 with dotted names
+};
+
+struct WLGeneratorOptions {
+  uint32_t recordType = 7;      // 7 (state words) or 8
+  WLStateLayout layout = WLStateLayout::kV4;
+  double durationSeconds = 10.0;
+  uint32_t sampleRate = 10000;  // samples per second
+  uint64_t seed = 1;
+  bool wrapEnergy = true;       // start the counter so that it wraps once
+  std::string device = "sim/cortex_m4_0";
+};
+
+// Parses "none", "v2", "v2-enums", "v4", "v5"; false for anything else.
+bool parseStateLayout(const std::string& text, WLStateLayout& layout);
+
+// The `JState` object for a layout (null for kNone).
+nlohmann::json stateDescription(WLStateLayout layout);
+
+struct WLGeneratorResult {
+  uint64_t records = 0;  // samples, lead-in excluded
+  uint64_t bytes = 0;
+  uint32_t energyWraps = 0;
+};
+
+// Writes `metadata`, `metadataSup.json` and `WLData.bin` into `directory`
+// (made if missing). `progress`, when set, is called now and then with the
+// fraction done.
+WLGeneratorResult writeCaptureDirectory(const std::string& directory,
+                                        const WLGeneratorOptions& options,
+                                        const std::function<void(double)>& progress = {});
+
+// Only the stream, to any path.
+WLGeneratorResult writeStream(const std::string& path, const WLGeneratorOptions& options,
+                              const std::function<void(double)>& progress = {});
+
+}  // namespace VSKTspServer

@@ -1,0 +1,211 @@
+// The table, line graph and summary over nodes decoded from hand-made
+// streams; expected values are worked out here from the samples.
+#include "WLViews.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "WLTestStreams.hpp"
+
+namespace VSKTspServer {
+namespace {
+
+using wltest::Sample;
+using wltest::StreamBuilder;
+using wltest::TempDir;
+
+struct Decoded {
+  std::vector<uint8_t> bytes;
+  WLDataNode node;
+  explicit Decoded(StreamBuilder& s) : bytes(s.bytes()) {
+    node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
+    node.decode();
+  }
+};
+
+TableLinesRequest linesRequest(int64_t index, int32_t count) {
+  TableLinesRequest r;
+  r.requested_table_index = index;
+  r.requested_table_count = count;
+  r.requested_table_column_ids = {0};  // ignored: a line has every cell
+  return r;
+}
+
+TEST(WLTable, StateWordsAsUpperHexWithDsr1First) {
+  StreamBuilder s(0x07, 2);
+  s.add({100, {2147483658u, 0x1F}, 5, 3300, 7}).add({200, {0, 0xABCDEF01}, 6, 3301, 8});
+  Decoded d(s);
+  WLTable table(&d.node);
+  auto columns = table.getColumns("").model;
+  ASSERT_EQ(columns.size(), 6u);
+  EXPECT_EQ(columns[4].name, "DSR1");
+  EXPECT_EQ(columns[5].name, "DSR0");
+  EXPECT_EQ(columns[5].id, 5);
+
+  auto lines = table.getLines(linesRequest(0, 10)).model;
+  EXPECT_EQ(lines.columnIds, (std::vector<int64_t>{0, 1, 2, 3, 4, 5}));
+  ASSERT_EQ(lines.lines.size(), 2u);
+  std::vector<std::string> first;
+  for (auto& c : lines.lines[0].cells) first.push_back(c.content);
+  EXPECT_EQ(first, (std::vector<std::string>{"100", "7", "5", "3300", "1F", "8000000A"}));
+  EXPECT_EQ(lines.lines[1].cells[4].content, "ABCDEF01");
+  EXPECT_EQ(lines.lines[1].cells[5].content, "0");
+}
+
+TEST(WLTable, RangesAndPlainStreams) {
+  StreamBuilder s(0x08, 0);
+  for (uint64_t i = 0; i < 10; ++i) s.add({10 * (i + 1), {}, uint32_t(i), 3000, uint32_t(i)});
+  Decoded d(s);
+  WLTable table(&d.node);
+  EXPECT_EQ(table.getColumns("").model.size(), 4u);
+
+  auto none = table.getLines(linesRequest(2, 0)).model;
+  EXPECT_TRUE(none.lines.empty());
+  EXPECT_EQ(none.size, 10);
+  EXPECT_EQ(none.columnIds, (std::vector<int64_t>{0, 1, 2, 3}));
+
+  auto tail = table.getLines(linesRequest(8, 200)).model;
+  ASSERT_EQ(tail.lines.size(), 2u);
+  EXPECT_EQ(tail.lines[0].index, 8);
+  EXPECT_EQ(tail.lines[1].cells.size(), 4u);
+  EXPECT_EQ(tail.lines[1].cells[0].content, "100");
+
+  auto beyond = table.getLines(linesRequest(50, 5)).model;
+  EXPECT_TRUE(beyond.lines.empty());
+  EXPECT_EQ(beyond.lowIndex, 50);
+
+  WLTable orphan;
+  EXPECT_TRUE(orphan.getColumns("").model.empty());
+  EXPECT_TRUE(orphan.getLines(linesRequest(0, 5)).model.lines.empty());
+}
+
+TEST(WLTable, SlicedExportMatchesTheOneRequestExport) {
+  StreamBuilder s(0x07, 2);
+  for (uint32_t i = 0; i < 1000; ++i) s.add({i + 1ull, {i, i * 3}, i, 3000, i});
+  Decoded d(s);
+  WLTable table(&d.node);
+  TempDir dir;
+  ASSERT_EQ(table.exportCsv(dir.path() + "/whole.csv"), 0);
+  ASSERT_EQ(table.exportInSlices(dir.path() + "/sliced.csv", 7), 0);
+  auto read = [](const std::string& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  };
+  const std::string whole = read(dir.path() + "/whole.csv");
+  EXPECT_EQ(whole.substr(0, 40), "Time,Energy,Current,Voltage,DSR1,DSR0\r\n1");
+  EXPECT_EQ(read(dir.path() + "/sliced.csv"), whole);
+  EXPECT_EQ(table.exportInSlices(dir.path() + "/no/such/dir.csv"), -1);
+}
+
+TEST(WLLineGraph, StrideKeepsAtMostTwiceTheBudget) {
+  for (auto [records, step, points] : {std::tuple{4000, 1, 3999}, std::tuple{4001, 2, 2000}}) {
+    StreamBuilder s(0x08, 0);
+    for (int i = 0; i < records; ++i) s.add({uint64_t(i) * 10, {}, uint32_t(i * 7), 3000, 0});
+    Decoded d(s);
+    WLLineGraph graph(&d.node);
+    auto xy = graph.getXY({-5, int64_t(1) << 60, 0}, {}).model;
+    ASSERT_EQ(xy.series.size(), 1u);
+    const auto& series = xy.series[0];
+    ASSERT_EQ(series.xValues.size(), size_t(points)) << records;
+    EXPECT_EQ(series.xValues[1], step);
+    EXPECT_EQ(series.yValues[1], step * 7);  // a real sample, not an average
+    // The last record itself is not included.
+    EXPECT_LT(series.xValues.back(), records - 1);
+  }
+}
+
+TEST(WLLineGraph, EmptyRangesStillHaveTheSeries) {
+  StreamBuilder s(0x08, 0);
+  for (int i = 0; i < 5; ++i) s.add({uint64_t(i) * 10, {}, 1, 1, 0});
+  Decoded d(s);
+  WLLineGraph graph(&d.node);
+  auto same = graph.getXY({20, 20, 0}, {99}).model;
+  EXPECT_EQ(same.title, "Current");
+  ASSERT_EQ(same.series.size(), 1u);
+  EXPECT_EQ(same.series[0].seriesName, "Current (nA)");
+  EXPECT_TRUE(same.series[0].xValues.empty());
+
+  WLLineGraph orphan;
+  EXPECT_TRUE(orphan.getXY({0, 100, 0}, {}).model.series.at(0).yValues.empty());
+  auto tree = graph.getXYTree(0, 0);
+  ASSERT_EQ(tree.model.entries.size(), 1u);
+  EXPECT_EQ(tree.model.entries[0].id, 1);
+  EXPECT_EQ(tree.model.entries[0].style.values.at("series-type"), "connected-line");
+}
+
+// One milliwatt for three seconds at 3 V and 1 mA (the energy counter in
+// 0.1 uJ steps: 10000 per second).
+StreamBuilder oneMilliwatt() {
+  StreamBuilder s(0x08, 0);
+  for (uint64_t i = 0; i < 4; ++i) {
+    s.add({i * 1'000'000, {}, 1'000'000, 3000, uint32_t(i * 10000)});
+  }
+  return s;
+}
+
+std::vector<std::string> labelsOf(const XYTreeResponse& r, int64_t id) {
+  for (const auto& e : r.model.entries)
+    if (e.id == id) return e.labels;
+  return {};
+}
+
+TEST(WLSummary, FiguresAndCoinCellLife) {
+  StreamBuilder s = oneMilliwatt();
+  Decoded d(s);
+  WLSummary summary(&d.node);
+  auto tree = summary.getXYTree(0, 3'000'000);
+  ASSERT_EQ(tree.model.entries.size(), 14u);
+  // The record at the end of the range is left out: 0 s .. 2 s.
+  EXPECT_EQ(labelsOf(tree, 11), (std::vector<std::string>{"Time", "2.00 sec"}));
+  EXPECT_EQ(labelsOf(tree, 12)[1], "2.000 mJ");
+  EXPECT_EQ(labelsOf(tree, 131)[1], "1.000 mW");
+  EXPECT_EQ(labelsOf(tree, 141)[1], "3.000 V");
+  EXPECT_EQ(labelsOf(tree, 153)[1], "1.000 mA");
+  EXPECT_EQ(labelsOf(tree, 16)[1], "27 day, 12 hour, 0 min");  // 2376000 s
+  EXPECT_EQ(labelsOf(tree, 13), (std::vector<std::string>{"Power"}));
+  EXPECT_FALSE(tree.model.entries[0].hasData);
+  EXPECT_EQ(tree.model.headers.at(1).tooltip, "Energy usage");
+  EXPECT_TRUE(summary.getXY({0, 100, 0}, {}).model.series.empty());
+}
+
+TEST(WLSummary, ShortRangesAndTheLastFiguresStay) {
+  StreamBuilder s = oneMilliwatt();
+  Decoded d(s);
+  WLSummary summary(&d.node);
+  // One record in range: everything zero, the life too.
+  auto one = summary.getXYTree(1'000'000, 1'000'001);
+  EXPECT_EQ(labelsOf(one, 12)[1], "0.000 mJ");
+  EXPECT_EQ(labelsOf(one, 16)[1], "0 day, 0 hour, 0 min");
+  // An empty range shows the last computation again.
+  summary.getXYTree(0, 3'000'000);
+  EXPECT_EQ(labelsOf(summary.getXYTree(5, 5), 11)[1], "2.00 sec");
+  // Rows keep shape with no node at all.
+  WLSummary orphan;
+  EXPECT_EQ(orphan.getXYTree(0, 10).model.entries.size(), 14u);
+  // Beyond 32 bits the life wraps rather than saturates.
+  EXPECT_EQ(WLSummary::coinCellSeconds(1.0, 1e9), uint32_t(uint64_t(2376000) * 1000000000ull));
+}
+
+TEST(WLSummary, CsvOfTheWholeStream) {
+  StreamBuilder s = oneMilliwatt();
+  Decoded d(s);
+  WLSummary summary(&d.node);
+  summary.getXYTree(0, 1'000'000);  // a narrow selection first
+  TempDir dir;
+  ASSERT_EQ(summary.exportCsv(dir.path() + "/summary.csv"), 0);
+  std::ifstream in(dir.path() + "/summary.csv", std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  const std::string csv = text.str();
+  EXPECT_EQ(csv.substr(0, 45), "Name,Value\r\nSystem,\r\nTime,2.00 sec\r\nEnergy,2.");
+  EXPECT_NE(csv.find("CR2032 (220mAh) Life,\"27 day, 12 hour, 0 min\"\r\n"), std::string::npos);
+  EXPECT_DOUBLE_EQ(d.node.duration, 2.0);  // the whole stream stays in the node
+  EXPECT_EQ(summary.exportCsv(dir.path() + "/missing/summary.csv"), -1);
+}
+
+}  // namespace
+}  // namespace VSKTspServer
