@@ -55,7 +55,13 @@ std::string ModelManager::experimentName(std::string name, const VSKTrace& trace
   std::string suffix = trace.type;
   if (suffix == "MTB" || suffix == "ETB") suffix = "CoreTrace";
   if (suffix == "WL+") suffix = "WL++";
-  const std::string device = trace.metadata["device"].get<std::string>();
+  // A missing key reads as null, whose conversion throws the type error
+  // ("type must be string, but is null"); operator[] on a const object must
+  // not be used for that, as it does not check the key.
+  static const nlohmann::json kMissing;
+  const auto found = trace.metadata.find("device");
+  const std::string device =
+      (found != trace.metadata.end() ? *found : kMissing).get<std::string>();
   const auto slash = device.rfind('/');
   const std::string stem = slash == std::string::npos ? name : device.substr(slash + 1);
   return stem + "_" + suffix;
