@@ -6,12 +6,16 @@
 // each telling its host closed() once.
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "HostApis.hpp"
 #include "Logger.hpp"
 #include "OstrandExport.hpp"
+#include "ExperimentKinds.hpp"
 #include "TraceManagerConnection.hpp"
+#include "TspServer.hpp"
+#include "WLExperimentKind.hpp"
 #include "WorkQueue.hpp"
 
 namespace {
@@ -53,7 +57,19 @@ OSTRAND_C_EXPORT void InitializeSymbolManagerAPI(void* api) { QX_NLV::setSymbolM
 
 OSTRAND_C_EXPORT void InitializeDisAsmManagerAPI(void* api) { QX_NLV::setDisAsmManagerApi(api); }
 
-// The trace server comes with the server library; until it is linked into
-// the module there is no server object to give, and a host sees null as it
-// would for any failure here.
-OSTRAND_C_EXPORT void* CreateServer() { return nullptr; }
+// A trace server object on port 1239, owned by the caller; null when it
+// cannot be made. Power captures become experiments through the Wattline
+// library, whose kinds are handed to the server's kind table once, before
+// any server can scan.
+OSTRAND_C_EXPORT void* CreateServer() {
+  try {
+    static std::once_flag kindsRegistered;
+    std::call_once(kindsRegistered,
+                   [] { VSKTspServer::registerWattlineKinds(VSKTspServer::registerExperimentKind); });
+    auto* server = new VSKTspServer::TspServer();
+    server->port = VSKTspServer::TspServer::kDefaultPort;
+    return server;
+  } catch (...) {
+    return nullptr;
+  }
+}
