@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite:
-#   1. the normal build (warnings are errors) with every test and a short
-#      benchmark smoke run,
+#   1. the normal build (warnings are errors) with every test, the end-to-end
+#      test with the published protocol client, and a short benchmark run,
 #   2. the threaded tests under ThreadSanitizer,
 #   3. every test under AddressSanitizer and UndefinedBehaviorSanitizer.
 # Build trees: build/, build-tsan/, build-asan/ beside this script's repo.
@@ -26,6 +26,16 @@ cmake --build build -j"$jobs"
 
 step "tests"
 (cd build && ctest -j"$jobs" --output-on-failure --timeout 300)
+
+step "end-to-end: the published protocol client against the trace server"
+bash tests/e2e/run.sh build
+
+step "benchmarks (short smoke run; the figures are in docs and the closing notes)"
+for b in build/bin/bench_* build/bin/*_bench; do
+  [[ -x "$b" ]] || continue
+  echo "-- $(basename "$b")"
+  "$b" --benchmark_min_time=0.01 --benchmark_color=false 2>&1 | grep -vE '^(Run on|CPU Caches|  L[123]|Load Average|\*\*\*WARNING)'
+done
 
 step "threaded tests under ThreadSanitizer"
 configure build-tsan -DOSTRAND_TSAN=ON -DOSTRAND_BENCH=OFF
