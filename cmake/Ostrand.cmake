@@ -46,7 +46,9 @@ function(ostrand_add_module)
     target_sources(Ostrand PRIVATE $<TARGET_OBJECTS:${lib}>)
   endforeach()
   target_link_libraries(Ostrand PRIVATE ${libs})
-  target_link_options(Ostrand PRIVATE -Wl,--no-undefined -Wl,--exclude-libs,ALL)
+  target_link_options(Ostrand PRIVATE -Wl,--no-undefined -Wl,--exclude-libs,ALL
+    -Wl,--version-script=${CMAKE_SOURCE_DIR}/cmake/module.map)
+  set_property(TARGET Ostrand APPEND PROPERTY LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/module.map)
   # $ORIGIN: the module finds the libraries that lie beside it (the logger
   # factory) wherever the tree is.
   set_target_properties(Ostrand PROPERTIES
@@ -56,4 +58,7 @@ function(ostrand_add_module)
     INSTALL_RPATH "$ORIGIN")
   get_property(tsan GLOBAL PROPERTY OSTRAND_TSAN_TESTS)
   add_custom_target(tsan_tests DEPENDS ${tsan})
+  # The test script reads which executables the ThreadSanitizer run covers.
+  list(JOIN tsan "\n" tsanLines)
+  file(WRITE ${CMAKE_BINARY_DIR}/tsan_tests.txt "${tsanLines}\n")
 endfunction()

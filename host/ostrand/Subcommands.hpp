@@ -8,5 +8,7 @@ namespace ostrand {
 int runShell(int argc, char** argv);
 int runServe(int argc, char** argv);
 int runGen(int argc, char** argv);
+int runLookup(int argc, char** argv);
+int runDisasm(int argc, char** argv);
 
 }  // namespace ostrand

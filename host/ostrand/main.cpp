@@ -24,6 +24,9 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runServe},
     {"gen", "write sample capture directories (MTB, TDF, placeholders) into a data tree",
      ostrand::runGen},
+    {"lookup", "function, file, line and source of addresses or symbols in an ARM ELF file",
+     ostrand::runLookup},
+    {"disasm", "disassemble an address range of an ARM ELF file", ostrand::runDisasm},
 };
 
 void printUsage(FILE* out) {

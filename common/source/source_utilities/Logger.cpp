@@ -1,6 +1,7 @@
 #include "Logger.hpp"
 
 #include <cstdlib>
+#include <new>
 #include <exception>
 
 #include "Platform.hpp"
@@ -40,8 +41,11 @@ LevelSettings settingsFor(int value) {
 }  // namespace
 
 Logger& Logger::instance() {
-  // Never destroyed: log statements may run during static destruction.
-  static Logger* logger = new Logger();
+  // Never destroyed: log statements may run during static destruction. The
+  // object lives in static storage rather than on the heap, so a host that
+  // unloads the module leaves nothing behind unless a log file was opened.
+  alignas(Logger) static unsigned char storage[sizeof(Logger)];
+  static Logger* logger = new (storage) Logger();
   return *logger;
 }
 
@@ -80,11 +84,12 @@ bool Logger::init(const char* fileName, const char* levelVariable, const char* d
   const char* levelText = QX_NLV::getEnvironment(levelVariable);
   int value = *levelText == '\0' ? 0 : std::atoi(levelText);
 
-  auto* created = new QX_NLV::uLogger(path.c_str(), true);  // owned by loggers_/never freed
+  auto* created = new QX_NLV::uLogger(path.c_str(), true);  // kept in instances_, never freed
   LevelSettings settings = settingsFor(value);
   created->setEnabled(settings.enabled);
   created->setToConsole(settings.toConsole);
   created->setToDebugger(settings.toDebugger);
+  instances_.push_back(created);
   if (named) loggers_[fileName] = created;
   ++initCount_;
   current_.store(created, std::memory_order_release);
@@ -169,5 +174,7 @@ void Logger::resetForTesting() {
   current_.store(nullptr);
   level_.store(0);
   initCount_ = 0;
+  // Instances stay alive (in instances_), as in a real process: a thread may
+  // still log through a pointer it read before the reset.
   loggers_.clear();
 }

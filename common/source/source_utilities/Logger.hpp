@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "uLogger.hpp"
 
@@ -58,6 +59,7 @@ class Logger {
   bool named_ = false;    // guarded by initMutex_
   int initCount_ = 0;     // guarded by initMutex_
   std::map<std::string, QX_NLV::uLogger*> loggers_;  // guarded by initMutex_
+  std::vector<QX_NLV::uLogger*> instances_;  // guarded by initMutex_; every instance made
   std::mutex initMutex_;  // guards init against a concurrent init
 };
 

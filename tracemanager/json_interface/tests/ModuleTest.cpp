@@ -91,6 +91,9 @@ class ModuleTest : public ::testing::Test {
     handle = nullptr;
   }
 
+  // Hosts outlive the module: members are destroyed after TearDown has
+  // unloaded it, so no worker can still be inside one of their receive().
+  RecordingHost hosts[3];
   void* handle = nullptr;
   ListJSONInterfaceModulesFn list = nullptr;
   CreateJSONInterfaceModuleFn create = nullptr;
@@ -113,7 +116,7 @@ TEST_F(ModuleTest, NameTableAndCreationByExactName) {
   const char* const* names = list(&count);
   ASSERT_EQ(count, 1u);
   EXPECT_STREQ(names[0], "trace");
-  RecordingHost host;
+  RecordingHost& host = hosts[0];
   for (const char* wrong : {"Trace", "trace ", "", "tracer"}) EXPECT_EQ(create(wrong, &host), nullptr);
   ModuleConnection* c = create("trace", &host);
   ASSERT_NE(c, nullptr);
@@ -124,7 +127,9 @@ TEST_F(ModuleTest, NameTableAndCreationByExactName) {
 }
 
 TEST_F(ModuleTest, ConnectionsShareOneWorkerAndReleaseKeepsTheOthers) {
-  RecordingHost a, b, c;
+  RecordingHost& a = hosts[0];
+  RecordingHost& b = hosts[1];
+  RecordingHost& c = hosts[2];
   ModuleConnection* ca = create("trace", &a);
   ModuleConnection* cb = create("trace", &b);
   ModuleConnection* cc = create("trace", &c);
@@ -145,7 +150,8 @@ TEST_F(ModuleTest, ConnectionsShareOneWorkerAndReleaseKeepsTheOthers) {
 }
 
 TEST_F(ModuleTest, SendReturnsAtOnceWhileTheWorkerIsBusy) {
-  RecordingHost busy, other;
+  RecordingHost& busy = hosts[0];
+  RecordingHost& other = hosts[1];
   Gate gate;
   busy.onReceive = [&](const std::string&) { gate.hold(); };
   ModuleConnection* cBusy = create("trace", &busy);
@@ -163,7 +169,8 @@ TEST_F(ModuleTest, SendReturnsAtOnceWhileTheWorkerIsBusy) {
 }
 
 TEST_F(ModuleTest, ReleaseWithQueuedCommandsSendsNothingAfterwards) {
-  RecordingHost busy, victim;
+  RecordingHost& busy = hosts[0];
+  RecordingHost& victim = hosts[1];
   Gate gate;
   busy.onReceive = [&](const std::string&) { gate.hold(); };
   ModuleConnection* cBusy = create("trace", &busy);
@@ -180,7 +187,7 @@ TEST_F(ModuleTest, ReleaseWithQueuedCommandsSendsNothingAfterwards) {
 }
 
 TEST_F(ModuleTest, ReleaseDuringARunningCommandStopsItsReply) {
-  RecordingHost host;
+  RecordingHost& host = hosts[0];
   Gate gate;
   // getTestString sends an event and then its reply; hold the worker inside
   // the event while the host releases on another thread.
@@ -210,7 +217,7 @@ TEST_F(ModuleTest, ReleaseDuringARunningCommandStopsItsReply) {
 }
 
 TEST_F(ModuleTest, HostMayReleaseFromInsideReceive) {
-  RecordingHost host;
+  RecordingHost& host = hosts[0];
   ModuleConnection* c = create("trace", &host);
   std::promise<void> done;
   host.onReceive = [&](const std::string&) {
@@ -222,7 +229,8 @@ TEST_F(ModuleTest, HostMayReleaseFromInsideReceive) {
 }
 
 TEST_F(ModuleTest, UnloadClosesEachOpenConnectionOnce) {
-  RecordingHost open, released;
+  RecordingHost& open = hosts[0];
+  RecordingHost& released = hosts[1];
   create("trace", &open);
   ModuleConnection* r = create("trace", &released);
   r->release();

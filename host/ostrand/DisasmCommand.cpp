@@ -1,0 +1,90 @@
+// `ostrand disasm`: the instructions of an address range of an ARM ELF file.
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "ExitCodes.hpp"
+#include "Subcommands.hpp"
+#include "SymbolTools.hpp"
+
+namespace ostrand {
+
+namespace {
+
+constexpr const char* kDisasmHelp =
+    "usage: ostrand disasm --elf FILE --from A --to B [--json]\n\n"
+    "Prints one line per instruction from A through the instruction at B:\n"
+    "  address<TAB>size<TAB>text\n"
+    "Text is \"ADDRESS OPCODE    mnemonic operands\"; literal pools show as .word.\n"
+    "A size of 0 marks bytes that do not decode. A and B are decimal or 0x-hex,\n"
+    "or symbol names.\n\n"
+    "  --elf FILE          the ARM ELF file\n"
+    "  --from A, --to B    the range, both ends included\n"
+    "  --json              one JSON object per instruction instead\n"
+    "  --processor-id N    processor id (default 0x75803800, an Arm core)\n\n"
+    "Exit status: 0 done, 1 no disassembler for the file, 2 bad command line,\n"
+    "4 the file cannot be read.\n";
+
+}  // namespace
+
+int runDisasm(int argc, char** argv) {
+  SymbolArgs args = parseSymbolArgs(argc, argv, {"--from", "--to"});
+  if (args.help) {
+    std::fputs(kDisasmHelp, stdout);
+    return kExitOk;
+  }
+  std::string fromText, toText;
+  for (const auto& [name, value] : args.options) (name == "--from" ? fromText : toText) = value;
+  if (args.error.empty() && (fromText.empty() || toText.empty()))
+    args.error = "--from and --to are required";
+  if (args.error.empty() && !args.positional.empty())
+    args.error = "unexpected argument '" + args.positional.front() + "'";
+  if (!args.error.empty()) {
+    std::fprintf(stderr, "ostrand disasm: %s\nRun 'ostrand disasm --help' for usage.\n",
+                 args.error.c_str());
+    return kExitUsage;
+  }
+  SymbolSession session;
+  std::string error;
+  if (!session.open(args.elf, args.processorId, error)) {
+    std::fprintf(stderr, "ostrand disasm: %s\n", error.c_str());
+    return kExitBadInput;
+  }
+  auto resolve = [&](const std::string& text) {
+    std::optional<uint64_t> address = parseAddress(text);
+    uint64_t symbol = 0;
+    if (!address && session.findSymbol(text, symbol)) address = symbol;
+    return address;
+  };
+  auto from = resolve(fromText);
+  auto to = resolve(toText);
+  if (!from || !to || *from > *to) {
+    std::fprintf(stderr, "ostrand disasm: %s\n",
+                 !from || !to ? "--from and --to need an address or a known symbol"
+                              : "--from lies above --to");
+    return kExitUsage;
+  }
+  if (!session.disasm()) {
+    std::fprintf(stderr,
+                 "ostrand disasm: no disassembler for '%s' (is it Arm code, and is the "
+                 "processor id of the Arm family?)\n",
+                 args.elf.c_str());
+    return kExitFailure;
+  }
+  if (isatty(STDERR_FILENO))
+    std::fprintf(stderr, "disassembling 0x%" PRIx64 "..0x%" PRIx64 "\n", *from, *to);
+  for (const auto& line : session.disasm()->Disassemble({*from}, {*to})) {
+    if (args.json) {
+      nlohmann::json out = {{"address", line.address}, {"size", line.size},
+                            {"label", line.label}, {"text", line.text}};
+      std::printf("%s\n", out.dump().c_str());
+    } else {
+      std::printf("0x%08" PRIx64 "\t%d\t%s\n", line.address, line.size, line.text.c_str());
+    }
+  }
+  return kExitOk;
+}
+
+}  // namespace ostrand

@@ -1,0 +1,116 @@
+// The real `ostrand shell` with the real module: texts compared exactly.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace {
+
+struct ProgramRun {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class ShellTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (std::filesystem::temp_directory_path() / "ostrand-shell-XXXXXX").string();
+    dir_ = mkdtemp(pattern.data());
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  // Runs the program with `input` on standard input; USERPROFILE points at a
+  // temporary home so nothing is written into a real one.
+  ProgramRun run(const std::string& args, const std::string& input) {
+    std::string in = dir_ + "/in", out = dir_ + "/out", err = dir_ + "/err";
+    std::ofstream(in, std::ios::binary) << input;
+    std::string command = "USERPROFILE='" + dir_ + "' '" + OSTRAND_PROGRAM + "' " + args + " <'" + in +
+                          "' >'" + out + "' 2>'" + err + "'";
+    int status = std::system(command.c_str());
+    ProgramRun r;
+    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = readFile(out);
+    r.err = readFile(err);
+    return r;
+  }
+  std::string dir_;
+};
+
+TEST_F(ShellTest, ScriptedExchangeMatchesTheGoldenTranscript) {
+  std::string golden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
+  ProgramRun r = run("shell", readFile(golden + "session.jsonl"));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, readFile(golden + "session.expected"));
+}
+
+TEST_F(ShellTest, ListCommandsRepliesWithTheTwentyFourNames) {
+  ProgramRun r = run("shell", "{\"command\":\"listCommands\",\"id\":7}\n");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(r.out, m, std::regex(R"(\{"data":\{"commands":\[(.*)\]\},"response":7\}\n)")));
+  std::set<std::string> names;
+  std::string list = m[1];
+  std::regex quoted(R"("([^"]+)\")");
+  for (std::sregex_iterator it(list.begin(), list.end(), quoted), end; it != end; ++it) {
+    names.insert((*it)[1]);
+  }
+  EXPECT_EQ(names.size(), 24u);
+  EXPECT_TRUE(names.count("scripting.exportCaptureToCSV"));
+}
+
+TEST_F(ShellTest, UsageErrorsAndExitCodes) {
+  ProgramRun help = run("shell --help", "");
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_NE(help.out.find("usage: ostrand shell"), std::string::npos);
+
+  ProgramRun top = run("--help", "");
+  EXPECT_EQ(top.exitCode, 0);
+  EXPECT_NE(top.out.find("shell"), std::string::npos);
+
+  ProgramRun unknown = run("shell --frobnicate", "");
+  EXPECT_EQ(unknown.exitCode, 2);
+  EXPECT_NE(unknown.err.find("unknown option '--frobnicate'"), std::string::npos);
+
+  ProgramRun noSub = run("bogus", "");
+  EXPECT_EQ(noSub.exitCode, 2);
+
+  ProgramRun missing = run("shell --module /nonexistent/libOstrand.so", "");
+  EXPECT_EQ(missing.exitCode, 3);
+  EXPECT_NE(missing.err.find("module not found: /nonexistent/libOstrand.so"), std::string::npos);
+
+  std::ofstream(dir_ + "/notalib.so") << "not a library";
+  ProgramRun notLib = run("shell --module '" + dir_ + "/notalib.so'", "");
+  EXPECT_EQ(notLib.exitCode, 3);
+  EXPECT_NE(notLib.err.find("cannot load module"), std::string::npos);
+
+  ProgramRun nul = run("shell", std::string("{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"a\0\"}\n", 48));
+  EXPECT_EQ(nul.exitCode, 4);
+  EXPECT_NE(nul.err.find("line 2 holds a NUL byte"), std::string::npos);
+  EXPECT_EQ(nul.out, "{\"response\":1}\n");
+}
+
+TEST_F(ShellTest, EndOfInputWaitsForOwedRepliesOnly) {
+  // A cancel of a command already answered owes nothing; the shell ends at
+  // once without using up its wait.
+  auto start = std::chrono::steady_clock::now();
+  ProgramRun r = run("shell --wait 20", "{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"cancel\":1}\n");
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+#include "CloudDisasm.hpp"
+
+#include <gtest/gtest.h>
+
+#include "FakeSymbolManager.hpp"
+#include "HostApis.hpp"
+
+namespace {
+
+using disasm_lite::DisassemblyRecord;
+
+constexpr uint32_t processorId(uint32_t family, uint32_t variant) {
+  return family << 22 | variant << 10 | 0x3F8;
+}
+
+// Delivers scripted records; remembers what it was made with.
+class FakeDisassembler final : public disasm_lite::IDisassembler {
+ public:
+  std::vector<DisassemblyRecord> records;
+  void disassembleRange(const Debugger::Address& from, const Debugger::Address& to,
+                        IResultInserter* inserter) override {
+    rangeFrom = from.value;
+    rangeTo = to.value;
+    for (const auto& record : records) inserter->insert(&record);
+  }
+  void disassembleOne(DisassemblyRecord* out, const Debugger::Address& address) override {
+    *out = records.empty() ? DisassemblyRecord{} : records.front();
+    out->address = address.value;
+  }
+  uint64_t rangeFrom = 0, rangeTo = 0;
+  disasm_lite::ITargetEnvironment* environment = nullptr;
+};
+
+class FakeDisasmManager : public disasm_lite::IDisassemblyManager {
+ public:
+  uint32_t version = kVersion;
+  bool failCreate = false;
+  int created = 0;
+  disasm_lite::ITargetEnvironment* environment = nullptr;
+  void* symbolHandle = nullptr;
+  std::vector<DisassemblyRecord> records;
+  std::vector<std::string> log;
+
+  uint32_t getVersion() override { return version; }
+  disasm_lite::IDisassembler* createDisassembler(disasm_lite::ITargetEnvironment* env,
+                                                 void* handle) override {
+    ++created;
+    environment = env;
+    symbolHandle = handle;
+    if (failCreate) return nullptr;
+    auto* d = new FakeDisassembler;
+    d->records = records;
+    d->environment = env;
+    return d;
+  }
+  void destroyDisassembler(disasm_lite::IDisassembler* d) override {
+    // The environment must still be alive while its disassembler goes.
+    auto* own = static_cast<FakeDisassembler*>(d);
+    log.push_back(std::string("destroy in ") + own->environment->name());
+    delete own;
+  }
+};
+
+class CloudDisasmTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QX_NLV::setSymbolManagerApi(&symbols);
+    QX_NLV::setDisAsmManagerApi(&disasm);
+    symbols.setUp = [this](fake::Package& p) {
+      p.objectPath = "";
+      p.bigEndian = bigEndian;
+      package = &p;
+    };
+  }
+  void TearDown() override {
+    QX_NLV::setSymbolManagerApi(nullptr);
+    QX_NLV::setDisAsmManagerApi(nullptr);
+  }
+  std::shared_ptr<ObjectFileInfo> objectInfo() { return ObjectFileInfo::create("x.elf"); }
+
+  fake::Manager symbols;
+  FakeDisasmManager disasm;
+  fake::Package* package = nullptr;
+  uint32_t bigEndian = 0;
+};
+
+struct EndianCase {
+  uint32_t family, variant;
+  bool bigEndian;
+  const char* query;
+  uint64_t expected;
+};
+class EndianRegisterTest : public ::testing::TestWithParam<EndianCase> {};
+
+TEST_P(EndianRegisterTest, AnswersOnlyItsOwnRegister) {
+  const auto c = GetParam();
+  auto env = disasm_lite::makeTargetEnvironment(processorId(c.family, c.variant), c.bigEndian);
+  env->setRegisterQuery(c.query, 5, 6, 7);
+  uint64_t value = 12345;
+  EXPECT_EQ(env->registerValue(&value), &value);
+  EXPECT_EQ(value, c.expected);
+  // The second query never answers, even for the endian register.
+  env->setSecondRegisterQuery(c.query, 0, 0, 0);
+  EXPECT_EQ(*env->secondRegisterValue(&value), 0u);
+  EXPECT_STREQ(env->name(), "CloudDisasm");
+  EXPECT_EQ(env->flags(), 0u);
+  EXPECT_EQ(env->processorId(), processorId(c.family, c.variant));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Families, EndianRegisterTest,
+    ::testing::Values(EndianCase{470, 14, true, "REG_ENDIAN", 1},
+                      EndianCase{470, 14, false, "REG_ENDIAN", 0},
+                      EndianCase{470, 7, true, "CSR", 0},
+                      EndianCase{320, 102, false, "CSR", 256},
+                      EndianCase{320, 98, true, "CSR", 0},
+                      EndianCase{320, 100, false, "REG_ENDIAN", 0},
+                      EndianCase{320, 117, false, "TSR", uint64_t{1} << 56},
+                      EndianCase{320, 113, true, "TSR", 0},
+                      EndianCase{320, 40, false, "ST1", 0},
+                      EndianCase{320, 40, false, "st1", 0},
+                      EndianCase{320, 41, false, "CSR", 0},
+                      EndianCase{320, 41, true, "REG_ENDIAN", 0},
+                      EndianCase{100, 14, true, "REG_ENDIAN", 0}));
+
+TEST(TargetEnvironmentTest, ClassFollowsFamilyAndVariant) {
+  using namespace disasm_lite;
+  auto is = [](uint32_t family, uint32_t variant, auto* typeTag) {
+    auto env = makeTargetEnvironment(processorId(family, variant), false);
+    return dynamic_cast<std::remove_pointer_t<decltype(typeTag)>*>(env.get()) != nullptr;
+  };
+  EXPECT_TRUE(is(470, 83, static_cast<TargetEnvironmentCortex*>(nullptr)));
+  EXPECT_TRUE(is(320, 40, static_cast<TargetEnvironmentDsa*>(nullptr)));
+  EXPECT_TRUE(is(320, 103, static_cast<TargetEnvironmentDsb*>(nullptr)));
+  EXPECT_TRUE(is(320, 117, static_cast<TargetEnvironmentDsc*>(nullptr)));
+  EXPECT_FALSE(is(320, 41, static_cast<TargetEnvironmentWithEndianness*>(nullptr)));
+  EXPECT_FALSE(is(320, 41, static_cast<TargetEnvironmentDsa*>(nullptr)));
+}
+
+TEST(DisassemblerTest, EmptyDisassemblerAnswersWithNothing) {
+  disasm_lite::Disassembler none;
+  auto line = none.DisassembleOne({0x100});
+  EXPECT_EQ(line.size, 0);
+  EXPECT_EQ(line.address, 0u);
+  EXPECT_TRUE(line.label.empty() && line.text.empty());
+  EXPECT_TRUE(none.Disassemble({0}, {0x1000}).empty());
+}
+
+TEST_F(CloudDisasmTest, VersionOtherThanTwoIsRefusedBeforeCreating) {
+  auto info = objectInfo();
+  for (uint32_t version : {1u, 3u}) {
+    disasm.version = version;
+    try {
+      CloudDisasm d(info, processorId(470, 14));
+      FAIL() << "version " << version << " accepted";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Mismatch API version");
+    }
+  }
+  EXPECT_EQ(disasm.created, 0);
+}
+
+TEST_F(CloudDisasmTest, NoDisassemblerMadeIsAnOrdinaryException) {
+  auto info = objectInfo();
+  disasm.failCreate = true;
+  try {
+    CloudDisasm d(info, processorId(470, 14));
+    FAIL();
+  } catch (const std::exception& e) {
+    EXPECT_STREQ(e.what(), "Failed to create the disassembler interface");
+  }
+}
+
+TEST_F(CloudDisasmTest, ByteOrderComesFromTheLowByteOfThePackageAnswer) {
+  for (auto [answer, expected] : {std::pair{1u, 1u}, {0x100u, 0u}, {0x101u, 1u}, {0u, 0u}}) {
+    bigEndian = answer;
+    auto info = objectInfo();
+    CloudDisasm d(info, processorId(470, 14));
+    EXPECT_EQ(disasm.symbolHandle, package);
+    disasm.environment->setRegisterQuery("REG_ENDIAN", 0, 0, 0);
+    uint64_t value = 9;
+    EXPECT_EQ(*disasm.environment->registerValue(&value), expected) << "answer " << answer;
+  }
+}
+
+TEST_F(CloudDisasmTest, DisassemblerGoesBeforeItsEnvironment) {
+  {
+    auto info = objectInfo();
+    CloudDisasm d(info, processorId(470, 14));
+  }
+  ASSERT_EQ(disasm.log.size(), 1u);
+  EXPECT_EQ(disasm.log[0], "destroy in CloudDisasm");
+}
+
+TEST_F(CloudDisasmTest, OneLineIsCopiedOnlyWhenValid) {
+  disasm.records = {{2, 0, "main+0x4", "00000104 4770    bx lr"}};
+  auto info = objectInfo();
+  CloudDisasm d(info, processorId(470, 14));
+  auto line = d.DisassembleOne({0x104});
+  EXPECT_EQ(line.size, 2);
+  EXPECT_EQ(line.address, 0x104u);
+  EXPECT_EQ(line.label, "main+0x4");
+  EXPECT_EQ(line.text, "00000104 4770    bx lr");
+
+  disasm.records = {{0, 0, "junk", "junk"}};
+  auto info2 = objectInfo();
+  CloudDisasm bad(info2, processorId(470, 14));
+  auto zero = bad.DisassembleOne({0x104});
+  EXPECT_EQ(zero.size, 0);
+  EXPECT_EQ(zero.address, 0u);
+  EXPECT_TRUE(zero.label.empty() && zero.text.empty());
+}
+
+TEST_F(CloudDisasmTest, RangeKeepsEveryDeliveredLineInOrder) {
+  disasm.records = {{2, 0x100, "f", "a"}, {0, 0x102, "", "bad"}, {4, 0x104, nullptr, "c"}};
+  auto info = objectInfo();
+  CloudDisasm d(info, processorId(470, 14));
+  auto lines = d.Disassemble({0x100}, {0x104});
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1].size, 0);
+  EXPECT_EQ(lines[1].text, "bad");
+  EXPECT_EQ(lines[2].address, 0x104u);
+  EXPECT_EQ(lines[2].label, "");
+}
+
+}  // namespace

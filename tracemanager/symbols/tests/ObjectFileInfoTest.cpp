@@ -1,0 +1,284 @@
+#include "ObjectFileInfo.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "FakeSymbolManager.hpp"
+#include "HostApis.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class ObjectFileInfoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QX_NLV::setSymbolManagerApi(&manager);
+    dir = fs::temp_directory_path() /
+          ("ofi_" + std::to_string(::getpid()) + "_" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::create_directories(dir);
+  }
+  void TearDown() override {
+    QX_NLV::setSymbolManagerApi(nullptr);
+    fs::remove_all(dir);
+  }
+  fs::path write(const std::string& name, const std::string& text) {
+    fs::path path = dir / name;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+  }
+  static std::string tenLines() {
+    std::string text;
+    for (int i = 1; i <= 10; ++i) text += "line " + std::to_string(i) + "\n";
+    return text;
+  }
+
+  fake::Manager manager;
+  fs::path dir;
+};
+
+TEST_F(ObjectFileInfoTest, WithoutSymbolManagerCreateGivesEmptyPointer) {
+  QX_NLV::setSymbolManagerApi(nullptr);
+  EXPECT_EQ(ObjectFileInfo::create("x.elf"), nullptr);
+}
+
+TEST_F(ObjectFileInfoTest, VersionOtherThanFiveIsRefusedOnBothRoads) {
+  for (uint32_t version : {4u, 6u}) {
+    manager.version = version;
+    try {
+      ObjectFileInfo::create("x.elf");
+      FAIL() << "version " << version << " accepted";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Mismatch API version");
+    }
+    EXPECT_THROW(ObjectFileInfo(470, 14), std::runtime_error);
+  }
+}
+
+TEST_F(ObjectFileInfoTest, PackageNotMadeIsAnOrdinaryException) {
+  manager.failCreate = true;
+  try {
+    ObjectFileInfo::create("x.elf");
+    FAIL();
+  } catch (const std::exception& e) {
+    EXPECT_STREQ(e.what(), "Failed to create the symbol package interface");
+  }
+  EXPECT_THROW(ObjectFileInfo(470, 14), std::runtime_error);
+}
+
+TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
+  fs::path source = write("src/main.c", tenLines());
+  write("never.c", "only line\n");
+  manager.setUp = [&](fake::Package& p) {
+    p.objectPath = "";
+    p.lines = {{(dir / "src").string(), "main.c", 3},
+               {(dir / "src").string(), "main.c", 3},
+               {(dir / "src").string(), "main.c", 10},
+               {(dir / "src").string(), "main.c", 12},
+               {dir.string(), "never.c", 0}};
+    p.sourceLines = {{0x100, {source.string(), 3}},
+                     {0x104, {source.string(), 10}},
+                     {0x108, {source.string(), 12}}};
+  };
+  auto info = ObjectFileInfo::create("x.elf");
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info->sourceFileCount(), 1u);  // line 0 adds no file
+  EXPECT_EQ(info->sourceLineCount(), 2u);  // 3 once, 10; 12 is past the end
+
+  uint32_t line = 0;
+  const char* text = nullptr;
+  ASSERT_TRUE(info->lookupSourceLine(0x100, &line, &text));
+  EXPECT_EQ(line, 3u);
+  EXPECT_STREQ(text, "line 3");
+  ASSERT_TRUE(info->lookupSourceLine(0x104, &line, &text));
+  EXPECT_STREQ(text, "line 10");
+  ASSERT_TRUE(info->lookupSourceLine(0x108, &line, &text));
+  EXPECT_EQ(line, 12u);
+  EXPECT_STREQ(text, "<source not found>");
+  // Either output may be left out.
+  EXPECT_TRUE(info->lookupSourceLine(0x100, nullptr, nullptr));
+}
+
+TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
+  write("app/main.c", "first\nsecond\n");
+  std::string windowsDir = (dir / "app" / "sub" / "..").string();
+  std::replace(windowsDir.begin(), windowsDir.end(), '/', '\\');
+  manager.setUp = [&](fake::Package& p) {
+    p.objectPath = "";
+    p.lines = {{windowsDir, "main.c", 2}};
+    p.sourceLines = {{0x10, {(dir / "app/main.c").string(), 2}}};
+  };
+  auto info = ObjectFileInfo::create("x.elf");
+  const char* text = nullptr;
+  ASSERT_TRUE(info->lookupSourceLine(0x10, nullptr, &text));
+  EXPECT_STREQ(text, "second");
+}
+
+TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
+  manager.setUp = [&](fake::Package& p) {
+    p.objectPath = "";
+    p.lines = {{dir.string(), "gone.c", 7}};
+    p.sourceLines = {{0x20, {(dir / "gone.c").string(), 7}}};
+  };
+  auto info = ObjectFileInfo::create("x.elf");
+  uint32_t line = 0;
+  const char* text = nullptr;
+  ASSERT_TRUE(info->lookupSourceLine(0x20, &line, &text));
+  EXPECT_EQ(line, 7u);
+  EXPECT_STREQ(text, ObjectFileInfo::kSourceNotFound);
+}
+
+TEST_F(ObjectFileInfoTest, UnknownAddressLeavesOutputsAlone) {
+  manager.setUp = [](fake::Package& p) {
+    p.objectPath = "";
+    p.functions = {{0x40, "known"}};
+  };
+  auto info = ObjectFileInfo::create("x.elf");
+  std::string function = "keep", file = "keep", directory = "keep";
+  EXPECT_FALSE(info->lookupFunction(0x44, function, file, directory));
+  EXPECT_EQ(function + file + directory, "keepkeepkeep");
+  uint32_t line = 99;
+  const char* text = "keep";
+  EXPECT_FALSE(info->lookupSourceLine(0x44, &line, &text));
+  EXPECT_EQ(line, 99u);
+  EXPECT_STREQ(text, "keep");
+  ASSERT_TRUE(info->lookupFunction(0x40, function, file, directory));
+  EXPECT_EQ(function, "known");
+}
+
+TEST_F(ObjectFileInfoTest, ObjectFileGivesDigestAndTimestamp) {
+  fs::path elf = write("fw/../prog.elf", "abc");
+  manager.setUp = [&](fake::Package& p) { p.objectPath = (dir / "fw" / ".." / "prog.elf").string(); };
+  auto info = ObjectFileInfo::create("ignored.elf");
+  EXPECT_EQ(info->objectFile(), dir / "prog.elf");  // the package's file, normalised
+  EXPECT_EQ(info->sha1(), "A9993E364706816ABA3E25717850C26C9CD0D89D");
+  struct stat st {};
+  ASSERT_EQ(::stat(elf.c_str(), &st), 0);
+  EXPECT_EQ(info->timestamp(), st.st_mtime);
+}
+
+TEST_F(ObjectFileInfoTest, EmptyObjectPathIsNoError) {
+  manager.setUp = [](fake::Package& p) { p.objectPath = ""; };
+  auto info = ObjectFileInfo::create("x.elf");
+  EXPECT_TRUE(info->objectFile().empty());
+  EXPECT_EQ(info->sha1(), "");
+  EXPECT_EQ(info->timestamp(), 0);
+  ObjectFileInfo fromProcessor(470, 14);
+  EXPECT_TRUE(fromProcessor.objectFile().empty());
+  EXPECT_EQ(fromProcessor.sha1(), "");
+  EXPECT_EQ(fromProcessor.timestamp(), 0);
+  auto results = fromProcessor.loadFiles({});
+  EXPECT_TRUE(results.empty());
+  EXPECT_EQ(fromProcessor.sha1(), "");
+  EXPECT_EQ(fromProcessor.timestamp(), 0);
+}
+
+TEST_F(ObjectFileInfoTest, VanishedObjectFileFailsWithLastWriteTime) {
+  manager.setUp = [&](fake::Package& p) { p.objectPath = (dir / "absent.elf").string(); };
+  try {
+    ObjectFileInfo::create("absent.elf");
+    FAIL();
+  } catch (const fs::filesystem_error& e) {
+    EXPECT_NE(std::string(e.what()).find("last_write_time"), std::string::npos);
+  }
+}
+
+TEST_F(ObjectFileInfoTest, Sha1OfKnownInputs) {
+  EXPECT_EQ(ObjectFileInfo::sha1File(write("empty", "")),
+            "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+  // Longer than one 1024-byte block, and not a multiple of it.
+  EXPECT_EQ(ObjectFileInfo::sha1File(write("million", std::string(1000000, 'a'))),
+            "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F");
+  EXPECT_EQ(ObjectFileInfo::sha1File(dir / "nothing"), "");
+}
+
+TEST_F(ObjectFileInfoTest, LoadFilesPairsStatusesByPositionWhateverTheReportOrder) {
+  for (auto report : {fake::Package::Report::BeforeReturn, fake::Package::Report::LaterReversed}) {
+    manager.setUp = [&](fake::Package& p) {
+      p.report = report;
+      p.expectedLoads = 3;
+      p.loadStatus = {{"b.elf", 7}};
+    };
+    ObjectFileInfo info(470, 14);
+    auto results = info.loadFiles({"a.elf", "b.elf", "c.elf"});
+    ASSERT_EQ(results.size(), 3u);
+    EXPECT_EQ(results[0].path, "a.elf");
+    EXPECT_EQ(results[0].status, 0u);
+    EXPECT_EQ(results[1].path, "b.elf");
+    EXPECT_EQ(results[1].status, 7u);
+    EXPECT_EQ(results[2].status, 0u);
+  }
+}
+
+TEST_F(ObjectFileInfoTest, EnvironmentsAreNumberedAndOutliveThePackage) {
+  std::string first, second;
+  {
+    ObjectFileInfo a(470, 14);
+    ObjectFileInfo b(320, 41);
+    first = a.debugEnvironment()->name();
+    second = b.debugEnvironment()->name();
+    const std::string prefix = "TraceObjFile";
+    ASSERT_EQ(first.rfind(prefix, 0), 0u);
+    const std::string number = first.substr(prefix.size());
+    ASSERT_FALSE(number.empty());
+    ASSERT_EQ(number.find_first_not_of("0123456789"), std::string::npos);
+    EXPECT_EQ(second, prefix + std::to_string(std::stoul(number) + 1));
+    uint64_t selector = 0;
+    b.debugEnvironment()->processorSelector(&selector);
+    EXPECT_EQ(selector, (uint64_t{9} << 32) | 1u);
+  }
+  // Each package was released while its environment still existed.
+  ASSERT_EQ(manager.log.size(), 2u);
+  EXPECT_EQ(manager.log[0], "release " + second);
+  EXPECT_EQ(manager.log[1], "release " + first);
+}
+
+struct Selection {
+  uint32_t family, variant, processorClass, processorModel;
+};
+class ProcessorSelectionTest : public ::testing::TestWithParam<Selection> {};
+
+TEST_P(ProcessorSelectionTest, FollowsTheTable) {
+  auto s = GetParam();
+  EXPECT_EQ(ObjectFileInfo::processorSelection(s.family, s.variant),
+            std::make_pair(s.processorClass, s.processorModel));
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, ProcessorSelectionTest,
+                         ::testing::Values(Selection{320, 32, 1, 10}, Selection{320, 40, 1, 10},
+                                           Selection{320, 41, 1, 9}, Selection{320, 42, 4, 16},
+                                           Selection{470, 21, 0, 1}, Selection{470, 10, 0, 0},
+                                           Selection{470, 13, 0, 3}, Selection{470, 14, 0, 2},
+                                           Selection{470, 51, 0, 5}, Selection{470, 82, 0, 6},
+                                           Selection{470, 83, 0, 4}, Selection{470, 11, 0, 8},
+                                           Selection{100, 14, 4, 16}));
+
+TEST_F(ObjectFileInfoTest, RangesAreHalfOpenAndTheCacheNeverGoesStale) {
+  manager.setUp = [](fake::Package& p) {
+    p.objectPath = "";
+    p.ranges = {{"a", 0x100, 0x120}, {"b", 0x120, 0x140}, {"overlap", 0x130, 0x150},
+                {"empty", 0x150, 0x150}, {"c", 0x200, 0x210}};
+  };
+  auto info = ObjectFileInfo::create("x.elf");
+  EXPECT_EQ(info->rangeCount(), 3u);  // the overlapping and the empty range are left out
+  uint32_t value = 77;
+  EXPECT_TRUE(info->lookupRange(0x11F, &value));
+  EXPECT_EQ(value, 1u);
+  EXPECT_TRUE(info->lookupRange(0x120, &value));  // the end of "a" is the start of "b"
+  EXPECT_EQ(value, 2u);
+  EXPECT_FALSE(info->lookupRange(0x140, &value));
+  EXPECT_EQ(value, 0u);
+  EXPECT_TRUE(info->lookupRange(0x20F, &value));
+  EXPECT_EQ(value, 5u);
+  EXPECT_FALSE(info->lookupRange(0x210, &value));
+  EXPECT_FALSE(info->lookupRange(0xFF, &value));
+  EXPECT_TRUE(info->lookupRange(0x100, &value));
+  EXPECT_EQ(value, 1u);
+}
+
+}  // namespace
