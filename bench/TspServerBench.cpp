@@ -166,9 +166,13 @@ class Fixture {
   std::map<std::string, Table> tables_;
 };
 
+// Made by the first benchmark that needs it, destroyed after the run (it
+// removes its sample captures).
+std::unique_ptr<Fixture> gFixture;
+
 Fixture& fixture() {
-  static Fixture* instance = new Fixture;  // lives to the end of the run
-  return *instance;
+  if (!gFixture) gFixture = std::make_unique<Fixture>();
+  return *gFixture;
 }
 
 double gHealthP50Us = 0;
@@ -264,4 +268,11 @@ BENCHMARK(BM_GenericGetLinesAndTextInProcess)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  gFixture.reset();
+  return 0;
+}
