@@ -128,6 +128,8 @@ int runServe(int argc, char** argv) {
   }
 
   int rc = kExitOk;
+  // Loading large captures takes a while; say so on a terminal.
+  if (::isatty(STDERR_FILENO)) std::fprintf(stderr, "ostrand serve: loading the captures...\n");
   try {
     server.refreshLive();
   } catch (const std::exception& e) {

@@ -66,9 +66,7 @@ OSTRAND_C_EXPORT void* CreateServer() {
     static std::once_flag kindsRegistered;
     std::call_once(kindsRegistered,
                    [] { VSKTspServer::registerWattlineKinds(VSKTspServer::registerExperimentKind); });
-    auto* server = new VSKTspServer::TspServer();
-    server->port = VSKTspServer::TspServer::kDefaultPort;
-    return server;
+    return VSKTspServer::createServer();  // port 1239 unless the owner sets another
   } catch (...) {
     return nullptr;
   }

@@ -55,13 +55,17 @@ std::string ModelManager::experimentName(std::string name, const VSKTrace& trace
   std::string suffix = trace.type;
   if (suffix == "MTB" || suffix == "ETB") suffix = "CoreTrace";
   if (suffix == "WL+") suffix = "WL++";
-  // A missing key reads as null, whose conversion throws the type error
-  // ("type must be string, but is null"); operator[] on a const object must
-  // not be used for that, as it does not check the key.
+  // A missing key reads as null, so its conversion throws the same type
+  // error ("type must be string, but is null") as a device of another type.
   static const nlohmann::json kMissing;
-  const auto found = trace.metadata.find("device");
-  const std::string device =
-      (found != trace.metadata.end() ? *found : kMissing).get<std::string>();
+  const nlohmann::json& metadata = trace.metadata;
+  const nlohmann::json* value = &kMissing;
+  if (metadata.is_object()) {
+    if (auto it = metadata.find("device"); it != metadata.end()) value = &*it;
+  } else if (!metadata.is_null()) {
+    value = &metadata.at("device");  // type error: not an object
+  }
+  const std::string device = value->get<std::string>();
   const auto slash = device.rfind('/');
   const std::string stem = slash == std::string::npos ? name : device.substr(slash + 1);
   return stem + "_" + suffix;

@@ -1,10 +1,13 @@
 #include "TableLinesWriter.hpp"
 
 #include <charconv>
+#include <string_view>
 
 namespace VSKTspServer {
 
 namespace {
+
+using namespace std::string_view_literals;
 
 template <typename Int>
 void appendInt(std::string& out, Int value) {
@@ -43,37 +46,37 @@ std::string writeTableLinesResponse(const TableLinesResponse& response) {
   for (const auto& line : model.lines) cellCount += line.cells.size();
   out.reserve(128 + model.columnIds.size() * 4 + model.lines.size() * 40 + cellCount * 32);
 
-  out += R"({"model":{"columnIds":[)";
+  out += R"({"model":{"columnIds":[)"sv;
   for (size_t i = 0; i < model.columnIds.size(); ++i) {
     if (i) out += ',';
     appendInt(out, model.columnIds[i]);
   }
-  out += R"(],"lines":[)";
+  out += R"(],"lines":[)"sv;
   for (size_t l = 0; l < model.lines.size(); ++l) {
     const TableLine& line = model.lines[l];
     if (l) out += ',';
-    out += R"({"cells":[)";
+    out += R"({"cells":[)"sv;
     for (size_t c = 0; c < line.cells.size(); ++c) {
       if (c) out += ',';
-      out += R"({"content":)";
+      out += R"({"content":)"sv;
       appendJsonString(out, line.cells[c].content);
-      out += R"(,"tags":)";
+      out += R"(,"tags":)"sv;
       appendInt(out, line.cells[c].tags);
       out += '}';
     }
-    out += R"(],"index":)";
+    out += R"(],"index":)"sv;
     appendInt(out, line.index);
-    out += R"(,"tags":)";
+    out += R"(,"tags":)"sv;
     appendInt(out, line.tags);
     out += '}';
   }
-  out += R"(],"lowIndex":)";
+  out += R"(],"lowIndex":)"sv;
   appendInt(out, model.lowIndex);
-  out += R"(,"size":)";
+  out += R"(,"size":)"sv;
   appendInt(out, model.size);
-  out += R"(},"status":)";
+  out += R"(},"status":)"sv;
   appendJsonString(out, response.status);
-  out += R"(,"statusMessage":)";
+  out += R"(,"statusMessage":)"sv;
   appendJsonString(out, response.statusMessage);
   out += '}';
   return out;

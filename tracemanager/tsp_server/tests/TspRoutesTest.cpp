@@ -185,9 +185,16 @@ TEST_F(TspRoutesTest, ExperimentRequestNeedsBothKeysAndAnUnchangedScanIs400) {
   ASSERT_TRUE(missing);
   EXPECT_EQ(missing->status, 500);
   EXPECT_NE(missing->get_header_value("EXCEPTION_WHAT").find("traces"), std::string::npos);
+  auto wrongType = post("/tsp/api/experiments", R"({"parameters":{"name":5,"traces":[]}})");
+  ASSERT_TRUE(wrongType);
+  EXPECT_EQ(wrongType->status, 500);
+  EXPECT_NE(wrongType->get_header_value("EXCEPTION_WHAT").find("type must be string"),
+            std::string::npos);
   expectErrorPage(post("/tsp/api/experiments",
                        R"({"parameters":{"name":"LiveTarget/Probe","traces":[]}})"),
                   400);
+  // A trace scan that finds nothing new opens nothing.
+  expectErrorPage(post("/tsp/api/traces", R"({"parameters":{"uri":"LiveTarget/Probe"}})"), 400);
 }
 
 TEST_F(TspRoutesTest, ScanAfterACaptureVanishedRemovesItsExperiment) {

@@ -1,0 +1,278 @@
+// Table requests of the trace server over real HTTP on loopback, against
+// GET /tsp/api/health measured in the same run.
+//
+// A viewer asks for 200 lines at a time. The figures that matter are the
+// median latency of such a request on an MTB table and on a generic (TDF)
+// table, each of 10,000 and of 1,000,000 lines, as a multiple of the health
+// request's median: the request should cost little more than the round trip
+// and not grow with the table.
+//
+// Counters: p50_us (median of the single requests), x_health (p50 over the
+// health request's p50).
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ModelManager.hpp"
+#include "TableLinesWriter.hpp"
+#include "TspServer.hpp"
+#include "VSKExperiment.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kLinesPerRequest = 200;
+constexpr int kInstructionsPerRun = 8;
+
+void writeMetadata(const fs::path& dir, const std::string& device, const std::string& type,
+                   const std::string& dataFile) {
+  fs::create_directories(dir);
+  std::ofstream(dir / "metadata") << nlohmann::json{
+      {"typeId", type}, {"device", device}, {"dataFile", dataFile}}.dump();
+}
+
+// Written as text, since a document of a million instructions is far
+// cheaper to print than to build.
+void writeMtb(const fs::path& dir, const std::string& device, int instructions) {
+  writeMetadata(dir, device, "MTB", "mtb_data.json");
+  std::FILE* out = std::fopen((dir / "mtb_data.json").c_str(), "w");
+  const int runs = instructions / kInstructionsPerRun;
+  std::fputs(R"({"header":["PC"],"data":[)", out);
+  for (int r = 0; r < runs; ++r) {
+    std::fprintf(out,
+                 R"(%s{"seq":%d,"first":"%08X","last":"%08X","function":"fn_%d","file":"main.c","dir":"/src"})",
+                 r ? "," : "", r, 0x08000100 + r * 16, 0x0800010E + r * 16, r % 97);
+  }
+  std::fputs(R"(],"code":[)", out);
+  int seq = 0;
+  for (int r = 0; r < runs; ++r) {
+    std::fputs(r ? ",[" : "[", out);
+    for (int i = 0; i < kInstructionsPerRun; ++i, ++seq) {
+      std::fprintf(out,
+                   R"(%s{"seq":%d,"addr":"%08X","asm":"  adds r0, r0, #1","lno":%d,"src":"    total += step;"})",
+                   i ? "," : "", seq, 0x08000100 + r * 16 + 2 * i, 10 + i);
+    }
+    std::fputs("]", out);
+  }
+  std::fputs("]}", out);
+  std::fclose(out);
+}
+
+void writeTdf(const fs::path& dir, const std::string& device, int rows) {
+  writeMetadata(dir, device, "TDF", "tdf_data.json");
+  std::FILE* out = std::fopen((dir / "tdf_data.json").c_str(), "w");
+  std::fputs(
+      R"({"Columns":[{"name":"Index"},{"name":"Time"},{"name":"Address"},{"name":"Event"},{"name":"Detail"}],"Rows":[)",
+      out);
+  for (int i = 0; i < rows; ++i) {
+    std::fprintf(out, R"(%s["%d","%lld","%08X","branch","to %08X, taken"])", i ? "," : "", i,
+                 1000LL * i, 0x08000100 + 2 * i, 0x08000200 + 4 * i);
+  }
+  std::fputs("]}", out);
+  std::fclose(out);
+}
+
+struct Table {
+  std::string uuid;
+  std::string output;
+  int64_t size = 0;
+};
+
+// One server over four captures, shared by every benchmark of the run.
+class Fixture {
+ public:
+  Fixture() {
+    std::random_device random;
+    root_ = fs::temp_directory_path() / ("ostrand-bench-" + std::to_string(random()));
+    ::setenv("USERPROFILE", root_.c_str(), 1);
+    const fs::path live = root_ / ".QX-trace/data/live-targets/Bench";
+    std::fprintf(stderr, "writing sample captures (1,000,000 lines)...\n");
+    writeMtb(live / "Mtb10k/MTB", "Bench/Mtb10k", 10'000);
+    writeMtb(live / "Mtb1M/MTB", "Bench/Mtb1M", 1'000'000);
+    writeTdf(live / "Tdf10k/TDF", "Bench/Tdf10k", 10'000);
+    writeTdf(live / "Tdf1M/TDF", "Bench/Tdf1M", 1'000'000);
+
+    server_.port = freePort();
+    thread_ = std::thread([this] { server_.run(); });
+    for (int i = 0; i < 500 && !server_.isListening() && !server_.listenFailed(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!server_.isListening()) {
+      std::fprintf(stderr, "bench: the server did not come up\n");
+      std::exit(1);
+    }
+    std::fprintf(stderr, "loading the captures...\n");
+    server_.refreshLive();
+    server_.refresh("");  // MTB tables show one line per instruction from here on
+    client_ = std::make_unique<httplib::Client>("localhost", server_.port);
+    client_->set_keep_alive(true);
+    // A viewer's client sends a POST as header and body in two writes; with
+    // Nagle's algorithm the body waits for the delayed ACK of the header.
+    client_->set_tcp_nodelay(true);
+    for (auto& e : nlohmann::json::parse(client_->Get("/tsp/api/experiments")->body)) {
+      const std::string uuid = e["UUID"];
+      auto outputs = nlohmann::json::parse(
+          client_->Get("/tsp/api/experiments/" + uuid + "/outputs")->body);
+      tables_[e["name"]] = Table{uuid, outputs.at(0)["id"], 0};
+    }
+  }
+  ~Fixture() {
+    client_.reset();
+    server_.terminate();
+    thread_.join();
+    std::error_code ec;
+    fs::remove_all(root_, ec);
+  }
+
+  httplib::Client& client() { return *client_; }
+  const Table& table(const std::string& name) { return tables_.at(name); }
+
+ private:
+  // The kernel's choice for port 0, released again at once.
+  static int freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    ::close(fd);
+    return ntohs(addr.sin_port);
+  }
+
+  fs::path root_;
+  VSKTspServer::TspServer server_;
+  std::thread thread_;
+  std::unique_ptr<httplib::Client> client_;
+  std::map<std::string, Table> tables_;
+};
+
+// Made by the first benchmark that needs it, destroyed after the run (it
+// removes its sample captures).
+std::unique_ptr<Fixture> gFixture;
+
+Fixture& fixture() {
+  if (!gFixture) gFixture = std::make_unique<Fixture>();
+  return *gFixture;
+}
+
+double gHealthP50Us = 0;
+
+double median(std::vector<double>& samples) {
+  std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
+  return samples[samples.size() / 2];
+}
+
+template <typename Request>
+void measure(benchmark::State& state, Request request, bool isBaseline) {
+  std::vector<double> samples;
+  for (auto _ : state) {
+    const auto begin = Clock::now();
+    auto res = request();
+    const auto end = Clock::now();
+    if (!res || res->status != 200) {
+      state.SkipWithError("request failed");
+      return;
+    }
+    samples.push_back(std::chrono::duration<double, std::micro>(end - begin).count());
+  }
+  const double p50 = median(samples);
+  if (isBaseline) gHealthP50Us = p50;
+  state.counters["p50_us"] = p50;
+  if (gHealthP50Us > 0) state.counters["x_health"] = p50 / gHealthP50Us;
+}
+
+void BM_Health(benchmark::State& state) {
+  auto& f = fixture();
+  measure(state, [&] { return f.client().Get("/tsp/api/health"); }, true);
+}
+
+void tableLines(benchmark::State& state, const std::string& experiment) {
+  auto& f = fixture();
+  const Table& t = f.table(experiment);
+  const std::string path =
+      "/tsp/api/experiments/" + t.uuid + "/outputs/table/" + t.output + "/lines";
+  // The middle of the table: a viewer scrolled halfway down.
+  auto size = nlohmann::json::parse(
+      f.client()
+          .Post(path, R"({"parameters":{"requested_table_index":0,"requested_table_count":1}})",
+                "application/json")
+          ->body)["model"]["size"]
+                  .get<int64_t>();
+  const std::string body = nlohmann::json{{"parameters",
+                                           {{"requested_table_index", size / 2},
+                                            {"requested_table_count", kLinesPerRequest}}}}
+                               .dump();
+  measure(state, [&] { return f.client().Post(path, body, "application/json"); }, false);
+  state.counters["lines"] = static_cast<double>(size);
+}
+
+void BM_MtbLines_10k(benchmark::State& state) { tableLines(state, "Mtb10k_CoreTrace"); }
+void BM_MtbLines_1M(benchmark::State& state) { tableLines(state, "Mtb1M_CoreTrace"); }
+void BM_GenericLines_10k(benchmark::State& state) { tableLines(state, "Tdf10k_TDF"); }
+void BM_GenericLines_1M(benchmark::State& state) { tableLines(state, "Tdf1M_TDF"); }
+
+// Where the time of a table request goes, in-process: the provider's
+// getLines, and the text of its answer.
+void inProcess(benchmark::State& state, const std::string& experiment, bool withText) {
+  auto& f = fixture();
+  const Table& t = f.table(experiment);
+  std::lock_guard lock(VSKTspServer::tspMutex);
+  auto* table = dynamic_cast<VSKTspServer::VSKTableProvider*>(
+      VSKTspServer::theModelManager->getExperiment(t.uuid)->getOutput(t.output));
+  VSKTspServer::TableLinesRequest request;
+  request.requested_table_index = 5000;
+  request.requested_table_count = kLinesPerRequest;
+  for (auto _ : state) {
+    auto response = table->getLines(request);
+    if (withText) benchmark::DoNotOptimize(VSKTspServer::writeTableLinesResponse(response));
+    benchmark::DoNotOptimize(response);
+  }
+}
+void BM_MtbGetLinesInProcess(benchmark::State& state) { inProcess(state, "Mtb1M_CoreTrace", false); }
+void BM_MtbGetLinesAndTextInProcess(benchmark::State& state) {
+  inProcess(state, "Mtb1M_CoreTrace", true);
+}
+void BM_GenericGetLinesAndTextInProcess(benchmark::State& state) {
+  inProcess(state, "Tdf1M_TDF", true);
+}
+
+// Health first: it is the baseline of the others.
+BENCHMARK(BM_Health)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MtbLines_10k)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MtbLines_1M)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GenericLines_10k)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GenericLines_1M)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MtbGetLinesInProcess)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_MtbGetLinesAndTextInProcess)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GenericGetLinesAndTextInProcess)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  gFixture.reset();
+  return 0;
+}
