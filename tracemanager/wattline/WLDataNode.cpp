@@ -10,8 +10,13 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <atomic>
+#include <exception>
+#include <functional>
 #include <new>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 
 #include "WLStateDecoders.hpp"
 
@@ -77,6 +82,16 @@ constexpr uint64_t kGroup = 8;
 // stay in the cache anyway, and a plain store would first read each line
 // it writes.
 constexpr uint64_t kStreamingBytes = uint64_t{8} << 20;
+
+// Streams beyond this size are decoded by two threads. Most of the time of
+// a first decode goes to the kernel supplying zeroed pages for the columns;
+// two threads fault them in side by side.
+constexpr uint64_t kParallelBytes = uint64_t{64} << 20;
+
+// Records per share taken by a thread: a multiple of the records in a
+// huge page of any column, so the threads seldom fault the same page, and
+// small enough that one delayed thread holds up the other only briefly.
+constexpr uint64_t kShareRecords = uint64_t{1} << 19;
 
 struct ColumnPointers {
   uint64_t* t;
@@ -218,8 +233,9 @@ class WLDataNode::Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  // `size` bytes from `offset`, valid until the next call.
-  const uint8_t* read(uint64_t offset, size_t size) {
+  // `size` bytes from `offset`, valid until the next call with the same
+  // `buffer` (each thread brings its own, used when the file is not mapped).
+  const uint8_t* read(uint64_t offset, size_t size, std::vector<uint8_t>& buffer) const {
     if (memory_ != nullptr) return memory_ + offset;
     if (map_ != nullptr) {
       // The file may have shrunk since it was mapped; touching a page past
@@ -232,10 +248,10 @@ class WLDataNode::Source {
       }
       return map_ + offset;
     }
-    if (block_.size() < size) block_.resize(size);
+    if (buffer.size() < size) buffer.resize(size);
     size_t done = 0;
     while (done < size) {
-      ssize_t got = ::pread(fd_, block_.data() + done, size - done,
+      ssize_t got = ::pread(fd_, buffer.data() + done, size - done,
                             static_cast<off_t>(offset + done));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) {
@@ -247,7 +263,7 @@ class WLDataNode::Source {
       }
       done += static_cast<size_t>(got);
     }
-    return block_.data();
+    return buffer.data();
   }
 
   // The bytes offset .. offset + size are decoded: the whole pages among
@@ -266,7 +282,6 @@ class WLDataNode::Source {
   const uint8_t* memory_ = nullptr;
   const uint8_t* map_ = nullptr;
   uint64_t size_ = 0;
-  std::vector<uint8_t> block_;
 };
 
 WLDataNode::WLDataNode() = default;
@@ -332,7 +347,8 @@ bool WLDataNode::readFile(const std::string& folder, const std::string& fileName
   byteCount = info.st_size;
   if (byteCount > 0) {
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    readKind(*source_->read(0, 1));
+    std::vector<uint8_t> buffer;
+    readKind(*source_->read(0, 1, buffer));
   }
   return true;
 }
@@ -411,6 +427,55 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
   return bad;
 }
 
+uint64_t WLDataNode::decodeShared(
+    uint64_t count, uint64_t perBlock,
+    const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange) {
+  // Shares of the records go, in order, to whichever thread asks next: on a
+  // loaded machine a thread that gets no processor simply takes fewer. A
+  // wrong tag ends the work of both after their current share; the first
+  // bad record wins, as later ones are cleared anyway.
+  const uint64_t share = std::max(perBlock, kShareRecords / perBlock * perBlock);
+  std::atomic<uint64_t> next{0};
+  std::atomic<uint64_t> firstBad{count};
+  std::atomic<bool> stop{false};
+  std::exception_ptr failure;
+  auto work = [&](std::exception_ptr& error) {
+    std::vector<uint8_t> block;
+    try {
+      while (!stop.load(std::memory_order_relaxed)) {
+        const uint64_t from = next.fetch_add(share, std::memory_order_relaxed);
+        if (from >= count) break;
+        const uint64_t to = std::min(from + share, count);
+        const uint64_t bad = decodeRange(from, to, block);
+        if (bad < to) {
+          uint64_t seen = firstBad.load();
+          while (bad < seen && !firstBad.compare_exchange_weak(seen, bad)) {
+          }
+          stop = true;
+        }
+      }
+    } catch (...) {
+      error = std::current_exception();
+      stop = true;
+    }
+#if defined(__SSE2__)
+    if (streaming_) _mm_sfence();  // this thread's streaming stores, before the join
+#endif
+  };
+  std::exception_ptr helperFailure;
+  std::thread helper;
+  try {
+    helper = std::thread(work, std::ref(helperFailure));
+  } catch (const std::system_error&) {
+    // No second thread to be had: this one does all the shares.
+  }
+  work(failure);
+  if (helper.joinable()) helper.join();
+  if (failure) std::rethrow_exception(failure);
+  if (helperFailure) std::rethrow_exception(helperFailure);
+  return firstBad.load();
+}
+
 void WLDataNode::decode() {
   if (!hasStream_ || source_ == nullptr) return;
   if (recordType != kTypeWithStates && recordType != kTypePlain) {
@@ -430,7 +495,8 @@ void WLDataNode::decode() {
   // out with the nominal size; with other than two words it is further
   // limited to the whole records present, so no read passes the end.
   const uint32_t stride = kSizePlain + 4u * stateWordCount;
-  const uint8_t tag = byteCount > 0 ? *source_->read(0, 1) : 0;
+  std::vector<uint8_t> buffer;
+  const uint8_t tag = byteCount > 0 ? *source_->read(0, 1, buffer) : 0;
   if (recordCount > 0) {
     --recordCount;
     const uint64_t bytes = static_cast<uint64_t>(byteCount);
@@ -454,17 +520,19 @@ void WLDataNode::decode() {
   streaming_ = recordCount * stride > kStreamingBytes;
   // Decodes the blocks of records from..to-1; the index of the first record
   // with a wrong tag, or `to`.
-  auto decodeRange = [&](uint64_t from, uint64_t to) -> uint64_t {
+  auto decodeRange = [&](uint64_t from, uint64_t to, std::vector<uint8_t>& block) -> uint64_t {
     for (uint64_t at = from; at < to; at += perBlock) {
       const uint64_t n = std::min(perBlock, to - at);
-      const uint8_t* bytes = source_->read(stride + at * stride, n * stride);
+      const uint8_t* bytes = source_->read(stride + at * stride, n * stride, block);
       const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
       source_->done(stride + at * stride, n * stride);
       if (good < n) return at + good;
     }
     return to;
   };
-  const uint64_t bad = decodeRange(0, recordCount);
+  const uint64_t bad = recordCount * stride >= kParallelBytes
+                           ? decodeShared(recordCount, perBlock, decodeRange)
+                           : decodeRange(0, recordCount, buffer);
   if (bad < recordCount) {
     // Records from the bad one on read as never decoded (reused columns
     // may hold an earlier stream beyond this block, so all of it goes).

@@ -20,6 +20,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -134,6 +135,12 @@ class WLDataNode {
   // returns the index of the first record with a wrong tag, or count.
   uint64_t decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t at, uint8_t tag,
                        uint32_t stride);
+  // Runs `decodeRange(from, to, buffer)` over all `count` records in shares
+  // of whole blocks on two threads; the first record with a wrong tag, or
+  // `count`. Rethrows a read failure of either thread.
+  uint64_t decodeShared(
+      uint64_t count, uint64_t perBlock,
+      const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange);
 
   // Columns of the previous load, kept from readFile until decode: a
   // stream decoded again at the same length (a refresh of an unchanged

@@ -246,6 +246,48 @@ TEST(WLDataNodeDecode, WrongTagIsFoundInEveryLane) {
   }
 }
 
+// Streams of tens of mebibytes are decoded in shares by two threads; the
+// result must not depend on which thread took which share, and a bad record
+// must clear everything after it even when a later share was decoded first.
+TEST(WLDataNodeDecode, StreamsDecodedInSharesMatchTheFile) {
+  constexpr uint64_t kRecords = 2'800'003;  // about 70 MiB
+  StreamBuilder b(0x07, 2);
+  const auto sampleAt = [](uint64_t i) {
+    const uint32_t u = static_cast<uint32_t>(i);
+    return Sample{i * 3 + 1, {u, ~u}, u * 5, static_cast<uint16_t>(i), u * 7};
+  };
+  for (uint64_t i = 0; i < kRecords; ++i) b.add(sampleAt(i));
+  const std::vector<uint64_t> probes = {0, 20159, 20160, 524159, 524160, 1048320, 2000001,
+                                        kRecords - 1};
+  const auto expectRecords = [&](const WLDataNode& node, uint64_t bad) {
+    for (uint64_t i : probes) {
+      const Sample s = i < bad ? sampleAt(i) : Sample{0, {0, 0}, 0, 0, 0};
+      EXPECT_EQ(node.times[i], s.time) << i;
+      EXPECT_EQ(node.stateWords[0][i], s.words[0]) << i;
+      EXPECT_EQ(node.stateWords[1][i], s.words[1]) << i;
+      EXPECT_EQ(node.currents[i], s.current) << i;
+      EXPECT_EQ(node.voltages[i], s.voltage) << i;
+      EXPECT_EQ(node.energies[i], s.energy) << i;
+    }
+  };
+  {
+    TempDir dir;
+    WLDataNode node;
+    load(node, dir, b.bytes());
+    ASSERT_EQ(node.recordCount, kRecords);
+    expectRecords(node, kRecords);
+  }
+  // Two bad records in different shares: the earlier one decides.
+  constexpr uint64_t kBad = 1048321;
+  b.bytes()[26 * (kBad + 1)] = 0x17;
+  b.bytes()[26 * (2000000 + 1)] = 0x17;
+  WLDataNode node;
+  node.readBuffer(b.bytes().data(), static_cast<int64_t>(b.bytes().size()));
+  EXPECT_THROW(node.decode(), std::runtime_error);
+  expectRecords(node, kBad);
+  EXPECT_EQ(node.times[kBad - 1], sampleAt(kBad - 1).time);
+}
+
 TEST(WLDataNodeDecode, RecordKindsWithoutLayoutDecodeNothing) {
   TempDir dir;
   WLDataNode node;
