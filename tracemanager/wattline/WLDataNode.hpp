@@ -9,11 +9,13 @@
 // bytes are never kept. `readFile` opens the file and reads its first byte;
 // `decode` reads it in blocks of about half a mebibyte into one reusable
 // buffer and fills the columns; the file is closed at the end. Peak memory
-// is the columns plus one block, whatever the stream length.
+// is the columns plus one block per decoding thread (two for streams of
+// tens of mebibytes and more), whatever the stream length.
 //
 // Ownership and threads: owned by WLExperiment, shared read-only by its
 // views. No lock of its own: every call happens under the trace server's
-// request lock. Failures: `decode` throws std::runtime_error("Corrupted
+// request lock; the helper thread of a large `decode` ends before it
+// returns and writes only its own records' slices of the columns. Failures: `decode` throws std::runtime_error("Corrupted
 // buffer") on a record whose tag differs from the file's first byte, and
 // std::runtime_error with the system's error text when the file cannot be
 // read; a missing file is not an error (`readFile` answers false).
