@@ -10,8 +10,13 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <atomic>
+#include <exception>
+#include <functional>
 #include <new>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 
 #include "WLStateDecoders.hpp"
 
@@ -78,6 +83,16 @@ constexpr uint64_t kGroup = 8;
 // it writes.
 constexpr uint64_t kStreamingBytes = uint64_t{8} << 20;
 
+// Streams beyond this size are decoded by two threads. Most of the time of
+// a first decode goes to the kernel supplying zeroed pages for the columns;
+// two threads fault them in side by side.
+constexpr uint64_t kParallelBytes = uint64_t{64} << 20;
+
+// Records per share taken by a thread: a multiple of the records in a
+// huge page of any column, so the threads seldom fault the same page, and
+// small enough that one delayed thread holds up the other only briefly.
+constexpr uint64_t kShareRecords = uint64_t{1} << 19;
+
 struct ColumnPointers {
   uint64_t* t;
   uint32_t* w0;
@@ -88,51 +103,108 @@ struct ColumnPointers {
 };
 
 #if defined(__SSE2__)
-template <typename T>
-void stream16(T* to, const T* from, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 16) {
-    _mm_stream_si128(reinterpret_cast<__m128i*>(reinterpret_cast<uint8_t*>(to) + i),
-                     _mm_load_si128(reinterpret_cast<const __m128i*>(
-                         reinterpret_cast<const uint8_t*>(from) + i)));
+template <bool kStream>
+inline void put(void* to, __m128i value) {
+  if constexpr (kStream) {
+    _mm_stream_si128(static_cast<__m128i*>(to), value);
+  } else {
+    _mm_store_si128(static_cast<__m128i*>(to), value);
   }
 }
 
-// Decodes `groups` groups of records with two state words (kWords) or none,
-// staging each group in registers and writing it with streaming stores.
-template <bool kWords>
-uint32_t decodeStreaming(const uint8_t* bytes, uint64_t groups, uint32_t stride, uint8_t tag,
-                         ColumnPointers out) {
-  uint32_t wrong = 0;
-  alignas(16) uint64_t t[kGroup];
-  alignas(16) uint32_t w0[kGroup], w1[kGroup], c[kGroup], e[kGroup];
-  alignas(16) uint16_t v[kGroup];
-  for (uint64_t g = 0; g < groups; ++g) {
-#pragma GCC unroll 8
-    for (uint64_t k = 0; k < kGroup; ++k, bytes += stride) {
-      const uint64_t head = loadLE<uint64_t>(bytes);
-      wrong |= static_cast<uint8_t>(head) ^ tag;
-      t[k] = head >> 8;
-      const uint8_t* tail = bytes + 8;
-      if constexpr (kWords) {
-        w0[k] = loadLE<uint32_t>(bytes + 8);
-        w1[k] = loadLE<uint32_t>(bytes + 12);
-        tail = bytes + 16;
-      }
-      c[k] = currentOf(loadLE<uint32_t>(tail));
-      v[k] = voltageOf(loadLE<uint16_t>(tail + 4));
-      e[k] = loadLE<uint32_t>(tail + 6);
-    }
-    const uint64_t at = g * kGroup;
-    stream16(out.t + at, t, sizeof t);
-    if constexpr (kWords) {
-      stream16(out.w0 + at, w0, sizeof w0);
-      stream16(out.w1 + at, w1, sizeof w1);
-    }
-    stream16(out.c + at, c, sizeof c);
-    stream16(out.v + at, v, sizeof v);
-    stream16(out.e + at, e, sizeof e);
+// Four records in registers, one field per vector: the lanes are the
+// records in file order.
+struct Four {
+  __m128i t01, t23;  // times of records 0-1 and 2-3, still with the tag in the low byte
+  __m128i w0, w1;    // state words (records with two words only)
+  __m128i c;         // currents, raw
+  __m128i v;         // voltages, raw, in the low half of each lane
+  __m128i e;         // energies
+};
+
+// Gathers four records of `kStride` bytes at `r` with unaligned 16-byte
+// loads that all stay inside the records: bytes 0-15 hold tag, time and the
+// two words; from 8 before the tail the current and voltage sit in the top
+// two lanes; from 6 before it the energy sits in the top lane.
+template <uint32_t kStride, uint32_t kTail>
+inline Four gather4(const uint8_t* r) {
+  // Written out rather than looped: at -O2 a loop over small arrays of
+  // vectors goes through the stack.
+  const auto load = [](const uint8_t* at) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+  };
+  const __m128i a[4] = {load(r), load(r + kStride), load(r + 2 * kStride), load(r + 3 * kStride)};
+  const uint8_t* pAt = r + kTail - 8;
+  const __m128i p[4] = {load(pAt), load(pAt + kStride), load(pAt + 2 * kStride),
+                        load(pAt + 3 * kStride)};
+  const uint8_t* qAt = r + kTail - 6;
+  const __m128i q[4] = {load(qAt), load(qAt + kStride), load(qAt + 2 * kStride),
+                        load(qAt + 3 * kStride)};
+  Four f;
+  f.t01 = _mm_unpacklo_epi64(a[0], a[1]);
+  f.t23 = _mm_unpacklo_epi64(a[2], a[3]);
+  if constexpr (kTail == 16) {
+    const __m128 h01 = _mm_castsi128_ps(_mm_unpackhi_epi64(a[0], a[1]));
+    const __m128 h23 = _mm_castsi128_ps(_mm_unpackhi_epi64(a[2], a[3]));
+    f.w0 = _mm_castps_si128(_mm_shuffle_ps(h01, h23, _MM_SHUFFLE(2, 0, 2, 0)));
+    f.w1 = _mm_castps_si128(_mm_shuffle_ps(h01, h23, _MM_SHUFFLE(3, 1, 3, 1)));
+  } else {
+    f.w0 = f.w1 = _mm_setzero_si128();
   }
-  return wrong;
+  const __m128i cv01 = _mm_unpackhi_epi32(p[0], p[1]);
+  const __m128i cv23 = _mm_unpackhi_epi32(p[2], p[3]);
+  f.c = _mm_unpacklo_epi64(cv01, cv23);
+  f.v = _mm_unpackhi_epi64(cv01, cv23);
+  f.e = _mm_unpackhi_epi64(_mm_unpackhi_epi32(q[0], q[1]), _mm_unpackhi_epi32(q[2], q[3]));
+  return f;
+}
+
+// Decodes `groups` groups of eight records of `kStride` bytes (tail fields
+// at `kTail`) straight into the columns, whose slices are 16-byte aligned.
+// Returns non-zero when some record's tag differs from `tag`.
+template <uint32_t kStride, uint32_t kTail, bool kStream>
+int decodeGroups(const uint8_t* bytes, uint64_t groups, uint8_t tag, ColumnPointers out) {
+  const __m128i lowByte = _mm_set1_epi64x(0xFF);
+  const __m128i tags = _mm_set1_epi64x(tag);
+  const __m128i ones = _mm_set1_epi32(-1);
+  __m128i wrong = _mm_setzero_si128();
+  for (uint64_t g = 0; g < groups; ++g, bytes += 8 * kStride) {
+    const Four x = gather4<kStride, kTail>(bytes);
+    const Four y = gather4<kStride, kTail>(bytes + 4 * kStride);
+    uint64_t* t = out.t + 8 * g;
+    const auto head = [&](uint64_t* to, __m128i h) {
+      wrong = _mm_or_si128(wrong, _mm_and_si128(_mm_xor_si128(h, tags), lowByte));
+      put<kStream>(to, _mm_srli_epi64(h, 8));
+    };
+    head(t, x.t01);
+    head(t + 2, x.t23);
+    head(t + 4, y.t01);
+    head(t + 6, y.t23);
+    if constexpr (kTail == 16) {
+      put<kStream>(out.w0 + 8 * g, x.w0);
+      put<kStream>(out.w0 + 8 * g + 4, y.w0);
+      put<kStream>(out.w1 + 8 * g, x.w1);
+      put<kStream>(out.w1 + 8 * g + 4, y.w1);
+    }
+    // All ones means "no reading", shown as 0.
+    put<kStream>(out.c + 8 * g, _mm_andnot_si128(_mm_cmpeq_epi32(x.c, ones), x.c));
+    put<kStream>(out.c + 8 * g + 4, _mm_andnot_si128(_mm_cmpeq_epi32(y.c, ones), y.c));
+    // Narrow the voltages to 16 bits: sign-extending the low half first
+    // makes the saturating pack exact.
+    const __m128i v = _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(x.v, 16), 16),
+                                      _mm_srai_epi32(_mm_slli_epi32(y.v, 16), 16));
+    put<kStream>(out.v + 8 * g, _mm_andnot_si128(_mm_cmpeq_epi16(v, ones), v));
+    put<kStream>(out.e + 8 * g, x.e);
+    put<kStream>(out.e + 8 * g + 4, y.e);
+  }
+  return _mm_movemask_epi8(_mm_cmpeq_epi8(wrong, _mm_setzero_si128())) != 0xFFFF;
+}
+
+template <bool kStream>
+int decodeGroups(bool words, const uint8_t* bytes, uint64_t groups, uint8_t tag,
+                 ColumnPointers out) {
+  return words ? decodeGroups<26, 16, kStream>(bytes, groups, tag, out)
+               : decodeGroups<18, 8, kStream>(bytes, groups, tag, out);
 }
 #endif
 
@@ -161,8 +233,9 @@ class WLDataNode::Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  // `size` bytes from `offset`, valid until the next call.
-  const uint8_t* read(uint64_t offset, size_t size) {
+  // `size` bytes from `offset`, valid until the next call with the same
+  // `buffer` (each thread brings its own, used when the file is not mapped).
+  const uint8_t* read(uint64_t offset, size_t size, std::vector<uint8_t>& buffer) const {
     if (memory_ != nullptr) return memory_ + offset;
     if (map_ != nullptr) {
       // The file may have shrunk since it was mapped; touching a page past
@@ -175,10 +248,10 @@ class WLDataNode::Source {
       }
       return map_ + offset;
     }
-    if (block_.size() < size) block_.resize(size);
+    if (buffer.size() < size) buffer.resize(size);
     size_t done = 0;
     while (done < size) {
-      ssize_t got = ::pread(fd_, block_.data() + done, size - done,
+      ssize_t got = ::pread(fd_, buffer.data() + done, size - done,
                             static_cast<off_t>(offset + done));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) {
@@ -190,7 +263,7 @@ class WLDataNode::Source {
       }
       done += static_cast<size_t>(got);
     }
-    return block_.data();
+    return buffer.data();
   }
 
   // The bytes offset .. offset + size are decoded: the whole pages among
@@ -209,7 +282,6 @@ class WLDataNode::Source {
   const uint8_t* memory_ = nullptr;
   const uint8_t* map_ = nullptr;
   uint64_t size_ = 0;
-  std::vector<uint8_t> block_;
 };
 
 WLDataNode::WLDataNode() = default;
@@ -275,7 +347,8 @@ bool WLDataNode::readFile(const std::string& folder, const std::string& fileName
   byteCount = info.st_size;
   if (byteCount > 0) {
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    readKind(*source_->read(0, 1));
+    std::vector<uint8_t> buffer;
+    readKind(*source_->read(0, 1, buffer));
   }
   return true;
 }
@@ -309,16 +382,17 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
   };
   uint64_t first = 0;
 #if defined(__SSE2__)
-  if (streaming_ && (recordType == kTypePlain || stateWordCount == 2)) {
+  if (recordType == kTypePlain || stateWordCount == 2) {
     const uint64_t groups = count / kGroup;
+    const bool words = recordType != kTypePlain;
     ColumnPointers out{t, nullptr, nullptr, c, v, e};
-    if (recordType == kTypePlain) {
-      wrong |= decodeStreaming<false>(bytes, groups, stride, tag, out);
-    } else {
+    if (words) {
       out.w0 = stateWords[0].data() + at;
       out.w1 = stateWords[1].data() + at;
-      wrong |= decodeStreaming<true>(bytes, groups, stride, tag, out);
     }
+    const int bad = streaming_ ? decodeGroups<true>(words, bytes, groups, tag, out)
+                               : decodeGroups<false>(words, bytes, groups, tag, out);
+    wrong |= static_cast<uint32_t>(bad);
     first = groups * kGroup;
     bytes += first * stride;
   }
@@ -353,6 +427,55 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
   return bad;
 }
 
+uint64_t WLDataNode::decodeShared(
+    uint64_t count, uint64_t perBlock,
+    const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange) {
+  // Shares of the records go, in order, to whichever thread asks next: on a
+  // loaded machine a thread that gets no processor simply takes fewer. A
+  // wrong tag ends the work of both after their current share; the first
+  // bad record wins, as later ones are cleared anyway.
+  const uint64_t share = std::max(perBlock, kShareRecords / perBlock * perBlock);
+  std::atomic<uint64_t> next{0};
+  std::atomic<uint64_t> firstBad{count};
+  std::atomic<bool> stop{false};
+  std::exception_ptr failure;
+  auto work = [&](std::exception_ptr& error) {
+    std::vector<uint8_t> block;
+    try {
+      while (!stop.load(std::memory_order_relaxed)) {
+        const uint64_t from = next.fetch_add(share, std::memory_order_relaxed);
+        if (from >= count) break;
+        const uint64_t to = std::min(from + share, count);
+        const uint64_t bad = decodeRange(from, to, block);
+        if (bad < to) {
+          uint64_t seen = firstBad.load();
+          while (bad < seen && !firstBad.compare_exchange_weak(seen, bad)) {
+          }
+          stop = true;
+        }
+      }
+    } catch (...) {
+      error = std::current_exception();
+      stop = true;
+    }
+#if defined(__SSE2__)
+    if (streaming_) _mm_sfence();  // this thread's streaming stores, before the join
+#endif
+  };
+  std::exception_ptr helperFailure;
+  std::thread helper;
+  try {
+    helper = std::thread(work, std::ref(helperFailure));
+  } catch (const std::system_error&) {
+    // No second thread to be had: this one does all the shares.
+  }
+  work(failure);
+  if (helper.joinable()) helper.join();
+  if (failure) std::rethrow_exception(failure);
+  if (helperFailure) std::rethrow_exception(helperFailure);
+  return firstBad.load();
+}
+
 void WLDataNode::decode() {
   if (!hasStream_ || source_ == nullptr) return;
   if (recordType != kTypeWithStates && recordType != kTypePlain) {
@@ -372,7 +495,8 @@ void WLDataNode::decode() {
   // out with the nominal size; with other than two words it is further
   // limited to the whole records present, so no read passes the end.
   const uint32_t stride = kSizePlain + 4u * stateWordCount;
-  const uint8_t tag = byteCount > 0 ? *source_->read(0, 1) : 0;
+  std::vector<uint8_t> buffer;
+  const uint8_t tag = byteCount > 0 ? *source_->read(0, 1, buffer) : 0;
   if (recordCount > 0) {
     --recordCount;
     const uint64_t bytes = static_cast<uint64_t>(byteCount);
@@ -396,17 +520,19 @@ void WLDataNode::decode() {
   streaming_ = recordCount * stride > kStreamingBytes;
   // Decodes the blocks of records from..to-1; the index of the first record
   // with a wrong tag, or `to`.
-  auto decodeRange = [&](uint64_t from, uint64_t to) -> uint64_t {
+  auto decodeRange = [&](uint64_t from, uint64_t to, std::vector<uint8_t>& block) -> uint64_t {
     for (uint64_t at = from; at < to; at += perBlock) {
       const uint64_t n = std::min(perBlock, to - at);
-      const uint8_t* bytes = source_->read(stride + at * stride, n * stride);
+      const uint8_t* bytes = source_->read(stride + at * stride, n * stride, block);
       const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
       source_->done(stride + at * stride, n * stride);
       if (good < n) return at + good;
     }
     return to;
   };
-  const uint64_t bad = decodeRange(0, recordCount);
+  const uint64_t bad = recordCount * stride >= kParallelBytes
+                           ? decodeShared(recordCount, perBlock, decodeRange)
+                           : decodeRange(0, recordCount, buffer);
   if (bad < recordCount) {
     // Records from the bad one on read as never decoded (reused columns
     // may hold an earlier stream beyond this block, so all of it goes).

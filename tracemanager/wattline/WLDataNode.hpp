@@ -9,17 +9,20 @@
 // bytes are never kept. `readFile` opens the file and reads its first byte;
 // `decode` reads it in blocks of about half a mebibyte into one reusable
 // buffer and fills the columns; the file is closed at the end. Peak memory
-// is the columns plus one block, whatever the stream length.
+// is the columns plus one block per decoding thread (two for streams of
+// tens of mebibytes and more), whatever the stream length.
 //
 // Ownership and threads: owned by WLExperiment, shared read-only by its
 // views. No lock of its own: every call happens under the trace server's
-// request lock. Failures: `decode` throws std::runtime_error("Corrupted
+// request lock; the helper thread of a large `decode` ends before it
+// returns and writes only its own records' slices of the columns. Failures: `decode` throws std::runtime_error("Corrupted
 // buffer") on a record whose tag differs from the file's first byte, and
 // std::runtime_error with the system's error text when the file cannot be
 // read; a missing file is not an error (`readFile` answers false).
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -134,6 +137,12 @@ class WLDataNode {
   // returns the index of the first record with a wrong tag, or count.
   uint64_t decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t at, uint8_t tag,
                        uint32_t stride);
+  // Runs `decodeRange(from, to, buffer)` over all `count` records in shares
+  // of whole blocks on two threads; the first record with a wrong tag, or
+  // `count`. Rethrows a read failure of either thread.
+  uint64_t decodeShared(
+      uint64_t count, uint64_t perBlock,
+      const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange);
 
   // Columns of the previous load, kept from readFile until decode: a
   // stream decoded again at the same length (a refresh of an unchanged

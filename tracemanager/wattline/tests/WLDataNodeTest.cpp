@@ -183,6 +183,111 @@ TEST(WLDataNodeDecode, LargeStreamsDecodeLikeSmallOnes) {
   EXPECT_EQ(node.energies[kRecords - 1], 0u);
 }
 
+// Every field at its extremes, in every position of a group of records
+// decoded together, for both record kinds, through short streams (written
+// to the columns directly) and long ones (written past the cache).
+TEST(WLDataNodeDecode, ExtremeValuesSurviveInEveryLane) {
+  const uint64_t kMaxTime = (uint64_t{1} << 56) - 1;
+  const auto sampleAt = [&](uint64_t i, bool words) {
+    const uint32_t u = static_cast<uint32_t>(i);
+    Sample s;
+    // Times with the top bit of the 56 set, currents and voltages just
+    // below and at "no reading", voltages with the sign bit of 16 set.
+    s.time = i % 3 == 0 ? kMaxTime - i : i;
+    if (words) s.words = {0xFFFFFFFFu - u, 0x80000000u | u};
+    s.current = i % 4 == 1 ? 0xFFFFFFFFu : 0xFFFFFFFEu - u;
+    s.voltage = static_cast<uint16_t>(i % 5 == 2 ? 0xFFFF : 0x8000 + (i % 0x7FFF));
+    s.energy = 0xFFFFFFFFu - 7 * u;
+    return s;
+  };
+  for (bool words : {false, true}) {
+    for (uint64_t records : {uint64_t{29}, uint64_t{700001}}) {
+      StreamBuilder b(words ? 0x07 : 0x08, words ? 2 : 0);
+      for (uint64_t i = 0; i < records; ++i) b.add(sampleAt(i, words));
+      WLDataNode node;
+      node.readBuffer(b.bytes().data(), static_cast<int64_t>(b.bytes().size()));
+      node.decode();
+      ASSERT_EQ(node.recordCount, records);
+      for (uint64_t i = 0; i < records; i += (i < 64 ? 1 : 9973)) {
+        const Sample s = sampleAt(i, words);
+        SCOPED_TRACE(testing::Message() << "words " << words << " records " << records << " i " << i);
+        ASSERT_EQ(node.times[i], s.time);
+        ASSERT_EQ(node.currents[i], s.current == 0xFFFFFFFFu ? 0u : s.current);
+        ASSERT_EQ(node.voltages[i], s.voltage == 0xFFFF ? 0 : s.voltage);
+        ASSERT_EQ(node.energies[i], s.energy);
+        if (words) {
+          ASSERT_EQ(node.stateWords[0][i], s.words[0]);
+          ASSERT_EQ(node.stateWords[1][i], s.words[1]);
+        }
+      }
+    }
+  }
+}
+
+// A wrong tag is found wherever it sits among records decoded together,
+// also when it differs from the right one only in the word count.
+TEST(WLDataNodeDecode, WrongTagIsFoundInEveryLane) {
+  for (uint64_t bad = 16; bad < 24; ++bad) {
+    StreamBuilder b(0x27, 2);
+    for (uint64_t i = 0; i < 40; ++i) {
+      const Sample s{i + 100, {1, 2}, 3, 4, 5};
+      if (i == bad) {
+        b.addWithTag(bad % 2 == 0 ? 0x37 : 0x26, s);
+      } else {
+        b.add(s);
+      }
+    }
+    WLDataNode node;
+    node.readBuffer(b.bytes().data(), static_cast<int64_t>(b.bytes().size()));
+    EXPECT_THROW(node.decode(), std::runtime_error) << bad;
+    EXPECT_EQ(node.times[bad - 1], bad - 1 + 100) << bad;
+    EXPECT_EQ(node.times[bad], 0u) << bad;
+    EXPECT_EQ(node.energies[bad], 0u) << bad;
+  }
+}
+
+// Streams of tens of mebibytes are decoded in shares by two threads; the
+// result must not depend on which thread took which share, and a bad record
+// must clear everything after it even when a later share was decoded first.
+TEST(WLDataNodeDecode, StreamsDecodedInSharesMatchTheFile) {
+  constexpr uint64_t kRecords = 2'800'003;  // about 70 MiB
+  StreamBuilder b(0x07, 2);
+  const auto sampleAt = [](uint64_t i) {
+    const uint32_t u = static_cast<uint32_t>(i);
+    return Sample{i * 3 + 1, {u, ~u}, u * 5, static_cast<uint16_t>(i), u * 7};
+  };
+  for (uint64_t i = 0; i < kRecords; ++i) b.add(sampleAt(i));
+  const std::vector<uint64_t> probes = {0, 20159, 20160, 524159, 524160, 1048320, 2000001,
+                                        kRecords - 1};
+  const auto expectRecords = [&](const WLDataNode& node, uint64_t bad) {
+    for (uint64_t i : probes) {
+      const Sample s = i < bad ? sampleAt(i) : Sample{0, {0, 0}, 0, 0, 0};
+      EXPECT_EQ(node.times[i], s.time) << i;
+      EXPECT_EQ(node.stateWords[0][i], s.words[0]) << i;
+      EXPECT_EQ(node.stateWords[1][i], s.words[1]) << i;
+      EXPECT_EQ(node.currents[i], s.current) << i;
+      EXPECT_EQ(node.voltages[i], s.voltage) << i;
+      EXPECT_EQ(node.energies[i], s.energy) << i;
+    }
+  };
+  {
+    TempDir dir;
+    WLDataNode node;
+    load(node, dir, b.bytes());
+    ASSERT_EQ(node.recordCount, kRecords);
+    expectRecords(node, kRecords);
+  }
+  // Two bad records in different shares: the earlier one decides.
+  constexpr uint64_t kBad = 1048321;
+  b.bytes()[26 * (kBad + 1)] = 0x17;
+  b.bytes()[26 * (2000000 + 1)] = 0x17;
+  WLDataNode node;
+  node.readBuffer(b.bytes().data(), static_cast<int64_t>(b.bytes().size()));
+  EXPECT_THROW(node.decode(), std::runtime_error);
+  expectRecords(node, kBad);
+  EXPECT_EQ(node.times[kBad - 1], sampleAt(kBad - 1).time);
+}
+
 TEST(WLDataNodeDecode, RecordKindsWithoutLayoutDecodeNothing) {
   TempDir dir;
   WLDataNode node;
