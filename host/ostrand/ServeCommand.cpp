@@ -19,6 +19,7 @@
 #include "ExitCodes.hpp"
 #include "Subcommands.hpp"
 #include "ExperimentKinds.hpp"
+#include "Logger.hpp"
 #include "TspServer.hpp"
 #include "WLExperimentKind.hpp"
 
@@ -99,6 +100,9 @@ int runServe(int argc, char** argv) {
     std::fprintf(stderr, "ostrand serve: set USERPROFILE or HOME, or pass --data DIR\n");
     return kExitUsage;
   }
+
+  // The server's own log (QX_TRACE_LOGGING) goes where the module's would.
+  Logger::bootstrap();
 
   // Signals are taken by sigtimedwait below; block them before any thread
   // exists, so every server thread inherits the mask.

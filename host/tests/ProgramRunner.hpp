@@ -37,12 +37,13 @@ class ProgramRunner {
 
   // `args` is shell text after the program name; runs in `workingDir` when
   // given.
+  // `env` is extra "NAME=value" text put before the program.
   ProgramRun run(const std::string& args, const std::string& input = "",
-                 const std::string& workingDir = "") {
+                 const std::string& workingDir = "", const std::string& env = "") {
     std::string in = dir_ + "/in", out = dir_ + "/out", err = dir_ + "/err";
     std::ofstream(in, std::ios::binary) << input;
     std::string command = (workingDir.empty() ? "" : "cd '" + workingDir + "' && ") + "USERPROFILE='" +
-                          dir_ + "' '" + OSTRAND_PROGRAM + "' " + args + " <'" + in + "' >'" + out +
+                          dir_ + "' " + env + " '" + OSTRAND_PROGRAM + "' " + args + " <'" + in + "' >'" + out +
                           "' 2>'" + err + "'";
     int status = std::system(command.c_str());
     ProgramRun r;

@@ -19,7 +19,9 @@ using ostrand_test::readFile;
 
 class ShellTest : public ::testing::Test {
  protected:
-  ProgramRun run(const std::string& args, const std::string& input) { return runner_.run(args, input); }
+  ProgramRun run(const std::string& args, const std::string& input, const std::string& env = "") {
+    return runner_.run(args, input, "", env);
+  }
   ostrand_test::ProgramRunner runner_;
   const std::string& dir_ = runner_.dir();
 };
@@ -75,6 +77,28 @@ TEST_F(ShellTest, UsageErrorsAndExitCodes) {
   EXPECT_EQ(nul.exitCode, 4);
   EXPECT_NE(nul.err.find("line 2 holds a NUL byte"), std::string::npos);
   EXPECT_EQ(nul.out, "{\"response\":1}\n");
+}
+
+TEST_F(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
+  // The JSON traffic log and the module's own log, both switched on by
+  // environment variables of the host process.
+  std::string traffic = dir_ + "/traffic.log";
+  ProgramRun r = run("shell", "{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n",
+                     "OSTRAND_JSON_LOG='" + traffic + "' QX_TRACE_LOGGING=1");
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::string log = readFile(traffic);
+  EXPECT_NE(log.find(" -> {\"command\":\"cloudTrace.stopSession\",\"id\":3}\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(" <- {\"response\":3}\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(" -> ~Translator()\n"), std::string::npos) << log;
+  bool found = false;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_ + "/.QX-trace")) {
+    std::string name = entry.path().filename();
+    if (name.rfind("qx_trace_log_", 0) == 0) {
+      found = true;
+      EXPECT_NE(readFile(entry.path()).find("Logger : trace user settings directory is "), std::string::npos);
+    }
+  }
+  EXPECT_TRUE(found) << "no qx_trace_log_*.txt in " << dir_ << "/.QX-trace";
 }
 
 TEST_F(ShellTest, EndOfInputWaitsForOwedRepliesOnly) {

@@ -41,6 +41,9 @@ OSTRAND_C_EXPORT const char* const* ListJSONInterfaceModules(uint32_t* count) {
 OSTRAND_C_EXPORT JSONInterface::ExternalModule::ModuleConnection* CreateJSONInterfaceModule(
     const char* name, HostConnection* host) {
   if (name == nullptr || std::strcmp(name, moduleNames[0]) != 0) return nullptr;
+  // The log starts with the first connection, so that everything the
+  // connection does (loading the tool libraries first of all) can be traced.
+  Logger::bootstrap();
   try {
     auto connection = std::make_unique<TraceManagerConnection>(host);
     auto* raw = connection.get();
