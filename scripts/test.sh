@@ -13,6 +13,11 @@ jobs="${OSTRAND_JOBS:-$(nproc)}"
 
 bash scripts/install-deps.sh
 
+# Whatever a test forgets, nothing is written into a real home.
+USERPROFILE="$(mktemp -d -t ostrand-test-home-XXXXXX)"
+export USERPROFILE
+trap 'rm -rf "$USERPROFILE"' EXIT
+
 step() { printf '\n== %s ==\n' "$*"; }
 
 configure() {  # dir, extra cmake options...

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -80,6 +81,11 @@ class Gate {
 class ModuleTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // The module starts its per-user tree with the first connection; it goes
+    // to a temporary home, never the real one.
+    std::string pattern = (std::filesystem::temp_directory_path() / "ostrand-module-XXXXXX").string();
+    home = mkdtemp(pattern.data());
+    setenv("USERPROFILE", home.c_str(), 1);
     handle = dlopen(OSTRAND_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(handle, nullptr) << dlerror();
     list = reinterpret_cast<ListJSONInterfaceModulesFn>(dlsym(handle, "ListJSONInterfaceModules"));
@@ -89,6 +95,7 @@ class ModuleTest : public ::testing::Test {
   }
   void TearDown() override {
     if (handle != nullptr) dlclose(handle);
+    std::filesystem::remove_all(home);
   }
   void unload() {
     dlclose(handle);
@@ -98,6 +105,7 @@ class ModuleTest : public ::testing::Test {
   // Hosts outlive the module: members are destroyed after TearDown has
   // unloaded it, so no worker can still be inside one of their receive().
   RecordingHost hosts[3];
+  std::string home;
   void* handle = nullptr;
   ListJSONInterfaceModulesFn list = nullptr;
   CreateJSONInterfaceModuleFn create = nullptr;
