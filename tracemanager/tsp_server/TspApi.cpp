@@ -3,6 +3,8 @@
 #include <httplib.h>
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 #include "Logger.hpp"
 #include "ModelManager.hpp"
@@ -251,7 +253,9 @@ void postExpTableLines(const Request& req, Response& res) {
   TSP_ENTRY("postExpTableLines");
   const auto request = parseBody(req.body, false).at("parameters").get<TableLinesRequest>();
   answerTyped<VSKTableProvider>(req, res, "postExpTableLines", [&](VSKTableProvider& p) {
-    sendJson(res, writeTableLinesResponse(p.getLines(request)));
+    std::string text;
+    if (!p.writeLines(request, text)) text = writeTableLinesResponse(p.getLines(request));
+    sendJson(res, std::move(text));
   });
 }
 
