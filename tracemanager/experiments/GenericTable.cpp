@@ -1,6 +1,7 @@
 #include "GenericTable.hpp"
 
 #include "Logger.hpp"
+#include "TableLinesWriter.hpp"
 #include "TableText.hpp"
 
 namespace VSKTspServer {
@@ -69,6 +70,56 @@ TableLinesResponse GenericTable::getLines(TableLinesRequest request) {
     model.lines.push_back(std::move(line));
   }
   return response;
+}
+
+bool GenericTable::writeLines(const TableLinesRequest& request, std::string& out) {
+  if (!data) return false;
+  const json& rows = memberOrNull(*data, "Rows");
+  if (!rows.is_array()) return false;
+  const int64_t total = static_cast<int64_t>(rows.size());
+  const auto [low, high] = table_text::lineRange(request.requested_table_index,
+                                                 request.requested_table_count, total);
+  const size_t start = out.size();
+  out.reserve(start + 128 + static_cast<size_t>(high - low) * (40 + columns.size() * 40));
+  try {
+    std::vector<int64_t> columnIds;
+    columnIds.reserve(columns.size());
+    for (const auto& column : columns) columnIds.push_back(column.id);
+    appendTableLinesHead(out, columnIds);
+    for (int64_t i = low; i < high; ++i) {
+      const json& row = rows[static_cast<size_t>(i)];
+      if (!row.is_array()) {
+        out.resize(start);
+        return false;
+      }
+      if (i != low) out += ',';
+      out += R"({"cells":[)";
+      for (size_t c = 0; c < columns.size(); ++c) {
+        if (c) out += ',';
+        out += R"({"content":)";
+        if (c < row.size() && !row[c].is_null()) {
+          if (!row[c].is_string()) {
+            out.resize(start);
+            return false;
+          }
+          appendJsonString(out, row[c].get_ref<const std::string&>());
+        } else {
+          out += R"("")";
+        }
+        out += R"(,"tags":0})";
+      }
+      out += R"(],"index":)";
+      appendJsonInt(out, i);
+      out += R"(,"tags":0})";
+    }
+    appendTableLinesTail(out, low, total, kStatusCompleted, std::string());
+  } catch (const json::exception&) {
+    // Text that is not UTF-8: getLines and the writer raise the error, after
+    // any error of an earlier line, as they always have.
+    out.resize(start);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace VSKTspServer

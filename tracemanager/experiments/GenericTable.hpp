@@ -33,6 +33,9 @@ class GenericTable : public VSKTableProvider {
 
   ColumnsResponse getColumns(std::string parameters) override;
   TableLinesResponse getLines(TableLinesRequest request) override;
+  // Straight from the document; declines a range with a cell that is not a
+  // string or null, a row that is not an array, or text that is not UTF-8.
+  bool writeLines(const TableLinesRequest& request, std::string& out) override;
 
  private:
   nlohmann::json* data = nullptr;

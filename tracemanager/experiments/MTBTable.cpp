@@ -1,9 +1,13 @@
 #include "MTBTable.hpp"
 
 #include <algorithm>
+#include <initializer_list>
+#include <limits>
 #include <stdexcept>
+#include <string_view>
 
 #include "Logger.hpp"
+#include "TableLinesWriter.hpp"
 #include "TableText.hpp"
 
 namespace VSKTspServer {
@@ -47,6 +51,13 @@ MTBTable::MTBTable(json* document) {
 void MTBTable::setData(json* document) {
   data = document;
   rows.clear();
+  text.clear();
+  text.shrink_to_fit();
+  runText.clear();
+  runText.shrink_to_fit();
+  rowText.clear();
+  rowText.shrink_to_fit();
+  textCode = nullptr;
   if (!data) return;
   const json& code = memberOrNull(*data, "code");
   if (code.is_null()) return;
@@ -64,6 +75,102 @@ void MTBTable::setData(json* document) {
     }
   }
   if (reversed) std::reverse(rows.begin(), rows.end());
+  writeText();
+}
+
+namespace {
+
+// Appends each text escaped as a JSON string and records its length; false
+// (with `out` as it was) when a text is not UTF-8 or too long to record.
+template <size_t N>
+bool appendEscaped(std::string& out, uint16_t (&length)[N],
+                   std::initializer_list<const std::string*> texts) {
+  const size_t start = out.size();
+  size_t i = 0;
+  try {
+    for (const std::string* t : texts) {
+      const size_t before = out.size();
+      appendJsonString(out, *t);
+      const size_t n = out.size() - before;
+      if (n > std::numeric_limits<uint16_t>::max()) {
+        out.resize(start);
+        return false;
+      }
+      length[i++] = static_cast<uint16_t>(n);
+    }
+  } catch (const json::exception&) {
+    out.resize(start);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// Every line gets the text that makeLine and the writer would give it, made
+// by the same reads; a line where they would throw gets none.
+void MTBTable::writeText() {
+  const json& runs = memberOrNull(*data, "data");
+  const json& code = memberOrNull(*data, "code");
+  if (!runs.is_array() || !code.is_array()) return;
+  textCode = &code;
+  textCodeSize = code.size();
+  textRunsSize = runs.size();
+
+  runText.resize(code.size());
+  for (size_t r = 0; r < code.size() && r < runs.size(); ++r) {
+    const json& d = runs[r];
+    if (!d.is_object()) continue;
+    RunText entry;
+    try {
+      const std::string dir = optionalString(d, "dir");
+      const std::string function = optionalString(d, "function");
+      const std::string file = optionalString(d, "file");
+      const std::string first = optionalString(d, "first");
+      (void)optionalString(d, "last");
+      entry.at = text.size();
+      if (!appendEscaped(text, entry.length, {&function, &file, &dir})) continue;
+      entry.arrow = !first.empty();
+    } catch (const json::exception&) {
+      continue;
+    }
+    runText[r] = entry;
+  }
+
+  rowText.resize(rows.size());
+  for (size_t k = 0; k < rows.size(); ++k) {
+    const auto [run, instruction] = rows[k];
+    if (runText[static_cast<size_t>(run)].at == kNoText) continue;
+    const json& instructions = code[static_cast<size_t>(run)];
+    if (!instructions.is_array() || static_cast<size_t>(instruction) >= instructions.size())
+      continue;
+    const json& c = instructions[static_cast<size_t>(instruction)];
+    if (!c.is_object()) continue;
+    RowText entry;
+    try {
+      const std::string seq = seqText(memberOrNull(c, "seq"));
+      const std::string addr = optionalString(c, "addr");
+      const std::string src = trimLeft(optionalString(c, "src"));
+      const std::string assembly = trimLeft(optionalString(c, "asm"));
+      const json& lno = memberOrNull(c, "lno");
+      std::string lnoText;
+      if (!lno.is_null() || c.contains("lno")) lnoText = lno.dump();
+      entry.at = text.size();
+      if (!appendEscaped(text, entry.length, {&seq, &addr, &lnoText, &src, &assembly})) continue;
+    } catch (const json::exception&) {
+      continue;
+    }
+    rowText[k] = entry;
+  }
+  text.shrink_to_fit();
+}
+
+bool MTBTable::textIsCurrent() const {
+  if (!data || !textCode) return false;
+  const json& runs = memberOrNull(*data, "data");
+  const json& code = memberOrNull(*data, "code");
+  return &code == textCode && code.is_array() && code.size() == textCodeSize &&
+         runs.is_array() && runs.size() == textRunsSize;
 }
 
 ColumnsResponse MTBTable::getColumns(std::string) {
@@ -130,6 +237,54 @@ TableLinesResponse MTBTable::getLines(TableLinesRequest request) {
     model.lines.push_back(makeLine(k, run, instruction));
   }
   return response;
+}
+
+bool MTBTable::writeLines(const TableLinesRequest& request, std::string& out) {
+  const auto total = static_cast<int64_t>(rows.size());
+  const auto [low, high] = table_text::lineRange(request.requested_table_index,
+                                                 request.requested_table_count, total);
+  if (high > low && !textIsCurrent()) return false;
+  for (int64_t k = low; k < high; ++k) {
+    const auto run = static_cast<size_t>(rows[static_cast<size_t>(k)].first);
+    if (rowText[static_cast<size_t>(k)].at == kNoText || runText[run].at == kNoText) return false;
+  }
+
+  using namespace std::string_view_literals;
+  constexpr std::string_view kNext = R"(,"tags":0},{"content":)"sv;
+  out.reserve(out.size() + 160 + static_cast<size_t>(high - low) * 420);
+  std::vector<int64_t> columnIds;
+  for (const auto& column : columns) columnIds.push_back(column.id);
+  appendTableLinesHead(out, columnIds);
+  for (int64_t k = low; k < high; ++k) {
+    const auto& [run, instruction] = rows[static_cast<size_t>(k)];
+    const RowText& row = rowText[static_cast<size_t>(k)];
+    const RunText& r = runText[static_cast<size_t>(run)];
+    const char* rowAt = text.data() + row.at;
+    const char* runAt = text.data() + r.at;
+    const std::string_view seq(rowAt, row.length[0]);
+    const std::string_view addr(seq.data() + seq.size(), row.length[1]);
+    const std::string_view lno(addr.data() + addr.size(), row.length[2]);
+    const std::string_view src(lno.data() + lno.size(), row.length[3]);
+    const std::string_view assembly(src.data() + src.size(), row.length[4]);
+    const std::string_view function(runAt, r.length[0]);
+    const std::string_view file(function.data() + function.size(), r.length[1]);
+    const std::string_view dir(file.data() + file.size(), r.length[2]);
+
+    if (k != low) out += ',';
+    out += R"({"cells":[{"content":)"sv;
+    out += seq;
+    out += kNext;
+    out += instruction == 0 && r.arrow ? R"("=>")"sv : R"("")"sv;
+    for (std::string_view cell : {addr, function, file, lno, src, assembly, dir}) {
+      out += kNext;
+      out += cell;
+    }
+    out += R"(,"tags":0}],"index":)"sv;
+    appendJsonInt(out, k);
+    out += R"(,"tags":0})"sv;
+  }
+  appendTableLinesTail(out, low, total, kStatusCompleted, std::string());
+  return true;
 }
 
 }  // namespace VSKTspServer

@@ -47,6 +47,8 @@ VSKDataTreeProvider::VSKDataTreeProvider() {
   id = nextId(dataTreeCounter, kIdStem);
 }
 
+bool VSKTableProvider::writeLines(const TableLinesRequest&, std::string&) { return false; }
+
 int VSKTableProvider::exportCsv(std::string path) {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::VSKTableProvider::exportCsv");
   QX_TRACE_ARG("path", path.c_str());

@@ -82,6 +82,14 @@ class VSKTableProvider : public VSKDataProvider, public IVirtualTableProvider {
   // 0 on success; -1 when the file cannot be created or the table cannot
   // be read, the reason logged as an error.
   int exportCsv(std::string path);
+
+  // The answer of getLines(request) as JSON text, appended to `out`: the
+  // very bytes that writeTableLinesResponse gives for it. A table that can
+  // write them without building the model overrides this; false, with `out`
+  // as it was, leaves the answer to getLines and the writer (whatever the
+  // reason: a table without a fast path, or lines it cannot vouch for, such
+  // as a cell of the wrong type, whose error getLines then reports).
+  virtual bool writeLines(const TableLinesRequest& request, std::string& out);
 };
 
 class VSKTimeGraphProvider : public VSKDataProvider,

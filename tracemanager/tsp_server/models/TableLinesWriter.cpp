@@ -39,6 +39,30 @@ void appendJsonString(std::string& out, const std::string& text) {
   out += nlohmann::json(text).dump();
 }
 
+void appendJsonInt(std::string& out, int64_t value) { appendInt(out, value); }
+
+void appendTableLinesHead(std::string& out, const std::vector<int64_t>& columnIds) {
+  out += R"({"model":{"columnIds":[)"sv;
+  for (size_t i = 0; i < columnIds.size(); ++i) {
+    if (i) out += ',';
+    appendInt(out, columnIds[i]);
+  }
+  out += R"(],"lines":[)"sv;
+}
+
+void appendTableLinesTail(std::string& out, int64_t lowIndex, int64_t size,
+                          const std::string& status, const std::string& statusMessage) {
+  out += R"(],"lowIndex":)"sv;
+  appendInt(out, lowIndex);
+  out += R"(,"size":)"sv;
+  appendInt(out, size);
+  out += R"(},"status":)"sv;
+  appendJsonString(out, status);
+  out += R"(,"statusMessage":)"sv;
+  appendJsonString(out, statusMessage);
+  out += '}';
+}
+
 std::string writeTableLinesResponse(const TableLinesResponse& response) {
   const TableLinesModel& model = response.model;
   std::string out;
@@ -46,12 +70,7 @@ std::string writeTableLinesResponse(const TableLinesResponse& response) {
   for (const auto& line : model.lines) cellCount += line.cells.size();
   out.reserve(128 + model.columnIds.size() * 4 + model.lines.size() * 40 + cellCount * 32);
 
-  out += R"({"model":{"columnIds":[)"sv;
-  for (size_t i = 0; i < model.columnIds.size(); ++i) {
-    if (i) out += ',';
-    appendInt(out, model.columnIds[i]);
-  }
-  out += R"(],"lines":[)"sv;
+  appendTableLinesHead(out, model.columnIds);
   for (size_t l = 0; l < model.lines.size(); ++l) {
     const TableLine& line = model.lines[l];
     if (l) out += ',';
@@ -70,15 +89,8 @@ std::string writeTableLinesResponse(const TableLinesResponse& response) {
     appendInt(out, line.tags);
     out += '}';
   }
-  out += R"(],"lowIndex":)"sv;
-  appendInt(out, model.lowIndex);
-  out += R"(,"size":)"sv;
-  appendInt(out, model.size);
-  out += R"(},"status":)"sv;
-  appendJsonString(out, response.status);
-  out += R"(,"statusMessage":)"sv;
-  appendJsonString(out, response.statusMessage);
-  out += '}';
+  appendTableLinesTail(out, model.lowIndex, model.size, response.status,
+                       response.statusMessage);
   return out;
 }
 
