@@ -57,30 +57,29 @@ class ServedCapture {
     options.sampleRate = 100000;
     options.durationSeconds = static_cast<double>(records) / options.sampleRate;
     options.device = "bench/board";
-    std::fprintf(stderr, "generating %llu records...\n", static_cast<unsigned long long>(records));
-    writeCaptureDirectory((root_ / ".QX-trace/data/live-targets/bench/board/Wattline").string(),
-                          options);
-    ::setenv("USERPROFILE", root_.c_str(), 1);
-    registerWattlineKinds(registerExperimentKind);
-    server_ = std::make_unique<testing::RunningServer>();
-    if (!server_->server().isListening()) throw std::runtime_error("the server did not start");
-    client_ = server_->client();
-    client_->set_read_timeout(600);
-    server_->server().refreshLive();
-    const json experiments = json::parse(client_->Get("/tsp/api/experiments")->body);
-    uuid_ = experiments.at(0).at("UUID");
-    records_ = experiments.at(0).at("nbEvents");
-    end_ = experiments.at(0).at("end");
-    for (const auto& o : json::parse(client_->Get(base())->body)) outputs_[o["name"]] = o["id"];
-  }
-  ~ServedCapture() {
-    client_.reset();
-    server_.reset();
-    if (!envSet("OSTRAND_BENCH_KEEP")) {
-      std::error_code ec;
-      fs::remove_all(root_, ec);
+    try {
+      std::fprintf(stderr, "generating %llu records...\n", static_cast<unsigned long long>(records));
+      writeCaptureDirectory((root_ / ".QX-trace/data/live-targets/bench/board/Wattline").string(),
+                            options);
+      ::setenv("USERPROFILE", root_.c_str(), 1);
+      registerWattlineKinds(registerExperimentKind);
+      server_ = std::make_unique<testing::RunningServer>();
+      if (!server_->server().isListening()) throw std::runtime_error("the server did not start");
+      client_ = server_->client();
+      client_->set_read_timeout(600);
+      server_->server().refreshLive();
+      const json experiments = json::parse(client_->Get("/tsp/api/experiments")->body);
+      uuid_ = experiments.at(0).at("UUID");
+      records_ = experiments.at(0).at("nbEvents");
+      end_ = experiments.at(0).at("end");
+      for (const auto& o : json::parse(client_->Get(base())->body)) outputs_[o["name"]] = o["id"];
+    } catch (...) {
+      // A multi-GB stream must not outlive a failed start.
+      release();
+      throw;
     }
   }
+  ~ServedCapture() { release(); }
 
   std::string base() const { return "/tsp/api/experiments/" + uuid_ + "/outputs"; }
   httplib::Client& client() { return *client_; }
@@ -89,6 +88,15 @@ class ServedCapture {
   int64_t end() const { return end_; }
 
  private:
+  void release() {
+    client_.reset();
+    server_.reset();
+    if (!envSet("OSTRAND_BENCH_KEEP")) {
+      std::error_code ec;
+      fs::remove_all(root_, ec);
+    }
+  }
+
   fs::path root_;
   std::unique_ptr<testing::RunningServer> server_;
   std::unique_ptr<httplib::Client> client_;
@@ -102,10 +110,15 @@ std::map<uint64_t, std::unique_ptr<ServedCapture>>& captures() {
   return all;
 }
 
+// One capture is served at a time: the model manager is process-wide, so a
+// second server cannot start beside the first, and two streams of 100
+// million records would not fit in memory together. The benchmarks run size
+// by size, so each capture is made once.
 ServedCapture& capture(uint64_t records) {
-  auto& slot = captures()[records];
-  if (!slot) slot = std::make_unique<ServedCapture>(records);
-  return *slot;
+  auto& all = captures();
+  if (auto it = all.find(records); it != all.end()) return *it->second;
+  all.clear();
+  return *all.emplace(records, std::make_unique<ServedCapture>(records)).first->second;
 }
 
 // Times each request; reports the median as `p50_us`.

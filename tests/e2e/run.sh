@@ -38,6 +38,13 @@ trap cleanup EXIT INT TERM
 "$build/bin/ostrand" gen mtb --data "$data" --size 5000 --seed 7 >/dev/null
 "$build/bin/ostrand" gen tdf --data "$data" --size 300 --seed 7 >/dev/null
 tdf_dir="$data/.QX-trace/data/file-targets/file/recording/TDF"
+# Power captures: state words in the v4 and the v5 layout, and none.
+"$build/bin/ostrand" gen wattline --data "$data" --target sim/wl_v4 --type 7 --states v4 \
+  --duration 2 --rate 2000 --seed 7 >/dev/null
+"$build/bin/ostrand" gen wattline --data "$data" --target sim/wl_v5 --type 7 --states v5 \
+  --duration 2 --rate 2000 --seed 8 >/dev/null
+"$build/bin/ostrand" gen wattline --data "$data" --target sim/wl_plain --type 8 \
+  --duration 2 --rate 2000 --seed 9 >/dev/null
 
 port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
 "$build/bin/tsp_e2e_server" --port "$port" --data "$data" --etb-records 1000 >"$data/server.log" 2>&1 &
@@ -56,7 +63,7 @@ until grep -q '^READY' "$data/server.log" 2>/dev/null; do
 done
 
 status=0
-node "$here/e2e.mjs" "http://localhost:$port" "$tdf_dir" || status=$?
+node "$here/e2e.mjs" "http://localhost:$port" "$tdf_dir" wl_v4_WL++ wl_v5_WL++ wl_plain_WL || status=$?
 
 # The server stops by itself on GET /stop.
 node -e "require('http').get('http://localhost:$port/stop', r => r.resume()).on('error', () => {})"

@@ -4,7 +4,10 @@
 // Beside what `ostrand serve` does, it writes one ETB capture directory and
 // fills the data broker's ETB record store before it serves, as a decode
 // would, then refreshes every experiment (an ETB table shows the store's
-// records only from its first refresh on). Serves until GET /stop.
+// records only from its first refresh on). Power captures are served as by
+// `ostrand serve`: this program links the Wattline library and registers
+// its kinds, which the server library itself never does. Serves until
+// GET /stop.
 //
 // usage: tsp_e2e_server --port N --data DIR [--etb-records N]
 #include <chrono>
@@ -18,7 +21,9 @@
 #include <nlohmann/json.hpp>
 
 #include "DataBrokerRouter.hpp"
+#include "ExperimentKinds.hpp"
 #include "TspServer.hpp"
+#include "WLExperimentKind.hpp"
 
 namespace {
 
@@ -69,6 +74,7 @@ int main(int argc, char** argv) {
                                                         {"time", "2024-01-01T00:00:00Z"}}
                                              .dump();
 
+    VSKTspServer::registerWattlineKinds(VSKTspServer::registerExperimentKind);
     VSKTspServer::TspServer server;
     server.port = port;
     std::thread serving([&server] { server.run(); });

@@ -307,7 +307,9 @@ json stateDescription(WLStateLayout layout) {
                                          bit("PC", "Program counter", 32, 63)})}};
     case WLStateLayout::kV5: {
       json pm = bit("PowerMode", "Processor mode", 0, 1);
-      pm["Enums"] = json::array({choice("CPU.Run", "running", 0), choice("CPU.Sleep", "clock gated", 1),
+      // Mode names end in names of the state graph's style table, so that
+      // every span a viewer gets has a look of its own.
+      pm["Enums"] = json::array({choice("CPU.Active", "running", 0), choice("CPU.Sleep", "clock gated", 1),
                                  choice("CPU.DeepSleep", "retention", 2), choice("CPU.Off", "off", 3)});
       return {{"name", "sim-mcu-m4"},
               {"version", 5},
