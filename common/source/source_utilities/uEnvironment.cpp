@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -26,13 +27,15 @@ char normalisedSeparator(char c) {
 const char* getEnvironment(const char* name) {
   if (name == nullptr) throw source_utilities_error("failed set an environment variable name to null");
   // Each thread keeps its own copy: the text stays valid until that thread
-  // asks again, whatever other threads do.
-  thread_local std::string value;
+  // asks again, whatever other threads do. A plain array, not a string: a
+  // thread-local object with a destructor would pin the module in memory
+  // (the loader cannot unload a library while a thread may still run such a
+  // destructor).
+  thread_local char value[kMaxValue];
   std::lock_guard<std::mutex> guard(environmentMutex);
   const char* raw = std::getenv(name);
-  value.assign(raw != nullptr ? raw : "");
-  if (value.size() >= kMaxValue) value.resize(kMaxValue - 1);
-  return value.c_str();
+  std::snprintf(value, sizeof value, "%s", raw != nullptr ? raw : "");
+  return value;
 }
 
 void setEnvironment(const char* name, const char* value) {
