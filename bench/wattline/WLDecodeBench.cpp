@@ -127,7 +127,7 @@ void BM_MemoryDecode(benchmark::State& state) {
   for (auto _ : state) {
     node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
     node.decode();
-    benchmark::DoNotOptimize(node.times.data());
+    benchmark::DoNotOptimize(node.times[0]);
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
   state.counters["records"] = static_cast<double>(node.recordCount);
@@ -141,7 +141,7 @@ void BM_MemoryDecodeFresh(benchmark::State& state) {
     WLDataNode node;
     node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
     node.decode();
-    benchmark::DoNotOptimize(node.times.data());
+    benchmark::DoNotOptimize(node.times[0]);
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
 }

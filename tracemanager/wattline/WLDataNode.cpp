@@ -208,19 +208,107 @@ int decodeGroups(bool words, const uint8_t* bytes, uint64_t groups, uint8_t tag,
 }
 #endif
 
+// Records per step of the statistics: their fields and samples stay in the
+// first-level cache.
+constexpr size_t kStatsBlock = 1024;
+
+// The statistics of a run of records fed in file order, a block at a time.
+// Every range, whether summed by the pass of decode() or by computeStats,
+// goes through this one piece of code in the same order, so a range gives
+// the same bits whichever way it was asked for.
+class StatsRun {
+ public:
+  void feed(const uint64_t* t, const uint32_t* e, const uint32_t* c, const uint16_t* v,
+            size_t n) {
+    if (n == 0) return;
+    double power[kStatsBlock], current[kStatsBlock], voltage[kStatsBlock];
+    power[0] = started_ ? powerOf(lastTime_, t[0], lastEnergy_, e[0]) : 0.0;
+    for (size_t i = 1; i < n; ++i) power[i] = powerOf(t[i - 1], t[i], e[i - 1], e[i]);
+    for (size_t i = 0; i < n; ++i) {
+      current[i] = c[i] / 1e6;
+      voltage[i] = v[i] / 1000.0;
+    }
+    // The first record of a range has no power sample: there is no step
+    // into it.
+    if (started_) power_.add(power[0]);
+    current_.add(current[0]);
+    voltage_.add(voltage[0]);
+    for (size_t i = 1; i < n; ++i) {
+      power_.add(power[i]);
+      current_.add(current[i]);
+      voltage_.add(voltage[i]);
+    }
+    started_ = true;
+    lastTime_ = t[n - 1];
+    lastEnergy_ = e[n - 1];
+  }
+  ValueStats power() const { return power_.stats(); }
+  ValueStats current() const { return current_.stats(); }
+  ValueStats voltage() const { return voltage_.stats(); }
+
+ private:
+  // Milliwatts between two samples. The energy counter wraps at 32 bits and
+  // between two samples at most once, so the step is the 32-bit difference.
+  static double powerOf(uint64_t t0, uint64_t t1, uint32_t e0, uint32_t e1) {
+    const double dt = static_cast<double>(static_cast<int64_t>(t1 - t0)) / 1e6;
+    const double dE = static_cast<double>(static_cast<uint32_t>(e1 - e0));
+    return dE / 10000.0 / dt;
+  }
+
+  Accumulator power_, current_, voltage_;
+  bool started_ = false;
+  uint64_t lastTime_ = 0;
+  uint32_t lastEnergy_ = 0;
+};
+
+// One block of a mapped stream's records, `tail` the offset of the current:
+// the fields the statistics need, into the arrays. Returns the index of the
+// first record whose tag is not `tag`, or `count`.
+template <uint32_t kStride, uint32_t kTail>
+size_t extractFixed(const uint8_t* r, size_t count, uint8_t tag, uint64_t* t, uint32_t* e,
+                    uint32_t* c, uint16_t* v) {
+  uint32_t wrong = 0;
+  const uint8_t* at = r;
+  for (size_t i = 0; i < count; ++i, at += kStride) {
+    const uint64_t first8 = loadLE<uint64_t>(at);
+    wrong |= static_cast<uint8_t>(first8) ^ tag;
+    t[i] = first8 >> 8;
+    c[i] = currentOf(loadLE<uint32_t>(at + kTail));
+    v[i] = voltageOf(loadLE<uint16_t>(at + kTail + 4));
+    e[i] = loadLE<uint32_t>(at + kTail + 6);
+  }
+  if (wrong == 0) return count;
+  size_t bad = 0;
+  while (r[bad * kStride] == tag) ++bad;
+  return bad;
+}
+
+size_t extract(const uint8_t* r, size_t count, uint8_t tag, uint32_t stride, uint64_t* t,
+               uint32_t* e, uint32_t* c, uint16_t* v) {
+  if (stride == 18) return extractFixed<18, 8>(r, count, tag, t, e, c, v);
+  if (stride == 26) return extractFixed<26, 16>(r, count, tag, t, e, c, v);
+  const uint32_t tail = stride - 10;
+  for (size_t i = 0; i < count; ++i, r += stride) {
+    if (r[0] != tag) return i;
+    t[i] = loadLE<uint64_t>(r) >> 8;
+    c[i] = currentOf(loadLE<uint32_t>(r + tail));
+    v[i] = voltageOf(loadLE<uint16_t>(r + tail + 4));
+    e[i] = loadLE<uint32_t>(r + tail + 6);
+  }
+  return count;
+}
+
 }  // namespace
 
-// Where decode() gets its bytes: a file, or a span of memory that the
-// caller keeps alive. A file is mapped and its blocks decoded straight from
-// the page cache, with no copy; each block is dropped from the mapping once
-// decoded (`done`), so resident memory never holds more than a block of
-// the file beside the columns. A file that cannot be mapped is read block
-// by block into one reusable buffer instead.
+// Where decode() gets its bytes: a mapped file, a file read block by block
+// into a reusable buffer (when the system will not map it), or a span of
+// memory that the caller keeps alive. The mapping of a file outlives
+// decode(): the columns are views over it.
 class WLDataNode::Source {
  public:
   Source(int fd, std::string path, uint64_t size) : fd_(fd), path_(std::move(path)), size_(size) {
     if (size_ == 0) return;
-    void* map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
+    void* map = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd_, 0);
     if (map == MAP_FAILED) return;
     map_ = static_cast<const uint8_t*>(map);
     ::madvise(map, size_, MADV_SEQUENTIAL);
@@ -228,24 +316,37 @@ class WLDataNode::Source {
   Source(const uint8_t* bytes, int64_t size) : memory_(bytes), size_(static_cast<uint64_t>(size)) {}
   ~Source() {
     if (map_ != nullptr) ::munmap(const_cast<uint8_t*>(map_), size_);
-    if (fd_ >= 0) ::close(fd_);
+    closeFile();
   }
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
+
+  const uint8_t* mapping() const { return map_; }
+
+  // Throws when the file is now shorter than `end` bytes: touching a mapped
+  // page past its end would fault.
+  void checkLength(uint64_t end) const {
+    struct stat info {};
+    if (end > size_ || fd_ < 0 || ::fstat(fd_, &info) != 0 ||
+        static_cast<uint64_t>(info.st_size) < end) {
+      throw std::runtime_error("Cannot read " + path_ +
+                               ": the file became shorter while it was decoded");
+    }
+  }
+
+  // The pass over the records is done: the mapping stays, the descriptor goes,
+  // and the records are now read in any order.
+  void finishPass() {
+    if (map_ != nullptr) ::madvise(const_cast<uint8_t*>(map_), size_, MADV_NORMAL);
+    closeFile();
+  }
 
   // `size` bytes from `offset`, valid until the next call with the same
   // `buffer` (each thread brings its own, used when the file is not mapped).
   const uint8_t* read(uint64_t offset, size_t size, std::vector<uint8_t>& buffer) const {
     if (memory_ != nullptr) return memory_ + offset;
     if (map_ != nullptr) {
-      // The file may have shrunk since it was mapped; touching a page past
-      // its end would fault, so each block checks the size first.
-      struct stat info {};
-      if (offset + size > size_ || ::fstat(fd_, &info) != 0 ||
-          static_cast<uint64_t>(info.st_size) < offset + size) {
-        throw std::runtime_error("Cannot read " + path_ +
-                                 ": the file became shorter while it was decoded");
-      }
+      checkLength(offset + size);
       return map_ + offset;
     }
     if (buffer.size() < size) buffer.resize(size);
@@ -266,17 +367,12 @@ class WLDataNode::Source {
     return buffer.data();
   }
 
-  // The bytes offset .. offset + size are decoded: the whole pages among
-  // them leave this process (they stay in the page cache).
-  void done(uint64_t offset, size_t size) const {
-    if (map_ == nullptr) return;
-    const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-    const uint64_t begin = (offset + page - 1) / page * page;
-    const uint64_t end = (offset + size) / page * page;
-    if (end > begin) ::madvise(const_cast<uint8_t*>(map_) + begin, end - begin, MADV_DONTNEED);
+ private:
+  void closeFile() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
   }
 
- private:
   int fd_ = -1;
   std::string path_;
   const uint8_t* memory_ = nullptr;
@@ -288,17 +384,23 @@ WLDataNode::WLDataNode() = default;
 WLDataNode::~WLDataNode() = default;
 
 void WLDataNode::dropStream() {
-  source_.reset();
   hasStream_ = false;
+  known_.clear();
   byteCount = 0;
   recordCount = 0;
   times.retireInto(spare_.times);
   energies.retireInto(spare_.energies);
   currents.retireInto(spare_.currents);
   voltages.retireInto(spare_.voltages);
-  spare_.stateWords = std::move(stateWords);
+  spare_.stateWords.clear();
+  spare_.stateWords.resize(stateWords.size());
+  for (size_t w = 0; w < stateWords.size(); ++w) stateWords[w].retireInto(spare_.stateWords[w]);
   stateWords.clear();
+  // Only now: views of the mapping are gone.
+  source_.reset();
 }
+
+bool WLDataNode::mapped() const { return times.isView(); }
 
 void WLDataNode::releaseSpare() { spare_ = Spare{}; }
 
@@ -363,10 +465,10 @@ void WLDataNode::readBuffer(const uint8_t* bytes, int64_t size) {
 
 uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t at, uint8_t tag,
                                  uint32_t stride) {
-  uint64_t* t = times.data() + at;
-  uint32_t* e = energies.data() + at;
-  uint32_t* c = currents.data() + at;
-  uint16_t* v = voltages.data() + at;
+  uint64_t* t = times.storage() + at;
+  uint32_t* e = energies.storage() + at;
+  uint32_t* c = currents.storage() + at;
+  uint16_t* v = voltages.storage() + at;
   // A wrong tag is rare; it is collected over the block and located only
   // when the block has one, so the loop has no early exit to predict.
   uint32_t wrong = 0;
@@ -387,8 +489,8 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
     const bool words = recordType != kTypePlain;
     ColumnPointers out{t, nullptr, nullptr, c, v, e};
     if (words) {
-      out.w0 = stateWords[0].data() + at;
-      out.w1 = stateWords[1].data() + at;
+      out.w0 = stateWords[0].storage() + at;
+      out.w1 = stateWords[1].storage() + at;
     }
     const int bad = streaming_ ? decodeGroups<true>(words, bytes, groups, tag, out)
                                : decodeGroups<false>(words, bytes, groups, tag, out);
@@ -403,8 +505,8 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
       tail(bytes + 8, i);
     }
   } else if (stateWordCount == 2) {
-    uint32_t* w0 = stateWords[0].data() + at;
-    uint32_t* w1 = stateWords[1].data() + at;
+    uint32_t* w0 = stateWords[0].storage() + at;
+    uint32_t* w1 = stateWords[1].storage() + at;
     for (uint64_t i = first; i < count; ++i, bytes += stride) {
       head(bytes, i);
       w0[i] = loadLE<uint32_t>(bytes + 8);
@@ -415,7 +517,7 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
     for (uint64_t i = 0; i < count; ++i, bytes += stride) {
       head(bytes, i);
       for (size_t w = 0; w < stateWordCount; ++w) {
-        stateWords[w][at + i] = loadLE<uint32_t>(bytes + 8 + 4 * w);
+        stateWords[w].storage()[at + i] = loadLE<uint32_t>(bytes + 8 + 4 * w);
       }
       tail(bytes + 8 + 4 * stateWordCount, i);
     }
@@ -503,6 +605,11 @@ void WLDataNode::decode() {
     const uint64_t fitting = bytes >= stride ? (bytes - stride) / stride : 0;
     recordCount = std::min(recordCount, fitting);
   }
+  known_.clear();
+  if (source_->mapping() != nullptr) {
+    decodeMapped(tag, stride);
+    return;
+  }
 
   times.allocateFrom(spare_.times, recordCount);
   energies.allocateFrom(spare_.energies, recordCount);
@@ -525,7 +632,6 @@ void WLDataNode::decode() {
       const uint64_t n = std::min(perBlock, to - at);
       const uint8_t* bytes = source_->read(stride + at * stride, n * stride, block);
       const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
-      source_->done(stride + at * stride, n * stride);
       if (good < n) return at + good;
     }
     return to;
@@ -537,11 +643,11 @@ void WLDataNode::decode() {
     // Records from the bad one on read as never decoded (reused columns
     // may hold an earlier stream beyond this block, so all of it goes).
     const uint64_t from = bad, len = recordCount - from;
-    std::memset(times.data() + from, 0, len * sizeof(uint64_t));
-    std::memset(energies.data() + from, 0, len * sizeof(uint32_t));
-    std::memset(currents.data() + from, 0, len * sizeof(uint32_t));
-    std::memset(voltages.data() + from, 0, len * sizeof(uint16_t));
-    for (auto& column : stateWords) std::memset(column.data() + from, 0, len * sizeof(uint32_t));
+    std::memset(times.storage() + from, 0, len * sizeof(uint64_t));
+    std::memset(energies.storage() + from, 0, len * sizeof(uint32_t));
+    std::memset(currents.storage() + from, 0, len * sizeof(uint32_t));
+    std::memset(voltages.storage() + from, 0, len * sizeof(uint16_t));
+    for (auto& column : stateWords) std::memset(column.storage() + from, 0, len * sizeof(uint32_t));
 #if defined(__SSE2__)
     if (streaming_) _mm_sfence();
 #endif
@@ -555,6 +661,78 @@ void WLDataNode::decode() {
   source_.reset();
 }
 
+void WLDataNode::viewColumns(uint32_t stride) {
+  // The lead-in yields no sample; the views start at the record after it.
+  const uint8_t* first = source_->mapping() + stride;
+  const uint64_t n = recordCount;
+  times.view(first, n, stride, {8, false});  // the tag is the low byte
+  stateWords.clear();
+  stateWords.resize(stateWordCount);
+  for (size_t w = 0; w < stateWordCount; ++w) {
+    stateWords[w].view(first + 8 + 4 * w, n, stride, {0, false});
+  }
+  const uint32_t tail = 8 + 4u * stateWordCount;
+  currents.view(first + tail, n, stride, {0, true});
+  voltages.view(first + tail + 4, n, stride, {0, true});
+  energies.view(first + tail + 6, n, stride, {0, false});
+}
+
+void WLDataNode::decodeMapped(uint8_t tag, uint32_t stride) {
+  releaseSpare();
+  viewColumns(stride);
+  const uint8_t* records = source_->mapping() + stride;
+  const uint64_t n = recordCount;
+  // The size is checked this far ahead of the pass, not per block.
+  constexpr uint64_t kCheckAhead = uint64_t{4} << 20;
+  const uint64_t lastByte = stride + n * stride;
+  uint64_t checked = 0;
+  auto limitAll = [&](uint64_t count) {
+    times.limit(count);
+    energies.limit(count);
+    currents.limit(count);
+    voltages.limit(count);
+    for (auto& column : stateWords) column.limit(count);
+  };
+  StatsRun run;
+  uint64_t t[kStatsBlock];
+  uint32_t e[kStatsBlock], c[kStatsBlock];
+  uint16_t v[kStatsBlock];
+  uint64_t bad = n;
+  try {
+    // Blocks end at record n - 1 once, so the statistics up to it are
+    // taken on the way.
+    for (uint64_t at = 0; at < n;) {
+      const uint64_t end = at < n - 1 ? std::min<uint64_t>(at + kStatsBlock, n - 1) : n;
+      if (stride + end * stride > checked) {
+        checked = std::min(stride + end * stride + kCheckAhead, lastByte);
+        source_->checkLength(checked);
+      }
+      const size_t count = static_cast<size_t>(end - at);
+      const size_t good = extract(records + at * stride, count, tag, stride, t, e, c, v);
+      if (good < count) {
+        bad = at + good;
+        break;
+      }
+      run.feed(t, e, c, v, count);
+      at = end;
+      if (at == n - 1) known_.push_back({at, run.power(), run.current(), run.voltage()});
+    }
+  } catch (...) {
+    // A file that shrank may fault anywhere: nothing of it is read again.
+    known_.clear();
+    limitAll(0);
+    source_->finishPass();
+    throw;
+  }
+  source_->finishPass();
+  if (bad < n) {
+    known_.clear();
+    limitAll(bad);
+    throw std::runtime_error("Corrupted buffer");
+  }
+  known_.push_back({n, run.power(), run.current(), run.voltage()});
+}
+
 void WLDataNode::computeStats(uint64_t first, uint64_t last) {
   powerStats = currentStats = voltageStats = ValueStats{};
   duration = 0.0;
@@ -563,23 +741,29 @@ void WLDataNode::computeStats(uint64_t first, uint64_t last) {
   last = std::min<uint64_t>(last, times.size());
   if (last < first || last - first < 2) return;
 
-  Accumulator power, current, voltage;
-  for (uint64_t i = first + 1; i < last; ++i) {
-    const double dt =
-        static_cast<double>(static_cast<int64_t>(times[i] - times[i - 1])) / 1e6;
-    const uint32_t e0 = energies[i - 1], e1 = energies[i];
-    // The counter wraps at 32 bits; between two samples it wraps at most once.
-    const double dE = e1 >= e0 ? static_cast<double>(e1 - e0)
-                               : static_cast<double>((uint64_t{1} << 32) + e1 - e0);
-    power.add(dE / 10000.0 / dt);
+  const auto known = std::find_if(known_.begin(), known_.end(),
+                                  [&](const KnownStats& k) { return k.last == last; });
+  if (first == 0 && known != known_.end()) {
+    powerStats = known->power;
+    currentStats = known->current;
+    voltageStats = known->voltage;
+  } else {
+    StatsRun run;
+    uint64_t t[kStatsBlock];
+    uint32_t e[kStatsBlock], c[kStatsBlock];
+    uint16_t v[kStatsBlock];
+    for (uint64_t at = first; at < last; at += kStatsBlock) {
+      const size_t n = static_cast<size_t>(std::min<uint64_t>(kStatsBlock, last - at));
+      times.read(at, n, t);
+      energies.read(at, n, e);
+      currents.read(at, n, c);
+      voltages.read(at, n, v);
+      run.feed(t, e, c, v, n);
+    }
+    powerStats = run.power();
+    currentStats = run.current();
+    voltageStats = run.voltage();
   }
-  for (uint64_t i = first; i < last; ++i) {
-    current.add(currents[i] / 1e6);
-    voltage.add(voltages[i] / 1000.0);
-  }
-  powerStats = power.stats();
-  currentStats = current.stats();
-  voltageStats = voltage.stats();
   duration = static_cast<double>(times[last - 1]) / 1e6 - static_cast<double>(times[first]) / 1e6;
   energyUsed = energies[last - 1] / 10000.0 - energies[first] / 10000.0;
 }
@@ -606,15 +790,39 @@ void WLDataNode::evaluateStates() {
   dsr->evaluateRows();
 }
 
+namespace {
+
+// The nearest position in any sorted list that has size() and operator[].
+template <typename List>
+uint64_t nearestIn(const List& list, uint64_t value) {
+  const uint64_t size = list.size();
+  if (size == 0) return 0;
+  // The first position whose element is not below `value`.
+  uint64_t lo = 0, count = size;
+  while (count > 0) {
+    const uint64_t half = count / 2;
+    if (list[lo + half] < value) {
+      lo += half + 1;
+      count -= half + 1;
+    } else {
+      count = half;
+    }
+  }
+  if (lo == 0) return 0;
+  if (lo == size) return size - 1;
+  const uint64_t above = list[lo] - value;
+  const uint64_t below = value - list[lo - 1];
+  return above > below ? lo - 1 : lo;
+}
+
+}  // namespace
+
 uint64_t nearestIndex(std::span<const uint64_t> list, uint64_t value) {
-  if (list.empty()) return 0;
-  auto found = std::lower_bound(list.begin(), list.end(), value);
-  if (found == list.begin()) return 0;
-  if (found == list.end()) return list.size() - 1;
-  const uint64_t pos = static_cast<uint64_t>(found - list.begin());
-  const uint64_t above = *found - value;
-  const uint64_t below = value - *(found - 1);
-  return above > below ? pos - 1 : pos;
+  return nearestIn(list, value);
+}
+
+uint64_t nearestIndexInColumn(const WLColumn<uint64_t>& list, uint64_t value) {
+  return nearestIn(list, value);
 }
 
 bool StateCondition::holds(std::span<const uint32_t> words) const {
