@@ -59,11 +59,23 @@ T loadLE(const uint8_t* p) {
 inline uint32_t currentOf(uint32_t raw) { return raw == 0xFFFFFFFFu ? 0 : raw; }
 inline uint16_t voltageOf(uint16_t raw) { return raw == 0xFFFFu ? 0 : raw; }
 
+struct Extremes {
+  double lo, hi;
+};
+
 struct Accumulator {
   int64_t count = 0;
   double sum = 0.0;
   double min = DBL_MAX;
   double max = -DBL_MAX;
+
+  // `n` more values whose sum is already in `sum` and whose extremes, as
+  // add() would have found them, are `e`.
+  void merge(Extremes e, size_t n) {
+    count += static_cast<int64_t>(n);
+    min = std::min(min, e.lo);
+    max = std::max(max, e.hi);
+  }
 
   void add(double v) {
     ++count;
@@ -225,15 +237,24 @@ class StatsRun {
     power[0] = started_ ? powerOf(lastTime_, t[0], lastEnergy_, e[0]) : 0.0;
     samples(t, e, c, v, n, power, current, voltage);
     // The first record of a range has no power sample: there is no step
-    // into it.
-    if (started_) power_.add(power[0]);
-    current_.add(current[0]);
-    voltage_.add(voltage[0]);
+    // into it. The sums must go in order; the extremes need not (see
+    // extremes()), so they are taken over the whole block at once.
+    const size_t p0 = started_ ? 0 : 1;
+    double ps = power_.sum, cs = current_.sum, vs = voltage_.sum;
+    if (p0 == 0) ps += power[0];
+    cs += current[0];
+    vs += voltage[0];
     for (size_t i = 1; i < n; ++i) {
-      power_.add(power[i]);
-      current_.add(current[i]);
-      voltage_.add(voltage[i]);
+      ps += power[i];
+      cs += current[i];
+      vs += voltage[i];
     }
+    power_.sum = ps;
+    current_.sum = cs;
+    voltage_.sum = vs;
+    if (n > p0) power_.merge(extremes(power + p0, n - p0), n - p0);
+    current_.merge(extremes(current, n), n);
+    voltage_.merge(extremes(voltage, n), n);
     started_ = true;
     lastTime_ = t[n - 1];
     lastEnergy_ = e[n - 1];
@@ -249,6 +270,37 @@ class StatsRun {
     const double dt = static_cast<double>(static_cast<int64_t>(t1 - t0)) / 1e6;
     const double dE = static_cast<double>(static_cast<uint32_t>(e1 - e0));
     return dE / 10000.0 / dt;
+  }
+
+  // The lowest and highest of x[0..n) exactly as a walk in order with
+  // "v < lo" and "hi < v" leaves them: values that compare equal have the
+  // same bits, but for 0 and -0, where the walk keeps the first it met;
+  // a NaN is never taken. So the order of the comparisons does not matter
+  // but for a zero extreme, which is then looked up.
+  __attribute__((target_clones("arch=x86-64-v4", "default"))) static Extremes extremes(
+      const double* x, size_t n) {
+    using Doubles = double __attribute__((vector_size(64)));
+    Doubles lo8 = {DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX};
+    Doubles hi8 = -lo8;
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+      Doubles v;
+      std::memcpy(&v, x + i, sizeof v);
+      lo8 = v < lo8 ? v : lo8;
+      hi8 = hi8 < v ? v : hi8;
+    }
+    Extremes r{DBL_MAX, -DBL_MAX};
+    for (int k = 0; k < 8; ++k) {
+      r.lo = lo8[k] < r.lo ? lo8[k] : r.lo;
+      r.hi = r.hi < hi8[k] ? hi8[k] : r.hi;
+    }
+    for (; i < n; ++i) {
+      r.lo = x[i] < r.lo ? x[i] : r.lo;
+      r.hi = r.hi < x[i] ? x[i] : r.hi;
+    }
+    if (r.lo == 0.0) r.lo = *std::find(x, x + n, 0.0);
+    if (r.hi == 0.0) r.hi = *std::find(x, x + n, 0.0);
+    return r;
   }
 
   // The samples of a block but the first power sample. Five divisions a
