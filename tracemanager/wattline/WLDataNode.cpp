@@ -353,7 +353,7 @@ class StatsRun {
   uint32_t lastEnergy_ = 0;
 };
 
-// One block of a mapped stream's records, `tail` the offset of the current:
+// One block of a mapped stream's records, `kTail` the offset of the current:
 // the fields the statistics need, into the arrays. Returns the index of the
 // first record whose tag is not `tag`, or `count`.
 template <uint32_t kStride, uint32_t kTail>
@@ -427,9 +427,12 @@ size_t extract(const uint8_t* r, size_t count, uint8_t tag, uint32_t stride, uin
 #endif
     const uint8_t* rest = r + first * stride;
     const size_t n = count - first;
-    const size_t good = stride == 18
-                            ? extractFixed<18, 8>(rest, n, tag, t + first, e + first, c + first, v + first)
-                            : extractFixed<26, 16>(rest, n, tag, t + first, e + first, c + first, v + first);
+    t += first;
+    e += first;
+    c += first;
+    v += first;
+    const size_t good = stride == 18 ? extractFixed<18, 8>(rest, n, tag, t, e, c, v)
+                                     : extractFixed<26, 16>(rest, n, tag, t, e, c, v);
     return first + good;
   }
   const uint32_t tail = stride - 10;

@@ -111,7 +111,8 @@ void expectSameViews(WLDataNode& a, WLDataNode& b) {
       {0, std::numeric_limits<int64_t>::max()}, {t0, tN}, {t0 + (tN - t0) / 3, t0 + (tN - t0) / 2}};
   for (const auto& [start, end] : ranges) {
     SCOPED_TRACE(testing::Message() << "range " << start << " .. " << end);
-    EXPECT_EQ(json(la.getXY({start, end, 0}, {})).dump(), json(lb.getXY({start, end, 0}, {})).dump());
+    const TimeRange range{start, end, 0};
+    EXPECT_EQ(json(la.getXY(range, {})).dump(), json(lb.getXY(range, {})).dump());
     EXPECT_EQ(json(sa.getXYTree(start, end)).dump(), json(sb.getXYTree(start, end)).dump());
   }
 }
@@ -284,7 +285,8 @@ TEST(WLMappedStream, FileThatGrowsOrIsReplacedKeepsTheOpenedStream) {
   {
     std::ofstream grow(path, std::ios::binary | std::ios::app);
     const std::vector<uint8_t> more = plainStream(5000, 9000).bytes();
-    grow.write(reinterpret_cast<const char*>(more.data()), static_cast<std::streamsize>(more.size()));
+    grow.write(reinterpret_cast<const char*>(more.data()),
+               static_cast<std::streamsize>(more.size()));
   }
   EXPECT_EQ(node.recordCount, 1000u);
   EXPECT_EQ(node.times.back(), 1099u);
