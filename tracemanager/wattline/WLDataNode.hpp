@@ -168,9 +168,9 @@ class WLDataNode {
       uint64_t count, uint64_t perBlock,
       const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange);
 
-  // Columns of the previous load, kept from readFile until decode: a
-  // stream decoded again at the same length (a refresh of an unchanged
-  // file) reuses their memory instead of faulting in fresh pages.
+  // Owned columns of the previous load, kept from readFile/readBuffer until
+  // decode: a stream decoded again into owned columns at the same length
+  // reuses their memory instead of faulting in fresh pages.
   struct Spare {
     WLColumn<uint64_t> times;
     WLColumn<uint32_t> energies, currents;
