@@ -220,6 +220,15 @@ int decodeGroups(bool words, const uint8_t* bytes, uint64_t groups, uint8_t tag,
 }
 #endif
 
+// Functions built twice, for wide vectors and for any processor, the
+// choice made once when the library loads. Not under the thread sanitizer:
+// its instrumentation of the loader's choice runs before it is ready.
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+#define WL_WIDE_VECTORS __attribute__((target_clones("arch=x86-64-v4", "default")))
+#else
+#define WL_WIDE_VECTORS
+#endif
+
 // Records per step of the statistics: their fields and samples stay in the
 // first-level cache.
 constexpr size_t kStatsBlock = 1024;
@@ -277,7 +286,7 @@ class StatsRun {
   // same bits, but for 0 and -0, where the walk keeps the first it met;
   // a NaN is never taken. So the order of the comparisons does not matter
   // but for a zero extreme, which is then looked up.
-  __attribute__((target_clones("arch=x86-64-v4", "default"))) static Extremes extremes(
+  WL_WIDE_VECTORS static Extremes extremes(
       const double* x, size_t n) {
     using Doubles = double __attribute__((vector_size(64)));
     Doubles lo8 = {DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX};
@@ -307,7 +316,7 @@ class StatsRun {
   // record are most of the work; where the processor has wide vectors they
   // run eight at a time. Division and conversion round exactly at any
   // width, so each build gives the same bits.
-  __attribute__((target_clones("arch=x86-64-v4", "default"))) static void samples(
+  WL_WIDE_VECTORS static void samples(
       const uint64_t* t, const uint32_t* e, const uint32_t* c, const uint16_t* v, size_t n,
       double* power, double* current, double* voltage) {
     using Doubles = double __attribute__((vector_size(64)));
