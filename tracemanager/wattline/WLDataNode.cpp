@@ -59,11 +59,23 @@ T loadLE(const uint8_t* p) {
 inline uint32_t currentOf(uint32_t raw) { return raw == 0xFFFFFFFFu ? 0 : raw; }
 inline uint16_t voltageOf(uint16_t raw) { return raw == 0xFFFFu ? 0 : raw; }
 
+struct Extremes {
+  double lo, hi;
+};
+
 struct Accumulator {
   int64_t count = 0;
   double sum = 0.0;
   double min = DBL_MAX;
   double max = -DBL_MAX;
+
+  // `n` more values whose sum is already in `sum` and whose extremes, as
+  // add() would have found them, are `e`.
+  void merge(Extremes e, size_t n) {
+    count += static_cast<int64_t>(n);
+    min = std::min(min, e.lo);
+    max = std::max(max, e.hi);
+  }
 
   void add(double v) {
     ++count;
@@ -208,19 +220,252 @@ int decodeGroups(bool words, const uint8_t* bytes, uint64_t groups, uint8_t tag,
 }
 #endif
 
+// Functions built twice, for wide vectors and for any processor, the
+// choice made once when the library loads. Not under the thread sanitizer:
+// its instrumentation of the loader's choice runs before it is ready.
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+#define WL_WIDE_VECTORS __attribute__((target_clones("arch=x86-64-v4", "default")))
+#else
+#define WL_WIDE_VECTORS
+#endif
+
+// Records per step of the statistics: their fields and samples stay in the
+// first-level cache.
+constexpr size_t kStatsBlock = 1024;
+
+// The statistics of a run of records fed in file order, a block at a time.
+// Every range, whether summed by the pass of decode() or by computeStats,
+// goes through this one piece of code in the same order, so a range gives
+// the same bits whichever way it was asked for.
+class StatsRun {
+ public:
+  void feed(const uint64_t* t, const uint32_t* e, const uint32_t* c, const uint16_t* v,
+            size_t n) {
+    if (n == 0) return;
+    double power[kStatsBlock], current[kStatsBlock], voltage[kStatsBlock];
+    power[0] = started_ ? powerOf(lastTime_, t[0], lastEnergy_, e[0]) : 0.0;
+    samples(t, e, c, v, n, power, current, voltage);
+    // The first record of a range has no power sample: there is no step
+    // into it. The sums must go in order; the extremes need not (see
+    // extremes()), so they are taken over the whole block at once.
+    const size_t p0 = started_ ? 0 : 1;
+    double ps = power_.sum, cs = current_.sum, vs = voltage_.sum;
+    if (p0 == 0) ps += power[0];
+    cs += current[0];
+    vs += voltage[0];
+    for (size_t i = 1; i < n; ++i) {
+      ps += power[i];
+      cs += current[i];
+      vs += voltage[i];
+    }
+    power_.sum = ps;
+    current_.sum = cs;
+    voltage_.sum = vs;
+    if (n > p0) power_.merge(extremes(power + p0, n - p0), n - p0);
+    current_.merge(extremes(current, n), n);
+    voltage_.merge(extremes(voltage, n), n);
+    started_ = true;
+    lastTime_ = t[n - 1];
+    lastEnergy_ = e[n - 1];
+  }
+  ValueStats power() const { return power_.stats(); }
+  ValueStats current() const { return current_.stats(); }
+  ValueStats voltage() const { return voltage_.stats(); }
+
+ private:
+  // Milliwatts between two samples. The energy counter wraps at 32 bits and
+  // between two samples at most once, so the step is the 32-bit difference.
+  static double powerOf(uint64_t t0, uint64_t t1, uint32_t e0, uint32_t e1) {
+    const double dt = static_cast<double>(static_cast<int64_t>(t1 - t0)) / 1e6;
+    const double dE = static_cast<double>(static_cast<uint32_t>(e1 - e0));
+    return dE / 10000.0 / dt;
+  }
+
+  // The lowest and highest of x[0..n) exactly as a walk in order with
+  // "v < lo" and "hi < v" leaves them: values that compare equal have the
+  // same bits, but for 0 and -0, where the walk keeps the first it met;
+  // a NaN is never taken. So the order of the comparisons does not matter
+  // but for a zero extreme, which is then looked up.
+  WL_WIDE_VECTORS static Extremes extremes(
+      const double* x, size_t n) {
+    using Doubles = double __attribute__((vector_size(64)));
+    Doubles lo8 = {DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX, DBL_MAX};
+    Doubles hi8 = -lo8;
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+      Doubles v;
+      std::memcpy(&v, x + i, sizeof v);
+      lo8 = v < lo8 ? v : lo8;
+      hi8 = hi8 < v ? v : hi8;
+    }
+    Extremes r{DBL_MAX, -DBL_MAX};
+    for (int k = 0; k < 8; ++k) {
+      r.lo = lo8[k] < r.lo ? lo8[k] : r.lo;
+      r.hi = r.hi < hi8[k] ? hi8[k] : r.hi;
+    }
+    for (; i < n; ++i) {
+      r.lo = x[i] < r.lo ? x[i] : r.lo;
+      r.hi = r.hi < x[i] ? x[i] : r.hi;
+    }
+    if (r.lo == 0.0) r.lo = *std::find(x, x + n, 0.0);
+    if (r.hi == 0.0) r.hi = *std::find(x, x + n, 0.0);
+    return r;
+  }
+
+  // The samples of a block but the first power sample. Five divisions a
+  // record are most of the work; where the processor has wide vectors they
+  // run eight at a time. Division and conversion round exactly at any
+  // width, so each build gives the same bits.
+  WL_WIDE_VECTORS static void samples(
+      const uint64_t* t, const uint32_t* e, const uint32_t* c, const uint16_t* v, size_t n,
+      double* power, double* current, double* voltage) {
+    using Doubles = double __attribute__((vector_size(64)));
+    using Words64 = uint64_t __attribute__((vector_size(64)));
+    using Signed64 = int64_t __attribute__((vector_size(64)));
+    using Words32 = uint32_t __attribute__((vector_size(32)));
+    using Words16 = uint16_t __attribute__((vector_size(16)));
+    auto load = [](auto& to, const void* from) { std::memcpy(&to, from, sizeof to); };
+    size_t i = 1;
+    for (; i + 8 <= n; i += 8) {
+      Words64 t0, t1;
+      Words32 e0, e1;
+      load(t0, t + i - 1);
+      load(t1, t + i);
+      load(e0, e + i - 1);
+      load(e1, e + i);
+      const Doubles dt =
+          __builtin_convertvector(reinterpret_cast<Signed64>(t1 - t0), Doubles) / 1e6;
+      const Doubles dE = __builtin_convertvector(e1 - e0, Doubles);
+      const Doubles p = dE / 10000.0 / dt;
+      std::memcpy(power + i, &p, sizeof p);
+    }
+    for (; i < n; ++i) power[i] = powerOf(t[i - 1], t[i], e[i - 1], e[i]);
+    for (i = 0; i + 8 <= n; i += 8) {
+      Words32 c8;
+      Words16 v8;
+      load(c8, c + i);
+      load(v8, v + i);
+      const Doubles mA = __builtin_convertvector(c8, Doubles) / 1e6;
+      const Doubles volts = __builtin_convertvector(v8, Doubles) / 1000.0;
+      std::memcpy(current + i, &mA, sizeof mA);
+      std::memcpy(voltage + i, &volts, sizeof volts);
+    }
+    for (; i < n; ++i) {
+      current[i] = c[i] / 1e6;
+      voltage[i] = v[i] / 1000.0;
+    }
+  }
+
+  Accumulator power_, current_, voltage_;
+  bool started_ = false;
+  uint64_t lastTime_ = 0;
+  uint32_t lastEnergy_ = 0;
+};
+
+// One block of a mapped stream's records, `kTail` the offset of the current:
+// the fields the statistics need, into the arrays. Returns the index of the
+// first record whose tag is not `tag`, or `count`.
+template <uint32_t kStride, uint32_t kTail>
+size_t extractFixed(const uint8_t* r, size_t count, uint8_t tag, uint64_t* t, uint32_t* e,
+                    uint32_t* c, uint16_t* v) {
+  uint32_t wrong = 0;
+  const uint8_t* at = r;
+  for (size_t i = 0; i < count; ++i, at += kStride) {
+    const uint64_t first8 = loadLE<uint64_t>(at);
+    wrong |= static_cast<uint8_t>(first8) ^ tag;
+    t[i] = first8 >> 8;
+    c[i] = currentOf(loadLE<uint32_t>(at + kTail));
+    v[i] = voltageOf(loadLE<uint16_t>(at + kTail + 4));
+    e[i] = loadLE<uint32_t>(at + kTail + 6);
+  }
+  if (wrong == 0) return count;
+  size_t bad = 0;
+  while (r[bad * kStride] == tag) ++bad;
+  return bad;
+}
+
+// Records handed at a time from the thread that reads the mapping to the
+// one that sums the statistics, and the number of such chunks in flight.
+constexpr uint64_t kChunkRecords = 8 * kStatsBlock;
+constexpr size_t kChunkSlots = 4;
+
+// The fields of a chunk of records that the statistics need.
+struct Chunk {
+  uint64_t from = 0;
+  size_t count = 0;
+  size_t good = 0;  // records before the first wrong tag
+  alignas(64) uint64_t t[kChunkRecords];
+  alignas(64) uint32_t e[kChunkRecords];
+  alignas(64) uint32_t c[kChunkRecords];
+  alignas(64) uint16_t v[kChunkRecords];
+};
+
+// `count` records at `r` (at most kChunkRecords) into 16-byte aligned arrays.
+size_t extract(const uint8_t* r, size_t count, uint8_t tag, uint32_t stride, uint64_t* t,
+               uint32_t* e, uint32_t* c, uint16_t* v) {
+  if (stride == 18 || stride == 26) {
+    size_t first = 0;
+#if defined(__SSE2__)
+    // Whole groups of eight records go through the decoder's vector path
+    // (the state words into scratch: the statistics do not need them).
+    alignas(16) static thread_local uint32_t scratch[2][kChunkRecords];
+    const uint64_t groups = count / kGroup;
+    const bool words = stride == 26;
+    // Records of a fresh mapping come from memory a page at a time; asking
+    // for the lines a few pages ahead keeps the memory busy while this one
+    // is decoded.
+    constexpr size_t kAhead = 4096;
+    constexpr uint64_t kSub = 32;
+    int wrongTag = 0;
+    for (uint64_t g = 0; g < groups; g += kSub / kGroup) {
+      const uint8_t* at = r + g * kGroup * stride;
+      for (size_t off = 0; off < kSub * stride; off += 64) {
+        __builtin_prefetch(at + kAhead + off);  // a hint: never faults, even past the end
+      }
+      const uint64_t i = g * kGroup;
+      const ColumnPointers sub{t + i, scratch[0] + i, scratch[1] + i, c + i, v + i, e + i};
+      wrongTag |= decodeGroups<false>(words, at, std::min<uint64_t>(kSub / kGroup, groups - g),
+                                      tag, sub);
+    }
+    if (wrongTag != 0) {
+      size_t bad = 0;
+      while (r[bad * stride] == tag) ++bad;
+      return bad;
+    }
+    first = groups * kGroup;
+#endif
+    const uint8_t* rest = r + first * stride;
+    const size_t n = count - first;
+    t += first;
+    e += first;
+    c += first;
+    v += first;
+    const size_t good = stride == 18 ? extractFixed<18, 8>(rest, n, tag, t, e, c, v)
+                                     : extractFixed<26, 16>(rest, n, tag, t, e, c, v);
+    return first + good;
+  }
+  const uint32_t tail = stride - 10;
+  for (size_t i = 0; i < count; ++i, r += stride) {
+    if (r[0] != tag) return i;
+    t[i] = loadLE<uint64_t>(r) >> 8;
+    c[i] = currentOf(loadLE<uint32_t>(r + tail));
+    v[i] = voltageOf(loadLE<uint16_t>(r + tail + 4));
+    e[i] = loadLE<uint32_t>(r + tail + 6);
+  }
+  return count;
+}
+
 }  // namespace
 
-// Where decode() gets its bytes: a file, or a span of memory that the
-// caller keeps alive. A file is mapped and its blocks decoded straight from
-// the page cache, with no copy; each block is dropped from the mapping once
-// decoded (`done`), so resident memory never holds more than a block of
-// the file beside the columns. A file that cannot be mapped is read block
-// by block into one reusable buffer instead.
+// Where decode() gets its bytes: a mapped file, a file read block by block
+// into a reusable buffer (when the system will not map it), or a span of
+// memory that the caller keeps alive. The mapping of a file outlives
+// decode(): the columns are views over it.
 class WLDataNode::Source {
  public:
   Source(int fd, std::string path, uint64_t size) : fd_(fd), path_(std::move(path)), size_(size) {
     if (size_ == 0) return;
-    void* map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
+    void* map = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd_, 0);
     if (map == MAP_FAILED) return;
     map_ = static_cast<const uint8_t*>(map);
     ::madvise(map, size_, MADV_SEQUENTIAL);
@@ -228,24 +473,37 @@ class WLDataNode::Source {
   Source(const uint8_t* bytes, int64_t size) : memory_(bytes), size_(static_cast<uint64_t>(size)) {}
   ~Source() {
     if (map_ != nullptr) ::munmap(const_cast<uint8_t*>(map_), size_);
-    if (fd_ >= 0) ::close(fd_);
+    closeFile();
   }
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
+
+  const uint8_t* mapping() const { return map_; }
+
+  // Throws when the file is now shorter than `end` bytes: touching a mapped
+  // page past its end would fault.
+  void checkLength(uint64_t end) const {
+    struct stat info {};
+    if (end > size_ || fd_ < 0 || ::fstat(fd_, &info) != 0 ||
+        static_cast<uint64_t>(info.st_size) < end) {
+      throw std::runtime_error("Cannot read " + path_ +
+                               ": the file became shorter while it was decoded");
+    }
+  }
+
+  // The pass over the records is done: the mapping stays, the descriptor goes,
+  // and the records are now read in any order.
+  void finishPass() {
+    if (map_ != nullptr) ::madvise(const_cast<uint8_t*>(map_), size_, MADV_NORMAL);
+    closeFile();
+  }
 
   // `size` bytes from `offset`, valid until the next call with the same
   // `buffer` (each thread brings its own, used when the file is not mapped).
   const uint8_t* read(uint64_t offset, size_t size, std::vector<uint8_t>& buffer) const {
     if (memory_ != nullptr) return memory_ + offset;
     if (map_ != nullptr) {
-      // The file may have shrunk since it was mapped; touching a page past
-      // its end would fault, so each block checks the size first.
-      struct stat info {};
-      if (offset + size > size_ || ::fstat(fd_, &info) != 0 ||
-          static_cast<uint64_t>(info.st_size) < offset + size) {
-        throw std::runtime_error("Cannot read " + path_ +
-                                 ": the file became shorter while it was decoded");
-      }
+      checkLength(offset + size);
       return map_ + offset;
     }
     if (buffer.size() < size) buffer.resize(size);
@@ -266,17 +524,12 @@ class WLDataNode::Source {
     return buffer.data();
   }
 
-  // The bytes offset .. offset + size are decoded: the whole pages among
-  // them leave this process (they stay in the page cache).
-  void done(uint64_t offset, size_t size) const {
-    if (map_ == nullptr) return;
-    const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-    const uint64_t begin = (offset + page - 1) / page * page;
-    const uint64_t end = (offset + size) / page * page;
-    if (end > begin) ::madvise(const_cast<uint8_t*>(map_) + begin, end - begin, MADV_DONTNEED);
+ private:
+  void closeFile() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
   }
 
- private:
   int fd_ = -1;
   std::string path_;
   const uint8_t* memory_ = nullptr;
@@ -288,17 +541,23 @@ WLDataNode::WLDataNode() = default;
 WLDataNode::~WLDataNode() = default;
 
 void WLDataNode::dropStream() {
-  source_.reset();
   hasStream_ = false;
+  known_.clear();
   byteCount = 0;
   recordCount = 0;
   times.retireInto(spare_.times);
   energies.retireInto(spare_.energies);
   currents.retireInto(spare_.currents);
   voltages.retireInto(spare_.voltages);
-  spare_.stateWords = std::move(stateWords);
+  spare_.stateWords.clear();
+  spare_.stateWords.resize(stateWords.size());
+  for (size_t w = 0; w < stateWords.size(); ++w) stateWords[w].retireInto(spare_.stateWords[w]);
   stateWords.clear();
+  // Only now: views of the mapping are gone.
+  source_.reset();
 }
+
+bool WLDataNode::mapped() const { return times.isView(); }
 
 void WLDataNode::releaseSpare() { spare_ = Spare{}; }
 
@@ -363,10 +622,10 @@ void WLDataNode::readBuffer(const uint8_t* bytes, int64_t size) {
 
 uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t at, uint8_t tag,
                                  uint32_t stride) {
-  uint64_t* t = times.data() + at;
-  uint32_t* e = energies.data() + at;
-  uint32_t* c = currents.data() + at;
-  uint16_t* v = voltages.data() + at;
+  uint64_t* t = times.storage() + at;
+  uint32_t* e = energies.storage() + at;
+  uint32_t* c = currents.storage() + at;
+  uint16_t* v = voltages.storage() + at;
   // A wrong tag is rare; it is collected over the block and located only
   // when the block has one, so the loop has no early exit to predict.
   uint32_t wrong = 0;
@@ -387,8 +646,8 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
     const bool words = recordType != kTypePlain;
     ColumnPointers out{t, nullptr, nullptr, c, v, e};
     if (words) {
-      out.w0 = stateWords[0].data() + at;
-      out.w1 = stateWords[1].data() + at;
+      out.w0 = stateWords[0].storage() + at;
+      out.w1 = stateWords[1].storage() + at;
     }
     const int bad = streaming_ ? decodeGroups<true>(words, bytes, groups, tag, out)
                                : decodeGroups<false>(words, bytes, groups, tag, out);
@@ -403,8 +662,8 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
       tail(bytes + 8, i);
     }
   } else if (stateWordCount == 2) {
-    uint32_t* w0 = stateWords[0].data() + at;
-    uint32_t* w1 = stateWords[1].data() + at;
+    uint32_t* w0 = stateWords[0].storage() + at;
+    uint32_t* w1 = stateWords[1].storage() + at;
     for (uint64_t i = first; i < count; ++i, bytes += stride) {
       head(bytes, i);
       w0[i] = loadLE<uint32_t>(bytes + 8);
@@ -415,7 +674,7 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
     for (uint64_t i = 0; i < count; ++i, bytes += stride) {
       head(bytes, i);
       for (size_t w = 0; w < stateWordCount; ++w) {
-        stateWords[w][at + i] = loadLE<uint32_t>(bytes + 8 + 4 * w);
+        stateWords[w].storage()[at + i] = loadLE<uint32_t>(bytes + 8 + 4 * w);
       }
       tail(bytes + 8 + 4 * stateWordCount, i);
     }
@@ -503,6 +762,11 @@ void WLDataNode::decode() {
     const uint64_t fitting = bytes >= stride ? (bytes - stride) / stride : 0;
     recordCount = std::min(recordCount, fitting);
   }
+  known_.clear();
+  if (source_->mapping() != nullptr) {
+    decodeMapped(tag, stride);
+    return;
+  }
 
   times.allocateFrom(spare_.times, recordCount);
   energies.allocateFrom(spare_.energies, recordCount);
@@ -525,7 +789,6 @@ void WLDataNode::decode() {
       const uint64_t n = std::min(perBlock, to - at);
       const uint8_t* bytes = source_->read(stride + at * stride, n * stride, block);
       const uint64_t good = decodeBlock(bytes, n, at, tag, stride);
-      source_->done(stride + at * stride, n * stride);
       if (good < n) return at + good;
     }
     return to;
@@ -537,11 +800,11 @@ void WLDataNode::decode() {
     // Records from the bad one on read as never decoded (reused columns
     // may hold an earlier stream beyond this block, so all of it goes).
     const uint64_t from = bad, len = recordCount - from;
-    std::memset(times.data() + from, 0, len * sizeof(uint64_t));
-    std::memset(energies.data() + from, 0, len * sizeof(uint32_t));
-    std::memset(currents.data() + from, 0, len * sizeof(uint32_t));
-    std::memset(voltages.data() + from, 0, len * sizeof(uint16_t));
-    for (auto& column : stateWords) std::memset(column.data() + from, 0, len * sizeof(uint32_t));
+    std::memset(times.storage() + from, 0, len * sizeof(uint64_t));
+    std::memset(energies.storage() + from, 0, len * sizeof(uint32_t));
+    std::memset(currents.storage() + from, 0, len * sizeof(uint32_t));
+    std::memset(voltages.storage() + from, 0, len * sizeof(uint16_t));
+    for (auto& column : stateWords) std::memset(column.storage() + from, 0, len * sizeof(uint32_t));
 #if defined(__SSE2__)
     if (streaming_) _mm_sfence();
 #endif
@@ -555,6 +818,155 @@ void WLDataNode::decode() {
   source_.reset();
 }
 
+void WLDataNode::viewColumns(uint32_t stride) {
+  // The lead-in yields no sample; the views start at the record after it.
+  const uint8_t* first = source_->mapping() + stride;
+  const uint64_t n = recordCount;
+  times.view(first, n, stride, {8, false});  // the tag is the low byte
+  stateWords.clear();
+  stateWords.resize(stateWordCount);
+  for (size_t w = 0; w < stateWordCount; ++w) {
+    stateWords[w].view(first + 8 + 4 * w, n, stride, {0, false});
+  }
+  const uint32_t tail = 8 + 4u * stateWordCount;
+  currents.view(first + tail, n, stride, {0, true});
+  voltages.view(first + tail + 4, n, stride, {0, true});
+  energies.view(first + tail + 6, n, stride, {0, false});
+}
+
+void WLDataNode::decodeMapped(uint8_t tag, uint32_t stride) {
+  releaseSpare();
+  viewColumns(stride);
+  const uint8_t* records = source_->mapping() + stride;
+  const uint64_t n = recordCount;
+  auto limitAll = [&](uint64_t count) {
+    times.limit(count);
+    energies.limit(count);
+    currents.limit(count);
+    voltages.limit(count);
+    for (auto& column : stateWords) column.limit(count);
+  };
+
+  // The size is checked this far ahead of the pass, not per chunk.
+  constexpr uint64_t kCheckAhead = uint64_t{4} << 20;
+  const uint64_t lastByte = stride + n * stride;
+  uint64_t checked = 0;
+  // Chunks end at record n - 1 once, so the statistics up to it are taken
+  // on the way.
+  auto fill = [&](Chunk& chunk, uint64_t from) {
+    const uint64_t to = from < n - 1 ? std::min<uint64_t>(from + kChunkRecords, n - 1) : n;
+    if (stride + to * stride > checked) {
+      checked = std::min(stride + to * stride + kCheckAhead, lastByte);
+      source_->checkLength(checked);
+    }
+    chunk.from = from;
+    chunk.count = static_cast<size_t>(to - from);
+    chunk.good = extract(records + from * stride, chunk.count, tag, stride, chunk.t, chunk.e,
+                         chunk.c, chunk.v);
+  };
+  StatsRun run;
+  uint64_t bad = n;
+  // False when the chunk ends the pass with a wrong tag.
+  auto use = [&](const Chunk& chunk) {
+    if (chunk.good < chunk.count) {
+      bad = chunk.from + chunk.good;
+      return false;
+    }
+    for (size_t at = 0; at < chunk.count; at += kStatsBlock) {
+      const size_t m = std::min(kStatsBlock, chunk.count - at);
+      run.feed(chunk.t + at, chunk.e + at, chunk.c + at, chunk.v + at, m);
+    }
+    if (chunk.from + chunk.count == n - 1) {
+      known_.push_back({n - 1, run.power(), run.current(), run.voltage()});
+    }
+    return true;
+  };
+
+  try {
+    auto slots = std::make_unique<Chunk[]>(kChunkSlots);
+    std::thread reader;
+    std::exception_ptr readFailure;
+    // Counts of chunks filled and used; the high bits say that the reader
+    // is done, or that the summing side gave up.
+    constexpr uint64_t kOver = uint64_t{1} << 63;
+    std::atomic<uint64_t> filled{0}, used{0};
+    if (n * stride >= kParallelBytes) {
+      // On two threads: one reads the mapping (most of it is waiting for
+      // memory), the other sums, which must go in file order.
+      auto readAll = [&] {
+        try {
+          uint64_t from = 0;
+          for (uint64_t j = 0; from < n; ++j) {
+            uint64_t u = used.load(std::memory_order_acquire);
+            while (!(u & kOver) && j - u >= kChunkSlots) {
+              used.wait(u, std::memory_order_acquire);
+              u = used.load(std::memory_order_acquire);
+            }
+            if (u & kOver) break;
+            Chunk& chunk = slots[j % kChunkSlots];
+            fill(chunk, from);
+            from += chunk.count;
+            filled.store(j + 1, std::memory_order_release);
+            filled.notify_one();
+            if (chunk.good < chunk.count) break;
+          }
+        } catch (...) {
+          readFailure = std::current_exception();
+        }
+        filled.fetch_or(kOver, std::memory_order_release);
+        filled.notify_one();
+      };
+      try {
+        reader = std::thread(readAll);
+      } catch (const std::system_error&) {
+        // No second thread to be had: this one does it all below.
+      }
+    }
+    if (reader.joinable()) {
+      try {
+        for (uint64_t j = 0;; ++j) {
+          uint64_t f = filled.load(std::memory_order_acquire);
+          while ((f & ~kOver) <= j && !(f & kOver)) {
+            filled.wait(f, std::memory_order_acquire);
+            f = filled.load(std::memory_order_acquire);
+          }
+          if ((f & ~kOver) <= j) break;
+          const bool more = use(slots[j % kChunkSlots]);
+          used.store(j + 1, std::memory_order_release);
+          used.notify_one();
+          if (!more) break;
+        }
+      } catch (...) {
+        used.fetch_or(kOver, std::memory_order_release);
+        used.notify_one();
+        reader.join();
+        throw;
+      }
+      reader.join();
+      if (readFailure) std::rethrow_exception(readFailure);
+    } else {
+      for (uint64_t from = 0; from < n;) {
+        fill(slots[0], from);
+        from += slots[0].count;
+        if (!use(slots[0])) break;
+      }
+    }
+  } catch (...) {
+    // A file that shrank may fault anywhere: nothing of it is read again.
+    known_.clear();
+    limitAll(0);
+    source_->finishPass();
+    throw;
+  }
+  source_->finishPass();
+  if (bad < n) {
+    known_.clear();
+    limitAll(bad);
+    throw std::runtime_error("Corrupted buffer");
+  }
+  known_.push_back({n, run.power(), run.current(), run.voltage()});
+}
+
 void WLDataNode::computeStats(uint64_t first, uint64_t last) {
   powerStats = currentStats = voltageStats = ValueStats{};
   duration = 0.0;
@@ -563,23 +975,29 @@ void WLDataNode::computeStats(uint64_t first, uint64_t last) {
   last = std::min<uint64_t>(last, times.size());
   if (last < first || last - first < 2) return;
 
-  Accumulator power, current, voltage;
-  for (uint64_t i = first + 1; i < last; ++i) {
-    const double dt =
-        static_cast<double>(static_cast<int64_t>(times[i] - times[i - 1])) / 1e6;
-    const uint32_t e0 = energies[i - 1], e1 = energies[i];
-    // The counter wraps at 32 bits; between two samples it wraps at most once.
-    const double dE = e1 >= e0 ? static_cast<double>(e1 - e0)
-                               : static_cast<double>((uint64_t{1} << 32) + e1 - e0);
-    power.add(dE / 10000.0 / dt);
+  const auto known = std::find_if(known_.begin(), known_.end(),
+                                  [&](const KnownStats& k) { return k.last == last; });
+  if (first == 0 && known != known_.end()) {
+    powerStats = known->power;
+    currentStats = known->current;
+    voltageStats = known->voltage;
+  } else {
+    StatsRun run;
+    uint64_t t[kStatsBlock];
+    uint32_t e[kStatsBlock], c[kStatsBlock];
+    uint16_t v[kStatsBlock];
+    for (uint64_t at = first; at < last; at += kStatsBlock) {
+      const size_t n = static_cast<size_t>(std::min<uint64_t>(kStatsBlock, last - at));
+      times.read(at, n, t);
+      energies.read(at, n, e);
+      currents.read(at, n, c);
+      voltages.read(at, n, v);
+      run.feed(t, e, c, v, n);
+    }
+    powerStats = run.power();
+    currentStats = run.current();
+    voltageStats = run.voltage();
   }
-  for (uint64_t i = first; i < last; ++i) {
-    current.add(currents[i] / 1e6);
-    voltage.add(voltages[i] / 1000.0);
-  }
-  powerStats = power.stats();
-  currentStats = current.stats();
-  voltageStats = voltage.stats();
   duration = static_cast<double>(times[last - 1]) / 1e6 - static_cast<double>(times[first]) / 1e6;
   energyUsed = energies[last - 1] / 10000.0 - energies[first] / 10000.0;
 }
@@ -606,15 +1024,39 @@ void WLDataNode::evaluateStates() {
   dsr->evaluateRows();
 }
 
+namespace {
+
+// The nearest position in any sorted list that has size() and operator[].
+template <typename List>
+uint64_t nearestIn(const List& list, uint64_t value) {
+  const uint64_t size = list.size();
+  if (size == 0) return 0;
+  // The first position whose element is not below `value`.
+  uint64_t lo = 0, count = size;
+  while (count > 0) {
+    const uint64_t half = count / 2;
+    if (list[lo + half] < value) {
+      lo += half + 1;
+      count -= half + 1;
+    } else {
+      count = half;
+    }
+  }
+  if (lo == 0) return 0;
+  if (lo == size) return size - 1;
+  const uint64_t above = list[lo] - value;
+  const uint64_t below = value - list[lo - 1];
+  return above > below ? lo - 1 : lo;
+}
+
+}  // namespace
+
 uint64_t nearestIndex(std::span<const uint64_t> list, uint64_t value) {
-  if (list.empty()) return 0;
-  auto found = std::lower_bound(list.begin(), list.end(), value);
-  if (found == list.begin()) return 0;
-  if (found == list.end()) return list.size() - 1;
-  const uint64_t pos = static_cast<uint64_t>(found - list.begin());
-  const uint64_t above = *found - value;
-  const uint64_t below = value - *(found - 1);
-  return above > below ? pos - 1 : pos;
+  return nearestIn(list, value);
+}
+
+uint64_t nearestIndexInColumn(const WLColumn<uint64_t>& list, uint64_t value) {
+  return nearestIn(list, value);
 }
 
 bool StateCondition::holds(std::span<const uint32_t> words) const {

@@ -1,24 +1,36 @@
-// WLDataNode: the decoded power stream of one Wattline capture.
+// WLDataNode: the power stream of one Wattline capture.
 //
-// Turns `WLData.bin` into columns (time, energy, current, voltage and, for
+// Gives the stream as columns (time, energy, current, voltage and, for
 // records with state words, one column per word), computes statistics over a
 // record range, and owns the state decoder (`dsr`) that evaluates the state
 // words against the capture's `JState` description.
 //
-// Memory: the columns already hold everything the file holds, so the raw
-// bytes are never kept. `readFile` opens the file and reads its first byte;
-// `decode` reads it in blocks of about half a mebibyte into one reusable
-// buffer and fills the columns; the file is closed at the end. Peak memory
-// is the columns plus one block per decoding thread (two for streams of
-// tens of mebibytes and more), whatever the stream length.
+// Memory: a stream read from a file is mapped read-only, and its columns are
+// views that decode each value from its record when asked (see WLColumn).
+// `readFile` opens and maps the file, taking its size once; `decode` makes
+// one pass over the records that checks every tag and computes the
+// statistics of the whole stream, so the usual first `computeStats` costs
+// nothing more. No column memory is allocated: the process holds the file's
+// pages, which the page cache already had, and nothing beside them. Views
+// never read past the size taken at `readFile`. A file that another process
+// truncates while it is mapped is beyond what a reader can defend against:
+// touching a page past the new end raises SIGBUS. Captures are written once
+// and then only read (a refresh of a rewritten file maps it again), and the
+// pass of `decode` re-checks the size as it goes, failing cleanly when the
+// file shrank before then.
+// A stream given from memory (`readBuffer`), or a file the system will not
+// map, is decoded into owned columns instead, in blocks, the raw bytes never
+// kept beside them.
 //
 // Ownership and threads: owned by WLExperiment, shared read-only by its
 // views. No lock of its own: every call happens under the trace server's
-// request lock; the helper thread of a large `decode` ends before it
-// returns and writes only its own records' slices of the columns. Failures: `decode` throws std::runtime_error("Corrupted
-// buffer") on a record whose tag differs from the file's first byte, and
-// std::runtime_error with the system's error text when the file cannot be
-// read; a missing file is not an error (`readFile` answers false).
+// request lock; the helper thread of a large in-memory `decode` ends before
+// it returns and writes only its own records' slices of the columns.
+// Failures: `decode` throws std::runtime_error("Corrupted buffer") on a
+// record whose tag differs from the file's first byte (that record and all
+// after it then read as 0), and std::runtime_error with the system's error
+// text when the file cannot be read; a missing file is not an error
+// (`readFile` answers false).
 #pragma once
 
 #include <cstdint>
@@ -26,6 +38,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "WLColumn.hpp"
@@ -67,8 +80,16 @@ struct StateEntry {
 };
 
 // Position in a sorted list nearest to `value`; a tie goes to the upper
-// position. 0 for an empty list.
+// position. 0 for an empty list. The column form searches a stream's times
+// in place.
 uint64_t nearestIndex(std::span<const uint64_t> sortedList, uint64_t value);
+uint64_t nearestIndexInColumn(const WLColumn<uint64_t>& sortedList, uint64_t value);
+// A template so that a braced list still means the span form.
+template <typename T>
+  requires std::is_same_v<T, uint64_t>
+uint64_t nearestIndex(const WLColumn<T>& sortedList, uint64_t value) {
+  return nearestIndexInColumn(sortedList, value);
+}
 
 class WLDataNode {
  public:
@@ -93,14 +114,17 @@ class WLDataNode {
   // there (or cannot be opened); the node then has no stream.
   bool readFile(const std::string& folder, const std::string& fileName);
   // Takes the stream from memory instead of a file; the bytes must stay
-  // alive until decode() returns. Used by generators and benchmarks.
+  // alive until decode() returns, which copies what it needs into owned
+  // columns. Used by generators and benchmarks.
   void readBuffer(const uint8_t* bytes, int64_t size);
   // Whether a stream was read (the file existed), even after decode()
   // dropped its bytes.
   bool hasStream() const { return hasStream_; }
 
-  // Fills the columns from the stream read by readFile/readBuffer.
+  // Makes the columns from the stream read by readFile/readBuffer.
   void decode();
+  // Whether the columns are views over the mapped file.
+  bool mapped() const;
 
   // Statistics over records first .. last-1, kept in the node.
   void computeStats(uint64_t first, uint64_t last);
@@ -144,9 +168,9 @@ class WLDataNode {
       uint64_t count, uint64_t perBlock,
       const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange);
 
-  // Columns of the previous load, kept from readFile until decode: a
-  // stream decoded again at the same length (a refresh of an unchanged
-  // file) reuses their memory instead of faulting in fresh pages.
+  // Owned columns of the previous load, kept from readFile/readBuffer until
+  // decode: a stream decoded again into owned columns at the same length
+  // reuses their memory instead of faulting in fresh pages.
   struct Spare {
     WLColumn<uint64_t> times;
     WLColumn<uint32_t> energies, currents;
@@ -155,7 +179,18 @@ class WLDataNode {
   };
   void releaseSpare();
 
+  // The statistics of records 0 .. last-1 for the two ranges a viewer asks
+  // for first (the whole stream, and up to the record nearest its end),
+  // worked out by the pass of `decode`.
+  struct KnownStats {
+    uint64_t last = 0;
+    ValueStats power, current, voltage;
+  };
+  void decodeMapped(uint8_t tag, uint32_t stride);
+  void viewColumns(uint32_t stride);
+
   std::unique_ptr<Source> source_;
+  std::vector<KnownStats> known_;
   Spare spare_;
   bool hasStream_ = false;
   bool streaming_ = false;  // this decode writes with streaming stores

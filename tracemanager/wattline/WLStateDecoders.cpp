@@ -174,21 +174,32 @@ void WLDataNode::DSR_Base::compactRows() {
     for (size_t w = 0; w < words; ++w) rowWords[w].push_back(node.stateWords[w][i]);
   };
   keep(0);
-  if (words == 2) {
-    const uint32_t* w0 = node.stateWords[0].data();
-    const uint32_t* w1 = node.stateWords[1].data();
-    for (uint64_t i = 1; i < count; ++i) {
-      if (((w0[i] ^ w0[i - 1]) | (w1[i] ^ w1[i - 1])) != 0) keep(i);
-    }
-  } else {
-    for (uint64_t i = 1; i < count; ++i) {
-      for (size_t w = 0; w < words; ++w) {
-        if (node.stateWords[w][i] != node.stateWords[w][i - 1]) {
-          keep(i);
-          break;
+  // The words are read a block at a time (the columns may be views over
+  // the file); slot 0 of each block holds the record before it.
+  constexpr size_t kBlock = 2048;
+  std::vector<uint32_t> block(words * (kBlock + 1));
+  for (size_t w = 0; w < words; ++w) block[w * (kBlock + 1)] = node.stateWords[w][0];
+  for (uint64_t at = 1; at < count; at += kBlock) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(kBlock, count - at));
+    for (size_t w = 0; w < words; ++w) node.stateWords[w].read(at, n, &block[w * (kBlock + 1) + 1]);
+    if (words == 2) {
+      const uint32_t* w0 = block.data();
+      const uint32_t* w1 = block.data() + kBlock + 1;
+      for (size_t i = 1; i <= n; ++i) {
+        if (((w0[i] ^ w0[i - 1]) | (w1[i] ^ w1[i - 1])) != 0) keep(at + i - 1);
+      }
+    } else {
+      for (size_t i = 1; i <= n; ++i) {
+        for (size_t w = 0; w < words; ++w) {
+          const uint32_t* column = block.data() + w * (kBlock + 1);
+          if (column[i] != column[i - 1]) {
+            keep(at + i - 1);
+            break;
+          }
         }
       }
     }
+    for (size_t w = 0; w < words; ++w) block[w * (kBlock + 1)] = block[w * (kBlock + 1) + n];
   }
   const bool unlatched = std::all_of(node.stateWords.begin(), node.stateWords.begin() + words,
                                      [](const auto& column) { return column[0] == kAllOnes; });

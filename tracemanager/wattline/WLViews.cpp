@@ -199,8 +199,8 @@ XYTreeResponse WLSummary::getXYTree(int64_t start, int64_t end) {
   WLDataNode empty;
   WLDataNode& node = node_ != nullptr ? *node_ : empty;
   if (end > start && node_ != nullptr) {
-    const uint64_t first = nearestIndex(node.times.span(), clampTime(start));
-    const uint64_t last = nearestIndex(node.times.span(), clampTime(end));
+    const uint64_t first = nearestIndex(node.times, clampTime(start));
+    const uint64_t last = nearestIndex(node.times, clampTime(end));
     node.computeStats(first, last);
   }
   auto& entries = response.model.entries;
