@@ -23,16 +23,17 @@ ExperimentMaker makerOf() {
   };
 }
 
-// Built on first use, so nothing runs at load time.
+// Built on first use, so nothing runs at load time; destroyed with the
+// module, so a host that unloads it leaves nothing behind.
 KindTable& kindTable() {
-  static KindTable* table = [] {
-    auto* t = new KindTable;
-    t->makers["MTB"] = makerOf<MTBExperiment>();
-    t->makers["ETB"] = makerOf<ETBExperiment>();
-    t->makers["TDF"] = makerOf<TDFExperiment>();
-    return t;
-  }();
-  return *table;
+  static KindTable table;
+  static std::once_flag builtIns;
+  std::call_once(builtIns, [] {
+    table.makers["MTB"] = makerOf<MTBExperiment>();
+    table.makers["ETB"] = makerOf<ETBExperiment>();
+    table.makers["TDF"] = makerOf<TDFExperiment>();
+  });
+  return table;
 }
 
 }  // namespace

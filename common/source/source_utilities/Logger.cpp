@@ -40,10 +40,17 @@ LevelSettings settingsFor(int value) {
 
 }  // namespace
 
+namespace {
+// Destroyed with the module's other globals; its constructor does nothing.
+struct LoggerRelease {
+  ~LoggerRelease() { Logger::instance().releaseAll(); }
+} loggerRelease;
+}  // namespace
+
 Logger& Logger::instance() {
-  // Never destroyed: log statements may run during static destruction. The
-  // object lives in static storage rather than on the heap, so a host that
-  // unloads the module leaves nothing behind unless a log file was opened.
+  // Never destroyed: log statements may run during static destruction (they
+  // do nothing once releaseAll has run). The object lives in static storage
+  // rather than on the heap, so unloading the module leaves nothing behind.
   alignas(Logger) static unsigned char storage[sizeof(Logger)];
   static Logger* logger = new (storage) Logger();
   return *logger;
@@ -167,6 +174,18 @@ void Logger::bootstrap() {
     } catch (const std::exception&) {
     }
   });
+}
+
+void Logger::releaseAll() {
+  std::lock_guard<std::mutex> guard(initMutex_);
+  current_.store(nullptr, std::memory_order_release);
+  level_.store(0, std::memory_order_relaxed);
+  loggers_.clear();
+  for (auto* instance : instances_) delete instance;
+  // The Logger itself is never destroyed, so its containers must give their
+  // memory back here.
+  std::vector<QX_NLV::uLogger*>().swap(instances_);
+  initCount_ = 0;
 }
 
 void Logger::resetForTesting() {

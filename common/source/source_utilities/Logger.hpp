@@ -47,6 +47,11 @@ class Logger {
   // its extension.
   static std::string sourcePath(const char* file);
 
+  // At unload of the module (or process end): log statements become no-ops
+  // and every instance is freed, so a host that unloads the module keeps
+  // nothing of it.
+  void releaseAll();
+
   // Tests only: back to the state before the first init (instances stay
   // alive, as in a real process).
   void resetForTesting();
