@@ -44,22 +44,14 @@ void ETBTable::setData() {
 }
 
 ColumnsResponse ETBTable::getColumns(std::string) {
-  ColumnsResponse response;
-  response.status = kStatusCompleted;
-  response.model = columns;
-  return response;
+  return table_text::completedColumns(columns);
 }
 
 TableLinesResponse ETBTable::getLines(TableLinesRequest request) {
   TableLinesResponse response;
-  response.status = kStatusCompleted;
   auto& model = response.model;
-  for (const auto& column : columns) model.columnIds.push_back(column.id);
-  const auto total = static_cast<int64_t>(rows.size());
-  const auto [low, high] = table_text::lineRange(request.requested_table_index,
-                                                 request.requested_table_count, total);
-  model.size = total;
-  model.lowIndex = low;
+  const auto [low, high] =
+      table_text::frameLines(response, columns, request, static_cast<int64_t>(rows.size()));
   if (low == high) return response;
 
   static const std::vector<EtbRecordStore::Record> kNoRecords;

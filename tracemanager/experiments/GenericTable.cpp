@@ -29,30 +29,22 @@ void GenericTable::setData(json* document) {
 }
 
 ColumnsResponse GenericTable::getColumns(std::string) {
-  ColumnsResponse response;
-  response.status = kStatusCompleted;
-  response.model = columns;
-  return response;
+  return table_text::completedColumns(columns);
 }
 
 TableLinesResponse GenericTable::getLines(TableLinesRequest request) {
   TableLinesResponse response;
-  response.status = kStatusCompleted;
   auto& model = response.model;
-  for (const auto& column : columns) model.columnIds.push_back(column.id);
 
   static const json kNoDocument;
   const json& rows = memberOrNull(data ? *data : kNoDocument, "Rows");
   if (rows.is_null()) {
-    model.size = 0;
-    model.lowIndex = request.requested_table_index;
+    table_text::frameLines(response, columns, request, 0);
+    model.lowIndex = request.requested_table_index;  // echoed as asked when there is no data
     return response;
   }
-  const int64_t total = static_cast<int64_t>(rows.size());
-  const auto [low, high] = table_text::lineRange(request.requested_table_index,
-                                                 request.requested_table_count, total);
-  model.size = total;
-  model.lowIndex = low;
+  const auto [low, high] =
+      table_text::frameLines(response, columns, request, static_cast<int64_t>(rows.size()));
   model.lines.reserve(static_cast<size_t>(high - low));
   for (int64_t i = low; i < high; ++i) {
     // Indexing a non-array with a number throws type error 305, which is

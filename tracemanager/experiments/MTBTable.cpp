@@ -174,10 +174,7 @@ bool MTBTable::textIsCurrent() const {
 }
 
 ColumnsResponse MTBTable::getColumns(std::string) {
-  ColumnsResponse response;
-  response.status = kStatusCompleted;
-  response.model = columns;
-  return response;
+  return table_text::completedColumns(columns);
 }
 
 TableLine MTBTable::makeLine(int64_t index, int64_t run, int64_t instruction) const {
@@ -223,14 +220,9 @@ TableLine MTBTable::makeLine(int64_t index, int64_t run, int64_t instruction) co
 
 TableLinesResponse MTBTable::getLines(TableLinesRequest request) {
   TableLinesResponse response;
-  response.status = kStatusCompleted;
   auto& model = response.model;
-  for (const auto& column : columns) model.columnIds.push_back(column.id);
-  const auto total = static_cast<int64_t>(rows.size());
-  const auto [low, high] = table_text::lineRange(request.requested_table_index,
-                                                 request.requested_table_count, total);
-  model.size = total;
-  model.lowIndex = low;
+  const auto [low, high] =
+      table_text::frameLines(response, columns, request, static_cast<int64_t>(rows.size()));
   model.lines.reserve(static_cast<size_t>(high - low));
   for (int64_t k = low; k < high; ++k) {
     const auto& [run, instruction] = rows[static_cast<size_t>(k)];

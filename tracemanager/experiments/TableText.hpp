@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "VSKDataProvider.hpp"
+
 namespace VSKTspServer::table_text {
 
 // The member `key` of `object`, or a JSON null when `object` is not an
@@ -41,6 +43,28 @@ inline std::pair<int64_t, int64_t> lineRange(int64_t index, int32_t count, int64
   const int64_t span = std::max<int32_t>(count, 0);
   const int64_t high = index > total - span ? total : std::min(index + span, total);
   return {low, high};
+}
+
+// The answer of a table's columns.
+inline ColumnsResponse completedColumns(const std::vector<TableColumn>& columns) {
+  ColumnsResponse response;
+  response.status = kStatusCompleted;
+  response.model = columns;
+  return response;
+}
+
+// Frames a lines answer over `total` lines: status, column ids, size and low
+// index. Gives the range [low, high) of lines the table must add.
+inline std::pair<int64_t, int64_t> frameLines(TableLinesResponse& response,
+                                              const std::vector<TableColumn>& columns,
+                                              const TableLinesRequest& request, int64_t total) {
+  response.status = kStatusCompleted;
+  auto& model = response.model;
+  for (const auto& column : columns) model.columnIds.push_back(column.id);
+  const auto range = lineRange(request.requested_table_index, request.requested_table_count, total);
+  model.size = total;
+  model.lowIndex = range.first;
+  return range;
 }
 
 }  // namespace VSKTspServer::table_text
