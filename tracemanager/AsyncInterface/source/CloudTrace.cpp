@@ -92,7 +92,7 @@ CloudTrace::~CloudTrace() {
     QX_LOG_ERROR("CloudTrace: shutdown failed: %s", e.what());
   }
   for (auto& c : connections) c.disconnect();
-  if (hemlock != nullptr) CloudHemlock::Release(hemlock);
+  if (hemlock != nullptr) CloudHemlock::Release();
 }
 
 LocalOpManager& CloudTrace::manager() {
