@@ -144,7 +144,9 @@ TEST_F(GateThreads, FullTraceTable) {
   EXPECT_EQ(gate->createTraceApp(handles.back()), 0);
   EXPECT_EQ(CTraceApp::freeSlot(), -1);
   for (size_t i = 0; i < handles.size(); ++i) {
-    if (i != 300) EXPECT_EQ(gate->destroyTraceApp(handles[i]), 0);
+    if (i != 300) {
+      EXPECT_EQ(gate->destroyTraceApp(handles[i]), 0);
+    }
   }
   EXPECT_EQ(CTraceApp::freeSlot(), 0);
   EXPECT_EQ(foundry.decodersDestroyed, static_cast<int>(CTraceApp::kTraceTableSize) + 1);
