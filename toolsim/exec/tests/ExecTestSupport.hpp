@@ -1,0 +1,59 @@
+// Helpers shared by the execution tests: the test programs, a consumer that
+// records every step, and an independent reading of QEMU's raw log.
+#pragma once
+
+#include <signal.h>
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ExecStep.hpp"
+
+namespace OstrandSim::test {
+
+struct Board {
+  const char* machine;
+  const char* program;  // under testdata/firmware
+};
+
+inline const Board kBoards[] = {{"microbit", "run_microbit.elf"}, {"mps2-an386", "run_mps2.elf"}};
+
+inline std::string programPath(const Board& b) {
+  return std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/" + b.program;
+}
+
+class Recorder : public StepConsumer {
+ public:
+  void onStep(const ExecStep& step) override { steps.push_back(step); }
+  std::vector<uint32_t> instructionAddresses() const {
+    std::vector<uint32_t> out;
+    for (const ExecStep& s : steps) {
+      if (s.kind == StepKind::kInstruction) out.push_back(s.address);
+    }
+    return out;
+  }
+  std::vector<ExecStep> steps;
+};
+
+// The instructions QEMU's log says completed, read without the parser: a
+// "Trace" line counts unless the next line takes it back.
+inline std::vector<uint32_t> executedFromLog(const std::string& path) {
+  std::ifstream in(path);
+  std::vector<uint32_t> pcs;
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("Trace ", 0) == 0) {
+      const size_t slash = line.find('/');
+      pcs.push_back(static_cast<uint32_t>(std::stoul(line.substr(slash + 1, 8), nullptr, 16)));
+    } else if (line.rfind("Stopped execution", 0) == 0 || line.rfind("cpu_io_recompile", 0) == 0) {
+      pcs.pop_back();
+    }
+  }
+  return pcs;
+}
+
+inline bool processAlive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
+
+}  // namespace OstrandSim::test
