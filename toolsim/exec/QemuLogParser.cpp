@@ -57,11 +57,13 @@ bool QemuLogParser::feed(std::string_view chunk) {
 }
 
 bool QemuLogParser::drain() {
-  while (budget_ > 0 && (stop_ == nullptr || !stop_->load(std::memory_order_relaxed))) {
+  deliverReady();
+  while (budget_ > 0 && ready_.empty() && (stop_ == nullptr || !stop_->load(std::memory_order_relaxed))) {
     const size_t end = buffer_.find('\n', offset_);
     if (end == std::string::npos) break;
     parseLine(std::string_view(buffer_).substr(offset_, end - offset_));
     offset_ = end + 1;
+    deliverReady();
   }
   // Keep the buffer small: drop what was parsed once it is a good part of it.
   if (offset_ > 65536 && offset_ * 2 > buffer_.size()) {
@@ -79,6 +81,30 @@ void QemuLogParser::finish() {
     offset_ = 0;
   }
   if (budget_ > 0) emitPending();
+  resolveAll(0xFFFFFFFFu);
+  deliverReady();
+}
+
+void QemuLogParser::deliverReady() {
+  while (!ready_.empty() && budget_ > 0 && (stop_ == nullptr || !stop_->load(std::memory_order_relaxed))) {
+    const ExecStep step = ready_.front();
+    ready_.pop_front();
+    consumer_.onStep(step);
+    if (step.kind == StepKind::kInstruction) {
+      ++delivered_;
+      if (budget_ != UINT64_MAX) --budget_;
+    }
+  }
+}
+
+void QemuLogParser::resolveAll(uint32_t address) {
+  for (size_t i : openEntries_) held_[i - heldBase_].address = address;
+  for (size_t i : unresolved_) held_[i - heldBase_].address = address;
+  openEntries_.clear();
+  unresolved_.clear();
+  for (const ExecStep& s : held_) ready_.push_back(s);
+  heldBase_ += held_.size();
+  held_.clear();
 }
 
 bool QemuLogParser::parseLine(std::string_view line) {
@@ -125,10 +151,11 @@ bool QemuLogParser::parseLine(std::string_view line) {
   if (startsWith(line, "Exception return: ")) {
     emitPending();
     decAfter(line, "previous exception ", returning_);
+    hexAfter(line, "magic PC ", excReturn_);
     return true;
   }
   if (startsWith(line, "...successful exception return")) {
-    emit(StepKind::kExceptionReturn, 0, returning_, 0);
+    emit(StepKind::kExceptionReturn, excReturn_, returning_, 0);
     return true;
   }
   if (line.find("memory_region_ops_write ") != std::string_view::npos) {
@@ -162,7 +189,6 @@ void QemuLogParser::emitPending() {
   const uint32_t opcode = image_.opcodeAt(pendingPc_, size);
   emit(StepKind::kInstruction, pendingPc_, opcode, size == 0 ? 2 : size);
   ++instructions_;
-  if (budget_ != UINT64_MAX && budget_ > 0) --budget_;
   if (isWait(opcode, size)) {
     waiting_ = true;
     waitPc_ = pendingPc_;
@@ -177,7 +203,33 @@ void QemuLogParser::emit(StepKind kind, uint32_t address, uint32_t value, uint8_
   step.size = size;
   step.instructions = instructions_;
   step.timeNs = timeNs();
-  consumer_.onStep(step);
+  if (openEntries_.empty() && unresolved_.empty()) {
+    if (kind == StepKind::kExceptionEntry) {
+      openEntries_.push_back(heldBase_ + held_.size());
+      held_.push_back(step);
+    } else {
+      ready_.push_back(step);
+    }
+    return;
+  }
+  // Inside a handler, or just out of one: hold the step.
+  if (kind == StepKind::kInstruction && !unresolved_.empty()) {
+    // The first instruction after a return is where the preempted code
+    // resumes: the return address of every entry returned from since.
+    for (size_t i : unresolved_) held_[i - heldBase_].address = step.address;
+    unresolved_.clear();
+  }
+  if (kind == StepKind::kExceptionEntry) openEntries_.push_back(heldBase_ + held_.size());
+  if (kind == StepKind::kExceptionReturn && !openEntries_.empty()) {
+    unresolved_.push_back(openEntries_.back());
+    openEntries_.pop_back();
+  }
+  held_.push_back(step);
+  if (openEntries_.empty() && unresolved_.empty()) {
+    resolveAll(0);
+  } else if (held_.size() > kMaxHeld) {
+    resolveAll(0xFFFFFFFFu);
+  }
 }
 
 void QemuLogParser::onBusWrite(uint32_t address, uint32_t value) {

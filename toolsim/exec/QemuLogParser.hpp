@@ -20,11 +20,20 @@
 // the same timeline QEMU keeps under instruction counting with sleep=off. A
 // wait with an expiry already pending, or with SysTick off, sleeps 0.
 //
+// An exception entry carries in `address` the return address of the code it
+// preempted (the next instruction to run there), which the log only shows
+// when the handler returns: the steps from an entry on are held back until
+// the handler has returned and the next instruction ran. An exception return
+// carries the EXC_RETURN value in `address`. A handler that does not return
+// within kMaxHeld steps, or the end of the log, leaves 0xFFFFFFFF there.
+//
 // Not thread-safe; one parser per run, fed on one thread.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
+#include <vector>
 #include <string>
 #include <string_view>
 
@@ -60,7 +69,10 @@ class QemuLogParser {
   // Complete lines are waiting to be parsed (the budget stopped them).
   bool hasBacklog() const;
 
-  uint64_t instructions() const { return instructions_; }
+  static constexpr size_t kMaxHeld = size_t{1} << 20;
+
+  // Instructions delivered to the consumer.
+  uint64_t instructions() const { return delivered_; }
   uint64_t timeNs() const { return instructions_ * clock_.nsPerInstruction + sleptNs_; }
   uint64_t lines() const { return lines_; }
 
@@ -69,6 +81,8 @@ class QemuLogParser {
   bool parseLine(std::string_view line);
   void emitPending();
   void emit(StepKind kind, uint32_t address, uint32_t value, uint8_t size);
+  void deliverReady();
+  void resolveAll(uint32_t address);
   void onBusWrite(uint32_t address, uint32_t value);
   void startSysTick();
   void advanceSysTick();
@@ -84,11 +98,18 @@ class QemuLogParser {
 
   bool hasPending_ = false;
   uint32_t pendingPc_ = 0;
-  uint64_t instructions_ = 0;
+  uint64_t instructions_ = 0;  // parsed
+  uint64_t delivered_ = 0;
+  std::deque<ExecStep> held_;              // from the first open entry on
+  std::deque<ExecStep> ready_;             // resolved, waiting for budget
+  std::vector<size_t> openEntries_;        // held_ indices of entries not yet returned
+  std::vector<size_t> unresolved_;         // returned entries waiting for the next instruction
+  size_t heldBase_ = 0;                    // index of held_.front() since the run began
   uint64_t sleptNs_ = 0;
   bool waiting_ = false;  // the last instruction was WFI/WFE
   uint32_t waitPc_ = 0;
   uint32_t returning_ = 0;  // exception of "Exception return", until it succeeds
+  uint32_t excReturn_ = 0;  // its EXC_RETURN value
 
   // SysTick as the program set it up.
   uint32_t sysTickReload_ = 0;

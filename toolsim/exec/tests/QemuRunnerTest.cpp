@@ -56,6 +56,18 @@ TEST_P(QemuRunnerTest, StepsMatchTheEmulatorsOwnLog) {
     wakes += s.kind == StepKind::kWake;
     EXPECT_FALSE(s.kind == StepKind::kExceptionEntry && s.value == 3) << "hard fault";
   }
+  // Every entry names where the preempted code went on: the first
+  // instruction after its return.
+  for (size_t i = 0; i < rec.steps.size(); ++i) {
+    if (rec.steps[i].kind != StepKind::kExceptionReturn) continue;
+    EXPECT_EQ(rec.steps[i].address & 0xFFFFFFF0u, 0xFFFFFFF0u) << "EXC_RETURN";
+    size_t entry = i, next = i;
+    while (entry > 0 && rec.steps[entry].kind != StepKind::kExceptionEntry) --entry;
+    while (next < rec.steps.size() && rec.steps[next].kind != StepKind::kInstruction) ++next;
+    if (next < rec.steps.size()) {
+      EXPECT_EQ(rec.steps[entry].address, rec.steps[next].address);
+    }
+  }
   EXPECT_GT(entries, 1);
   EXPECT_GE(entries, returns);
   EXPECT_LE(entries - returns, 1);
