@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace OstrandSim {
 
@@ -44,6 +45,22 @@ class StepConsumer {
   // The run is over for now (halted, limit reached or program ended); the
   // consumer may flush. Further steps may follow with the next run.
   virtual void onPause() {}
+};
+
+// Hands each step to several consumers in the order they were added (the
+// trace models of one CPU: MTB or ETM, power). Consumers are borrowed.
+class StepFanout : public StepConsumer {
+ public:
+  void add(StepConsumer& consumer) { consumers_.push_back(&consumer); }
+  void onStep(const ExecStep& step) override {
+    for (StepConsumer* c : consumers_) c->onStep(step);
+  }
+  void onPause() override {
+    for (StepConsumer* c : consumers_) c->onPause();
+  }
+
+ private:
+  std::vector<StepConsumer*> consumers_;
 };
 
 }  // namespace OstrandSim

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "ExecStep.hpp"
 
 namespace OstrandSim::test {
@@ -55,5 +57,54 @@ inline std::vector<uint32_t> executedFromLog(const std::string& path) {
 }
 
 inline bool processAlive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
+
+}  // namespace OstrandSim::test
+
+#include "ProgramImage.hpp"
+#include "QemuRunner.hpp"
+
+namespace OstrandSim::test {
+
+// Runs `board` for `instructions` through `consumer` (with a recorder
+// beside it) and returns the executed addresses as QEMU's own log shows
+// them, cut to the instructions delivered.
+inline std::vector<uint32_t> runBoard(const Board& board, uint64_t instructions,
+                                      StepConsumer& consumer, Recorder* recorder = nullptr) {
+  const std::string log = ::testing::TempDir() + "/run-" + board.machine + ".log";
+  Recorder local;
+  StepFanout fanout;
+  fanout.add(consumer);
+  fanout.add(recorder != nullptr ? *recorder : local);
+  QemuRunConfig config;
+  config.machine = board.machine;
+  config.program = programPath(board);
+  config.teeLogPath = log;
+  QemuRunner runner(config, fanout);
+  runner.start();
+  runner.run(instructions);
+  runner.stop();
+  std::vector<uint32_t> pcs = executedFromLog(log);
+  if (pcs.size() > instructions) pcs.resize(instructions);
+  return pcs;
+}
+
+struct CodeRun {
+  uint32_t first, last;
+  bool operator==(const CodeRun&) const = default;
+};
+
+// The sequential stretches of an address sequence.
+inline std::vector<CodeRun> runsOf(const std::vector<uint32_t>& pcs, const ProgramImage& image) {
+  std::vector<CodeRun> runs;
+  for (size_t i = 0; i < pcs.size(); ++i) {
+    uint8_t size = 0;
+    if (i == 0 || pcs[i] != runs.back().last + (image.opcodeAt(runs.back().last, size), size)) {
+      runs.push_back({pcs[i], pcs[i]});
+    } else {
+      runs.back().last = pcs[i];
+    }
+  }
+  return runs;
+}
 
 }  // namespace OstrandSim::test
