@@ -1,7 +1,8 @@
 /* A duty-cycled program: SysTick ticks every 200 microseconds; of every
  * TICKS_PER_CYCLE ticks the program works through AWAKE_TICKS (busy from the
  * tick until the next one) and sleeps in WFI through the others. The first
- * awake tick of a cycle reports over the UART, which is on only for that. */
+ * awake tick of a cycle reports over the UART, which is on through that
+ * tick only. */
 #include <stdint.h>
 
 #include "board.h"
@@ -35,10 +36,15 @@ int main(void) {
     const uint32_t tick = ticks;
     seen = tick;
     if (tick % TICKS_PER_CYCLE >= AWAKE_TICKS) continue;
-    if (tick % TICKS_PER_CYCLE == 0u) report(result);
+    const int reporting = tick % TICKS_PER_CYCLE == 0u;
+    if (reporting) {
+      board_uart_on();
+      report(result);
+    }
     while (ticks == tick) {
       seed = process_block(seed);
       result = seed;
     }
+    if (reporting) board_uart_off();
   }
 }
