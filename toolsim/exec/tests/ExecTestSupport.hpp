@@ -3,8 +3,10 @@
 #pragma once
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -46,7 +48,9 @@ inline std::vector<uint32_t> executedFromLog(const std::string& path) {
   std::vector<uint32_t> pcs;
   std::string line;
   while (std::getline(in, line)) {
-    if (line.rfind("Trace ", 0) == 0) {
+    // The copy of the log ends wherever the run stopped reading, maybe in
+    // the middle of a line: only whole lines count.
+    if (line.rfind("Trace ", 0) == 0 && line.find(']') != std::string::npos) {
       const size_t slash = line.find('/');
       pcs.push_back(static_cast<uint32_t>(std::stoul(line.substr(slash + 1, 8), nullptr, 16)));
     } else if (line.rfind("Stopped execution", 0) == 0 || line.rfind("cpu_io_recompile", 0) == 0) {
@@ -70,7 +74,10 @@ namespace OstrandSim::test {
 // them, cut to the instructions delivered.
 inline std::vector<uint32_t> runBoard(const Board& board, uint64_t instructions,
                                       StepConsumer& consumer, Recorder* recorder = nullptr) {
-  const std::string log = ::testing::TempDir() + "/run-" + board.machine + ".log";
+  // One file per process and run: CTest runs test cases side by side.
+  static int runs = 0;
+  const std::string log = ::testing::TempDir() + "/run-" + board.machine + "-" +
+                          std::to_string(::getpid()) + "-" + std::to_string(++runs) + ".log";
   Recorder local;
   StepFanout fanout;
   fanout.add(consumer);
@@ -84,6 +91,7 @@ inline std::vector<uint32_t> runBoard(const Board& board, uint64_t instructions,
   runner.run(instructions);
   runner.stop();
   std::vector<uint32_t> pcs = executedFromLog(log);
+  std::remove(log.c_str());
   if (pcs.size() > instructions) pcs.resize(instructions);
   return pcs;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -24,7 +25,8 @@ class PowerRecorderTest : public ::testing::TestWithParam<test::Board> {};
 // integral of the power it records, PCs in the program's code, and the UART
 // drawing current while it is on.
 TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
-  const std::string dir = ::testing::TempDir() + "/power-" + GetParam().machine;
+  const std::string dir = ::testing::TempDir() + "/power-" + GetParam().machine + "-" +
+                          std::to_string(::getpid());
   std::filesystem::remove_all(dir);
   PowerConfig config;
   config.directory = dir;

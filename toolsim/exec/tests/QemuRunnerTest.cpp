@@ -21,7 +21,8 @@ class QemuRunnerTest : public ::testing::TestWithParam<Board> {};
 // order, with SysTick entries and returns, sleeps that end in a wake, time
 // that never goes back, and the emulator gone after stop.
 TEST_P(QemuRunnerTest, StepsMatchTheEmulatorsOwnLog) {
-  const std::string log = ::testing::TempDir() + "/runner-" + GetParam().machine + ".log";
+  const std::string log = ::testing::TempDir() + "/runner-" + GetParam().machine + "-" +
+                          std::to_string(::getpid()) + ".log";
   Recorder rec;
   QemuRunConfig config;
   config.machine = GetParam().machine;

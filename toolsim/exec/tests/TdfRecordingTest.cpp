@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 #include "EtmDecoder.hpp"
 #include "ExecTestSupport.hpp"
@@ -49,7 +50,8 @@ TEST(TdfRecordingTest, SavedRunDecodesToTheLiveRows) {
   both.add(etm);
   test::runBoard(board, 15000, both);
 
-  const std::string dir = ::testing::TempDir();
+  const std::string dir = ::testing::TempDir() + "/tdf-" + std::to_string(::getpid());
+  std::filesystem::create_directories(dir);
   TdfRecording m = recordingOf("MTB");
   m.mtb = mtb.snapshot();
   m.configuration = R"({"Buffer Size":"2048 Bytes","Hierarchical Decode":true})";
