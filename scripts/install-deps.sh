@@ -11,6 +11,11 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libdw-dev libelf-dev libcapstone-dev libopencsd-dev
   binutils-arm-none-eabi
+  # The simulated targets run their programs under QEMU.
+  qemu-system-arm
+  # Only testdata/firmware/rebuild.sh needs the cross compiler; the tests
+  # read the committed ELF files.
+  gcc-arm-none-eabi
   nodejs npm
 )
 
