@@ -66,7 +66,8 @@ class TableView {
     const totalWidth = columns.reduce((sum, c) => sum + widthOf(c.name), 0);
     this.rows.style.width = `${totalWidth}px`;
     this.spacer.style.width = `${totalWidth}px`;
-    this.spacer.style.height = `${Math.min(this.size * this.rowHeight, kMaxScrollPixels)}px`;
+    // One row of slack, so the last line can scroll fully into view.
+    this.spacer.style.height = `${Math.min(this.size * this.rowHeight, kMaxScrollPixels) + this.rowHeight}px`;
     this.onScroll = () => this.render();
     this.scroller.addEventListener('scroll', this.onScroll, { passive: true });
     this.scroller.addEventListener('keydown', (e) => this.onKey(e));
@@ -88,23 +89,25 @@ class TableView {
     return Math.max(1, Math.ceil((this.scroller.clientHeight - this.rowHeight) / this.rowHeight));
   }
 
-  // The first line in view, from the scroll position.
+  // Whether the scroll range stands for the table scaled down.
+  scaled() {
+    return this.size * this.rowHeight > kMaxScrollPixels;
+  }
+
+  // The first line in view, from the scroll position: a row per rowHeight,
+  // or in a scaled table the same fraction of the lines as of the range.
   firstIndex() {
-    const visible = this.visibleCount();
-    const spacer = Math.min(this.size * this.rowHeight, kMaxScrollPixels);
-    const range = spacer - (this.scroller.clientHeight - this.rowHeight);
-    if (this.size <= visible || range <= 0) return 0;
-    if (spacer < kMaxScrollPixels) return Math.floor(this.scroller.scrollTop / this.rowHeight);
-    const fraction = Math.min(1, this.scroller.scrollTop / range);
-    return Math.round(fraction * (this.size - visible));
+    const last = Math.max(0, this.size - this.visibleCount());
+    if (!this.scaled()) return Math.min(last, Math.floor(this.scroller.scrollTop / this.rowHeight));
+    const range = this.scroller.scrollHeight - this.scroller.clientHeight;
+    return Math.round(Math.min(1, this.scroller.scrollTop / Math.max(1, range)) * last);
   }
 
   scrollTopFor(index) {
-    const visible = this.visibleCount();
-    const spacer = Math.min(this.size * this.rowHeight, kMaxScrollPixels);
-    if (spacer < kMaxScrollPixels) return index * this.rowHeight;
-    const range = spacer - (this.scroller.clientHeight - this.rowHeight);
-    return (Math.min(index, this.size - visible) / Math.max(1, this.size - visible)) * range;
+    if (!this.scaled()) return index * this.rowHeight;
+    const last = Math.max(1, this.size - this.visibleCount());
+    const range = this.scroller.scrollHeight - this.scroller.clientHeight;
+    return (Math.min(index, last) / last) * range;
   }
 
   jumpTo(index) {
@@ -138,7 +141,10 @@ class TableView {
     const first = this.firstIndex();
     const count = Math.min(this.visibleCount(), Math.max(0, this.size - first));
     this.scroller.dataset.firstIndex = String(first);
+    // The rows cover the visible part of the scroller and no more: a layer
+    // reaching below it would lengthen the scroll range it is drawn from.
     this.rows.style.top = `${this.scroller.scrollTop + this.rowHeight}px`;
+    this.rows.style.height = `${Math.max(0, this.scroller.clientHeight - this.rowHeight)}px`;
     const rows = [];
     let missing = 0;
     for (let i = first; i < first + count; ++i) {
