@@ -110,6 +110,7 @@ await step('opens the long power capture: current chart, state graph and summary
   const box = await experimentBox('Wattline', 'long_capture');
   const id = await box.evaluate((b) => b.dataset.uuid);
   timings.openMs = await clickAndTimeDraw(`.experiment[data-uuid="${id}"] button[data-output="power"]`);
+  await page.waitForSelector('.stategraph[data-drawn]');
   const drawn = await page.evaluate(() => {
     const chart = document.querySelector('.chart canvas');
     const graph = document.querySelector('.stategraph canvas');

@@ -160,32 +160,39 @@ class PowerView {
     this.show(start + shift, end + shift);
   }
 
-  // Asks for the points and states of [start, end] and draws them; an
-  // answer that a newer request has overtaken is dropped.
+  // Asks for the points and the states of [start, end]. The chart draws as
+  // soon as its points are in; the state graph follows when its states are.
+  // An answer that a newer request has overtaken is dropped.
   async show(start, end) {
     const range = this.clamp(start, end);
     const seq = ++this.seq;
     const began = performance.now();
+    this.range = range;
     this.rangeText.textContent = `showing ${formatSeconds(range.start - this.experiment.start)} to `
       + `${formatSeconds(range.end - this.experiment.start)}`;
     const width = this.chart ? Math.round(this.chart.bbox.width / (window.devicePixelRatio || 1)) : 1000;
+    // The server answers one request at a time, in order: the points first.
+    const points = this.line
+      ? api.xy(this.experiment.UUID, this.line.id, range.start, range.end, width, [1]) : null;
+    const fits = this.graph?.statesFit(range.start, range.end);
+    const states = fits ? this.graph.fetchStates(range.start, range.end, width) : null;
+    states?.catch(() => {});
     try {
-      const [xy, rows] = await Promise.all([
-        this.line ? api.xy(this.experiment.UUID, this.line.id, range.start, range.end, width, [1]) : null,
-        this.graph ? this.graph.fetchStates(range.start, range.end, width) : null,
-      ]);
+      const xy = await points;
       if (seq !== this.seq || this.closed) return;
-      this.range = range;
-      if (rows) this.graph.setStates(rows);
       this.pendingDraw = { seq, began };
-      if (this.chart) {
-        this.chart.setData(this.points(xy), true);
-      } else {
-        this.drawn();
-      }
+      if (this.chart) this.chart.setData(this.points(xy), true); else this.drawn();
       this.summary?.update(range.start, range.end);
+      if (this.graph) {
+        const rows = fits ? await states : null;
+        if (seq !== this.seq || this.closed) return;
+        this.graph.setStates(rows, range.start, range.end);
+        this.drawGraph();
+        this.graph.element.dataset.drawn = String(seq);
+        if (rows) this.graph.loadArrowsOnce();
+      }
     } catch (e) {
-      if (seq === this.seq) showError(this.body, e.message);
+      if (seq === this.seq && !this.closed) showError(this.body, e.message);
     }
   }
 
@@ -200,19 +207,22 @@ class PowerView {
   }
 
   // After the chart has drawn: the state graph follows on the chart's plot
-  // area, and the view tells how long the click took to become a picture.
+  // area (with the states it has), and the view tells how long the click
+  // took to become a chart.
   drawn() {
+    if (this.graph) this.drawGraph();
     if (!this.pendingDraw) return;
     const { seq, began } = this.pendingDraw;
     this.pendingDraw = null;
-    if (this.graph) {
-      const ratio = window.devicePixelRatio || 1;
-      const left = this.chart ? this.chart.bbox.left / ratio : 110;
-      const width = this.chart ? this.chart.bbox.width / ratio : this.body.clientWidth - 120;
-      this.graph.draw(this.range.start, this.range.end, left, width);
-    }
     const ms = performance.now() - began;
     this.body.dataset.drawn = String(seq);
     this.view.dispatchEvent(new CustomEvent('ostrand:drawn', { bubbles: true, detail: { ms, seq } }));
+  }
+
+  drawGraph() {
+    const ratio = window.devicePixelRatio || 1;
+    const left = this.chart ? this.chart.bbox.left / ratio : 110;
+    const width = this.chart ? this.chart.bbox.width / ratio : this.body.clientWidth - 120;
+    this.graph.draw(this.range.start, this.range.end, left, width);
   }
 }

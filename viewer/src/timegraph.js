@@ -9,17 +9,66 @@ import { el, formatSeconds } from './dom.js';
 const kRowHeight = 20;
 // Past this many arrows in view they hide the states; the view says so.
 const kMaxArrows = 3000;
+// States one answer may hold; about 5 MB of JSON, a quarter second to make.
+const kMaxStates = 60_000;
+
+// The arrows of each graph, read once per page: they do not depend on the
+// range, and a long capture has megabytes of them.
+const arrowsRead = new Map();
 
 export class StateGraph {
-  // The tree, the styles and the arrows are read once; the states per range.
+  // The tree and the styles are read once, before the first picture. The
+  // states are read per range, but the server gives every change in the
+  // range, however many: a probe of the first hundredth of the capture
+  // tells how dense they are, and a range that would hold more than
+  // kMaxStates is not asked for (the graph says to zoom in). The arrows
+  // (all of them, whatever the range) are read once states are first drawn.
   static async open(experiment, output) {
     const { UUID: uuid, start, end } = experiment;
-    const [tree, styles, arrows] = await Promise.all([
+    const probeEnd = start + Math.max(1, Math.floor((end - start) / 100));
+    const [tree, styles] = await Promise.all([
       api.timeGraphTree(uuid, output.id, start, end),
       api.styles(uuid, output.id),
-      api.arrows(uuid, output.id, start, end),
     ]);
-    return new StateGraph(uuid, output, tree.model, styles.model.styles, arrows.model ?? []);
+    const graph = new StateGraph(uuid, output, tree.model, styles.model.styles, []);
+    const probe = await graph.fetchStates(start, probeEnd, 100);
+    graph.learnDensity(probe, start, probeEnd);
+    return graph;
+  }
+
+  // States per microsecond, all rows together; the densest answer counts.
+  learnDensity(rows, start, end) {
+    const count = rows.reduce((sum, r) => sum + r.states.length, 0);
+    this.density = Math.max(this.density ?? 0, count / Math.max(1, end - start));
+  }
+
+  // Whether [start, end] is narrow enough to ask for its states.
+  statesFit(start, end) {
+    return (this.density ?? 0) * (end - start) <= kMaxStates;
+  }
+
+  loadArrowsOnce() {
+    if (this.arrowsAsked) return;
+    this.arrowsAsked = true;
+    const key = `${this.uuid}/${this.output.id}`;
+    if (!arrowsRead.has(key)) {
+      arrowsRead.set(key, api.arrows(this.uuid, this.output.id, 0, 0)
+        .then((answer) => (answer.model ?? []).slice().sort((a, b) => a.start - b.start)));
+    }
+    arrowsRead.get(key).then((arrows) => {
+      this.arrows = arrows;
+      this.redraw();
+    }).catch((e) => {
+      arrowsRead.delete(key);
+      this.note.textContent = e.message;
+    });
+  }
+
+  redraw() {
+    if (this.frame) {
+      const { start, end, left, width } = this.frame;
+      this.draw(start, end, left, width);
+    }
   }
 
   constructor(uuid, output, tree, styles, arrows) {
@@ -50,8 +99,11 @@ export class StateGraph {
     return answer.model?.rows ?? [];
   }
 
-  setStates(rows) {
-    this.rows = new Map(rows.map((r) => [r.entryId, r.states]));
+  // Rows of states for the range last asked; null when it held too many.
+  setStates(rows, start, end) {
+    this.tooDense = rows === null;
+    this.rows = new Map((rows ?? []).map((r) => [r.entryId, r.states]));
+    if (rows) this.learnDensity(rows, start, end);
   }
 
   styleOf(state) {
@@ -108,10 +160,22 @@ export class StateGraph {
   }
 
   drawArrows(g, start, end, x) {
-    const inView = this.arrows.filter((a) => a.start >= start && a.start <= end && a.sourceId >= 0
-      && this.rowOf.has(a.sourceId) && this.rowOf.has(a.targetId));
-    this.note.textContent = inView.length > kMaxArrows
-      ? `${inView.length} state changes in view: zoom in to see their arrows.` : '';
+    // The arrows are sorted by time: find the first in view, take until the end.
+    let lo = 0;
+    let hi = this.arrows.length;
+    while (lo < hi) {
+      const m = (lo + hi) >> 1;
+      if (this.arrows[m].start < start) lo = m + 1; else hi = m;
+    }
+    const inView = [];
+    for (let i = lo; i < this.arrows.length && this.arrows[i].start <= end; ++i) {
+      const a = this.arrows[i];
+      if (a.sourceId >= 0 && this.rowOf.has(a.sourceId) && this.rowOf.has(a.targetId)) inView.push(a);
+    }
+    this.note.textContent = this.tooDense
+      ? 'Too many state changes in this range to draw: zoom in to see the states.'
+      : inView.length > kMaxArrows
+        ? `${inView.length} state changes in view: zoom in to see their arrows.` : '';
     if (inView.length > kMaxArrows) return;
     g.strokeStyle = '#555';
     g.fillStyle = '#555';
