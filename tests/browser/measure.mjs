@@ -1,6 +1,7 @@
 // Click-to-drawn-chart of one power capture in headless chromium: opening
 // the power view, then zooming into a tenth of it by dragging, each a few
-// times; prints the median of each. For figures on captures too large for
+// times; prints the median of each beside a baseline of the same run: one
+// protocol round trip from the page (GET /tsp/api/health). For figures on captures too large for
 // the test run (see docs/viewer.md).
 //
 // usage: node measure.mjs <base-url> <experiment name> [runs]
@@ -52,8 +53,17 @@ for (let i = 0; i < Number(runs); ++i) {
   zoom.push(await zoomed);
   await rest();
 }
+const health = [];
+for (let i = 0; i < 15; ++i) {
+  health.push(await page.evaluate(async () => {
+    const began = performance.now();
+    await (await fetch('/tsp/api/health')).text();
+    return performance.now() - began;
+  }));
+}
 await browser.close();
 rmSync(profile, { recursive: true, force: true });
 const median = (xs) => xs.slice().sort((a, b) => a - b)[Math.floor(xs.length / 2)].toFixed(0);
+console.log(`baseline: one protocol round trip ${median(health)} ms (median of ${health.length})`);
 console.log(`${name}: open ${median(open)} ms, zoom ${median(zoom)} ms (median of ${runs}; `
   + `open ${open.map((x) => x.toFixed(0)).join(' ')}; zoom ${zoom.map((x) => x.toFixed(0)).join(' ')})`);

@@ -171,15 +171,16 @@ class PowerView {
     this.rangeText.textContent = `showing ${formatSeconds(range.start - this.experiment.start)} to `
       + `${formatSeconds(range.end - this.experiment.start)}`;
     const width = this.chart ? Math.round(this.chart.bbox.width / (window.devicePixelRatio || 1)) : 1000;
-    // The server answers one request at a time, in order: the points first.
-    const points = this.line
-      ? api.xy(this.experiment.UUID, this.line.id, range.start, range.end, width, [1]) : null;
-    const fits = this.graph?.statesFit(range.start, range.end);
-    const states = fits ? this.graph.fetchStates(range.start, range.end, width) : null;
-    states?.catch(() => {});
+    // The server answers one request at a time, and two requests on two
+    // connections may reach it in either order: the states are asked for
+    // only once the points are in, so they never hold up the chart.
     try {
-      const xy = await points;
+      const xy = this.line
+        ? await api.xy(this.experiment.UUID, this.line.id, range.start, range.end, width, [1]) : null;
       if (seq !== this.seq || this.closed) return;
+      const fits = this.graph?.statesFit(range.start, range.end);
+      const states = fits ? this.graph.fetchStates(range.start, range.end, width) : null;
+      states?.catch(() => {});
       this.pendingDraw = { seq, began };
       if (this.chart) this.chart.setData(this.points(xy), true); else this.drawn();
       this.summary?.update(range.start, range.end);
