@@ -30,9 +30,9 @@ int digitsOfSize(uint32_t size) {
 
 }  // namespace
 
-int32_t ColumnInfo::find(const std::string& name) const {
-  for (uint32_t i = 0; i < count; ++i)
-    if (names[i] == name) return static_cast<int32_t>(i);
+int32_t findColumn(const ColumnInfo& columns, const std::string& name) {
+  for (uint32_t i = 0; i < columns.count; ++i)
+    if (columns.names[i] == name) return static_cast<int32_t>(i);
   return -1;
 }
 

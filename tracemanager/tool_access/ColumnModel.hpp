@@ -1,75 +1,32 @@
-// The column model shared by the trace table readers: what the decoder says
-// about its columns (ColumnInfo), what a caller wants out of them
-// (ColumnProcessing), the row blocks read so far (TraceChunk), and the
-// reading state of one operation record (TraceTableState).
+// The column model shared by the trace table readers, around the records
+// ColumnInfo, ColumnProcessing and TraceChunk: the words of formats and
+// transforms, the roles' column titles, the reading of one row by the
+// column layout and the text forms of values.
 //
 // Rows are never read through a fixed layout: every value is found by the
 // offset and size the decoder reported for its column, and whether it is
 // there at all by the column's valid bit.
 //
-// Threads: a TraceTableState belongs to one operation record. `lock` guards
-// the flags and `chunks`; `stopRequested` may be set from any thread.
+// Threads: none of its own; plain functions and constant tables.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
-struct ColumnInfo {
-  uint32_t count = 0;
-  std::vector<std::string> names;
-  std::vector<uint32_t> sizes;  // bytes of a value; 6 for a string reference
-  std::vector<bool> isString;
-  std::vector<uint32_t> offsets;  // byte offset of the value in a row
-  std::vector<uint32_t> ids;
+#include "ColumnInfo.hpp"
+#include "ColumnProcessing.hpp"
+#include "TraceChunk.hpp"
 
-  // Bytes of one row: the end of the last column.
-  uint32_t rowBytes() const { return count == 0 ? 0 : offsets.back() + sizes.back(); }
-  uint32_t validBytes() const { return (count + 7) / 8; }
-  // The position of the column titled `name`, or -1.
-  int32_t find(const std::string& name) const;
-};
+inline constexpr int32_t kTraceChunkRows = 32768;
 
-// Output columns, in output order.
-struct ColumnProcessing {
-  uint32_t count = 0;
-  std::vector<std::string> names;
-  std::vector<uint32_t> indices;    // source column in ColumnInfo
-  std::vector<uint32_t> dataTypes;  // held only
-  std::vector<uint32_t> formats;    // a value of formatNames()
-  std::vector<int32_t> transforms;  // a value of transformNames(); kTransformNone for none
-  std::vector<uint32_t> usingColumns;  // source columns of all transforms, held only
-};
-
-// One block of rows as the decoder delivered it.
-struct TraceChunk {
-  uint64_t startIndex = 0;
-  uint32_t rows = 0;
-  std::vector<uint8_t> data;
-  std::vector<uint8_t> valid;
-  std::vector<uint8_t> positions;  // 16 bytes per row, never read
-  std::string strings;             // the decoder's strings after this block
-};
-
-// The reading state of one operation record. One way only: no columns,
-// columns known, processing set, running, done.
-struct TraceTableState {
-  static constexpr int32_t kChunkRows = 32768;
-
-  std::unique_ptr<ColumnInfo> columnInfo;
-  std::unique_ptr<ColumnProcessing> columnProcessing;
-  int32_t chunkRows = kChunkRows;
-  uint64_t nextIndex = 0;
-  bool running = false;  // guarded by lock
-  bool done = false;     // guarded by lock; never falls back
-  std::atomic<bool> stopRequested{false};
-  std::mutex lock;  // guards running, done and chunks
-  std::vector<TraceChunk> chunks;
-};
+// Bytes of one row: the end of the last column.
+inline uint32_t columnRowBytes(const ColumnInfo& columns) {
+  return columns.count == 0 ? 0 : columns.offsets.back() + columns.sizes.back();
+}
+inline uint32_t columnValidBytes(const ColumnInfo& columns) { return (columns.count + 7) / 8; }
+// The position of the column titled `name`, or -1.
+int32_t findColumn(const ColumnInfo& columns, const std::string& name);
 
 enum ColumnFormat : uint32_t { kFormatUnsigned = 0, kFormatHex = 1, kFormatDefault = 2 };
 enum ColumnTransform : int32_t {

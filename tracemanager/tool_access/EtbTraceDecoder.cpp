@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "InstructionTraceDecoder.hpp"
+#include "CTRACE.hpp"
 #include "Logger.hpp"
 
 namespace {
@@ -34,7 +35,7 @@ class EtbWalk {
   uint32_t runs() const { return n; }
 
  private:
-  ObjectFileInfo* objectInfo() const { return context.objectInfo.get(); }
+  ObjectFileInfo* objectInfo() const { return context.record.objectInfo.get(); }
   void runRow(const RowView& row);
   Record instructionRecord(const RowView& row);
 
@@ -100,8 +101,8 @@ Record EtbWalk::instructionRecord(const RowView& row) {
       record["src"] = "";
     }
     std::string dasm;
-    if (context.disassembler && objectInfo() != nullptr) {
-      const auto& disassembly = context.caches.disassembleOne(address, *context.disassembler);
+    if (context.record.disassembler && objectInfo() != nullptr) {
+      const auto& disassembly = context.caches.disassembleOne(address, *context.record.disassembler);
       if (disassembly.size > 0) {
         // Address and opcode fields go; the instruction stays.
         dasm = disassembly.text;
@@ -128,11 +129,11 @@ int decodeETBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data
   count = 0;
   store.clear();
   InstructionColumns columns;
-  if (context.source == nullptr || !columns.read(*context.source)) return 0;
+  if (context.trace == nullptr || !columns.read(*context.trace)) return 0;
 
-  const uint32_t blockRows = TraceTableState::kChunkRows;
-  const size_t rowBytes = columns.info.rowBytes();
-  const size_t validBytes = columns.info.validBytes();
+  const uint32_t blockRows = kTraceChunkRows;
+  const size_t rowBytes = columnRowBytes(columns.info);
+  const size_t validBytes = columnValidBytes(columns.info);
   // One set of buffers for every block.
   std::vector<uint8_t> rows(rowBytes * blockRows), valid(validBytes * blockRows);
   std::vector<TracePosition> positions(blockRows);
@@ -141,7 +142,7 @@ int decodeETBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data
   for (;;) {
     uint32_t read = 0;
     try {
-      read = context.source->DecodeTraceData(seek, 0.0, TracePosition{}, blockRows, rows.data(),
+      read = context.trace->DecodeTraceData(seek, 0.0, TracePosition{}, blockRows, rows.data(),
                                              valid.data(), positions.data());
     } catch (...) {
       read = 0;  // a failed read ends the trace

@@ -37,7 +37,7 @@ struct InstructionColumns {
   int32_t cycles = -1;
 
   // The decoder's column description; false when it has none.
-  bool read(TraceRowSource& source);
+  bool read(CTRACE& trace);
 };
 
 int decodeMTBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data, bool compact);

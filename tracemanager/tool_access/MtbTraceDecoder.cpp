@@ -1,5 +1,6 @@
 #include <array>
 
+#include "CTRACE.hpp"
 #include "InstructionTraceDecoder.hpp"
 #include "Logger.hpp"
 
@@ -32,7 +33,7 @@ class MtbWalk {
   uint32_t runs() const { return dataIndex; }
 
  private:
-  ObjectFileInfo* objectInfo() const { return context.objectInfo.get(); }
+  ObjectFileInfo* objectInfo() const { return context.record.objectInfo.get(); }
   Json::Value& code() { return data["code"]; }
 
   void instructionRow(const RowView& row);
@@ -60,8 +61,8 @@ void MtbWalk::instructionRow(const RowView& row) {
   if (row.has(columns.programData)) {
     std::string text;
     bool decoded = false;
-    if (context.disassembler) {
-      const auto& disassembly = context.caches.disassembleOne(address, *context.disassembler);
+    if (context.record.disassembler) {
+      const auto& disassembly = context.caches.disassembleOne(address, *context.record.disassembler);
       decoded = disassembly.size > 0;
       if (decoded) text = disassembly.text.substr(0, kMaxAsmLength);
     }
@@ -173,9 +174,9 @@ std::string instructionText(const std::string& text) {
 }
 
 void MtbWalk::disassembleRun(uint32_t from, uint32_t to) {
-  if (!context.disassembler) return;
+  if (!context.record.disassembler) return;
   for (const auto& disassembly :
-       context.disassembler->Disassemble(Debugger::Address{from}, Debugger::Address{to})) {
+       context.record.disassembler->Disassemble(Debugger::Address{from}, Debugger::Address{to})) {
     const auto address = static_cast<uint32_t>(disassembly.address);
     Json::Value entry(Json::objectValue);
     entry["seq"] = seq++;
@@ -201,19 +202,19 @@ void MtbWalk::disassembleRun(uint32_t from, uint32_t to) {
 
 }  // namespace
 
-bool InstructionColumns::read(TraceRowSource& source) {
-  const uint32_t count = source.getColumnCount();
+bool InstructionColumns::read(CTRACE& trace) {
+  const uint32_t count = trace.getColumnCount();
   if (count == 0 ||
-      !source.readColumnInfo(info.names, info.sizes, info.isString, info.offsets, info.ids) ||
+      !trace.readColumnInfo(info.names, info.sizes, info.isString, info.offsets, info.ids) ||
       info.names.size() != count || info.sizes.size() != count ||
       info.offsets.size() != count)
     return false;
   info.count = count;
-  readAddress = info.find(kReadAddressColumn);
-  writeAddress = info.find(kWriteAddressColumn);
-  programAddress = info.find(kProgramAddressColumn);
-  programData = info.find(kProgramDataColumn);
-  cycles = info.find(kCyclesColumn);
+  readAddress = findColumn(info, kReadAddressColumn);
+  writeAddress = findColumn(info, kWriteAddressColumn);
+  programAddress = findColumn(info, kProgramAddressColumn);
+  programData = findColumn(info, kProgramDataColumn);
+  cycles = findColumn(info, kCyclesColumn);
   return true;
 }
 
@@ -224,20 +225,20 @@ int decodeMTBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data
   data = Json::Value(Json::objectValue);
   InstructionColumns columns;
   Json::Value& header = data["header"] = Json::Value(Json::arrayValue);
-  if (context.source == nullptr || !columns.read(*context.source)) {
+  if (context.trace == nullptr || !columns.read(*context.trace)) {
     data["data"] = Json::Value(Json::arrayValue);
     data["code"] = Json::Value(Json::arrayValue);
     return 0;
   }
   for (const auto& name : columns.info.names) header.append(name);
 
-  const size_t rowBytes = columns.info.rowBytes();
-  const size_t validBytes = columns.info.validBytes();
+  const size_t rowBytes = columnRowBytes(columns.info);
+  const size_t validBytes = columnValidBytes(columns.info);
   std::vector<uint8_t> rows(rowBytes * kMtbBufferRows), valid(validBytes * kMtbBufferRows);
   std::vector<TracePosition> positions(kMtbBufferRows);
   uint32_t read = 0;
   try {
-    read = context.source->DecodeTraceData(Qx::Nlv::Trace::kSeekStart, 0.0, TracePosition{},
+    read = context.trace->DecodeTraceData(Qx::Nlv::Trace::kSeekStart, 0.0, TracePosition{},
                                            kMtbBufferRows, rows.data(), valid.data(),
                                            positions.data());
   } catch (...) {

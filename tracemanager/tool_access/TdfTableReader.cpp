@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "CTRACE.hpp"
 #include "Logger.hpp"
 
 namespace {
@@ -24,9 +25,9 @@ void addSymbolCells(Json::Value& row, uint32_t programColumn, Json::ArrayIndex f
       // Parsed as a signed 32-bit number: an address at 0x80000000 or above
       // raises std::out_of_range, which ends the table.
       const int address = std::stoi(text, nullptr, 16);
-      if (context.objectInfo)
+      if (context.record.objectInfo)
         names = context.caches.lookupFunctionInfo(static_cast<uint32_t>(address),
-                                                  context.objectInfo.get());
+                                                  context.record.objectInfo.get());
     } catch (const std::runtime_error&) {
       return;  // the row stays as it is
     }
@@ -41,18 +42,18 @@ void addSymbolCells(Json::Value& row, uint32_t programColumn, Json::ArrayIndex f
 int readTdfTable(TraceReadContext& context, Json::Value& data,
                  const std::function<void()>& findProgram) {
   QX_TRACE_NAME("%s(...)\n", "CloudHemlock::readTdfTable");
-  if (context.source == nullptr) {
+  if (context.trace == nullptr) {
     context.lastError = "Trace operation not created";
     check(-2, "readTraceColumnNames", context.lastError);
   }
-  if (readTraceColumnNames(context.table, *context.source, context.lastError) != 0) {
+  if (readTraceColumnNames(context.record, *context.trace, context.lastError) != 0) {
     context.lastError = "Failed to get column information";
     check(-3, "readTraceColumnNames", context.lastError);
   }
   // A copy: the processing set below replaces the one these may come from.
-  const std::vector<std::string> names = context.table.columnProcessing
-                                              ? context.table.columnProcessing->names
-                                              : context.table.columnInfo->names;
+  const std::vector<std::string> names = context.record.columnProcessing
+                                              ? context.record.columnProcessing->names
+                                              : context.record.columnInfo->names;
   Json::Value columns(Json::arrayValue);
   Json::Value spec(Json::arrayValue);
   int32_t programColumn = -1;
@@ -77,7 +78,7 @@ int readTdfTable(TraceReadContext& context, Json::Value& data,
   }
   data["Columns"] = std::move(columns);
 
-  check(setupColumnProcessing(context.table, spec, context.lastError), "setupColumnProcessing",
+  check(setupColumnProcessing(context.record, spec, context.lastError), "setupColumnProcessing",
         context.lastError);
   check(fetchTraceData(context), "fetchTraceData", context.lastError);
   Json::Value& rows = data["Rows"];

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <new>
 
+#include "CTRACE.hpp"
 #include "Logger.hpp"
 
 namespace {
@@ -56,9 +57,9 @@ struct BlockBuffers {
   }
 };
 
-uint32_t readBlock(TraceRowSource& source, uint32_t seek, uint32_t rows, BlockBuffers& buffers) {
+uint32_t readBlock(CTRACE& trace, uint32_t seek, uint32_t rows, BlockBuffers& buffers) {
   try {
-    return source.DecodeTraceData(seek, 0.0, TracePosition{}, rows, buffers.data.data(),
+    return trace.DecodeTraceData(seek, 0.0, TracePosition{}, rows, buffers.data.data(),
                                   buffers.valid.data(),
                                   reinterpret_cast<TracePosition*>(buffers.positions.data()));
   } catch (...) {
@@ -70,13 +71,13 @@ uint32_t readBlock(TraceRowSource& source, uint32_t seek, uint32_t rows, BlockBu
 
 }  // namespace
 
-int readTraceColumnNames(TraceTableState& table, TraceRowSource& source, std::string& lastError) {
+int readTraceColumnNames(CloudOperation& table, CTRACE& trace, std::string& lastError) {
   QX_TRACE_NAME("%s(...)\n", "CloudHemlock::readTraceColumnNames");
   if (table.columnInfo) return 0;
-  const uint32_t count = source.getColumnCount();
+  const uint32_t count = trace.getColumnCount();
   if (count == 0) return fail(lastError, -3, "Invalid column info error");
   auto info = std::make_unique<ColumnInfo>();
-  if (!source.readColumnInfo(info->names, info->sizes, info->isString, info->offsets, info->ids) ||
+  if (!trace.readColumnInfo(info->names, info->sizes, info->isString, info->offsets, info->ids) ||
       info->names.size() != count || info->sizes.size() != count ||
       info->isString.size() != count || info->offsets.size() != count)
     return fail(lastError, -3, "Invalid column info error");
@@ -85,7 +86,7 @@ int readTraceColumnNames(TraceTableState& table, TraceRowSource& source, std::st
   return 0;
 }
 
-int setupColumnProcessing(TraceTableState& table, const Json::Value& columns,
+int setupColumnProcessing(CloudOperation& table, const Json::Value& columns,
                           std::string& lastError) {
   QX_TRACE_NAME("%s(...)\n", "CloudHemlock::setupColumnProcessing");
   if (!columns.isArray())
@@ -119,9 +120,9 @@ int setupColumnProcessing(TraceTableState& table, const Json::Value& columns,
         return fail(lastError, -4, "Illegal transform specified '" + type + "'");
       if (spec.isMember("using")) {
         for (const Json::Value& source : spec["using"])
-          processing->usingColumns.push_back(static_cast<uint32_t>(source.asInt()));
+          processing->using_.push_back(static_cast<uint32_t>(source.asInt()));
       } else {
-        processing->usingColumns.push_back(index);
+        processing->using_.push_back(index);
       }
       transform = word->second;
     }
@@ -134,23 +135,23 @@ int setupColumnProcessing(TraceTableState& table, const Json::Value& columns,
 int fetchTraceData(TraceReadContext& context) {
   QX_TRACE_NAME("%s(...)\n", "CloudHemlock::fetchTraceData");
   {
-    std::lock_guard guard(context.table.lock);
-    if (context.table.done || context.table.running) return 0;
+    std::lock_guard guard(context.record.lock);
+    if (context.record.done || context.record.running) return 0;
   }
   return readRows(context);
 }
 
 int readRows(TraceReadContext& context) {
-  TraceTableState& table = context.table;
+  CloudOperation& table = context.record;
   if (!table.columnInfo) return fail(context.lastError, -1, "Missing column information");
-  if (context.source == nullptr) return fail(context.lastError, -2, "Trace index is -1");
+  if (context.trace == nullptr) return fail(context.lastError, -2, "Trace index is -1");
   {
     std::lock_guard guard(table.lock);
     if (table.running || table.done) return 0;
     table.running = true;
   }
-  const size_t rowBytes = table.columnInfo->rowBytes();
-  const size_t validBytes = table.columnInfo->validBytes();
+  const size_t rowBytes = columnRowBytes(*table.columnInfo);
+  const size_t validBytes = columnValidBytes(*table.columnInfo);
   const auto chunkRows = static_cast<uint32_t>(std::max(table.chunkRows, 1));
   uint32_t seek = Qx::Nlv::Trace::kSeekStart;
   bool more = true;
@@ -160,14 +161,14 @@ int readRows(TraceReadContext& context) {
       QX_LOG_ERROR("%s: %s\n", "CloudHemlock::readRows", "row buffers could not be allocated");
       break;
     }
-    const uint32_t rows = std::min(readBlock(*context.source, seek, chunkRows, buffers), chunkRows);
+    const uint32_t rows = std::min(readBlock(*context.trace, seek, chunkRows, buffers), chunkRows);
     // A short read is the only end mark the decoder gives.
     more = rows == chunkRows && !table.stopRequested;
     if (rows > 0) {
       if (rows < chunkRows) buffers.shrink(rows, rowBytes, validBytes);
       TraceChunk chunk{table.nextIndex,          rows,
                        std::move(buffers.data),  std::move(buffers.valid),
-                       std::move(buffers.positions), context.source->stringData()};
+                       std::move(buffers.positions), context.trace->stringData};
       std::lock_guard guard(table.lock);
       table.chunks.push_back(std::move(chunk));
       table.nextIndex += rows;
@@ -183,12 +184,12 @@ int readRows(TraceReadContext& context) {
 int getReducedGraphData(TraceReadContext& context, Json::Value& rows) {
   QX_TRACE_NAME("%s(...)\n", "CloudHemlock::getReducedGraphData");
   {
-    std::lock_guard guard(context.table.lock);
-    if (!context.table.done) return fail(context.lastError, -3, "Trace data reading not done");
+    std::lock_guard guard(context.record.lock);
+    if (!context.record.done) return fail(context.lastError, -3, "Trace data reading not done");
   }
   // `chunks` no longer changes once `done` is set.
   Json::Value all(Json::arrayValue);
-  for (const TraceChunk& chunk : context.table.chunks) convertRows(all, context, chunk);
+  for (const TraceChunk& chunk : context.record.chunks) convertRows(all, context, chunk);
   rows = std::move(all);
   return 0;
 }
@@ -207,7 +208,7 @@ struct TransformState {
 
 Json::Value transformedCell(int32_t transform, uint64_t value, uint64_t rowNumber,
                             TraceReadContext& context, TransformState& state) {
-  ObjectFileInfo* objectInfo = context.objectInfo.get();
+  ObjectFileInfo* objectInfo = context.record.objectInfo.get();
   switch (transform) {
     case kTransformFunctionInfoIndex: {
       uint32_t index = 0;
@@ -237,7 +238,7 @@ Json::Value transformedCell(int32_t transform, uint64_t value, uint64_t rowNumbe
     case kTransformRowNumber:
       return Json::Value(Json::UInt64{rowNumber});
     case kTransformTimeMs: {
-      const double clockHz = context.source != nullptr ? context.source->clockHz() : 0.0;
+      const double clockHz = context.trace != nullptr ? context.trace->clockHz : 0.0;
       if (clockHz == 0.0) return Json::Value(0.0);
       return Json::Value(static_cast<double>(value * 1000ULL) / clockHz);
     }
@@ -249,12 +250,12 @@ Json::Value transformedCell(int32_t transform, uint64_t value, uint64_t rowNumbe
 }  // namespace
 
 void convertRows(Json::Value& rows, TraceReadContext& context, const TraceChunk& chunk) {
-  const ColumnInfo* columns = context.table.columnInfo.get();
-  const ColumnProcessing* processing = context.table.columnProcessing.get();
+  const ColumnInfo* columns = context.record.columnInfo.get();
+  const ColumnProcessing* processing = context.record.columnProcessing.get();
   const uint32_t outputs = columns != nullptr && processing != nullptr ? processing->count : 0;
-  const size_t rowBytes = columns != nullptr ? columns->rowBytes() : 0;
-  const size_t validBytes = columns != nullptr ? columns->validBytes() : 0;
-  const int32_t statusColumn = columns != nullptr ? columns->find(kTraceStatusColumn) : -1;
+  const size_t rowBytes = columns != nullptr ? columnRowBytes(*columns) : 0;
+  const size_t validBytes = columns != nullptr ? columnValidBytes(*columns) : 0;
+  const int32_t statusColumn = columns != nullptr ? findColumn(*columns, kTraceStatusColumn) : -1;
   static const ColumnInfo kNoColumns;
   TransformState state;
   for (uint32_t r = 0; r < chunk.rows; ++r) {

@@ -17,30 +17,28 @@
 #include <memory>
 #include <string>
 
-#include "CloudDisasm.hpp"
+#include "CloudOperation.hpp"
 #include "ColumnModel.hpp"
-#include "ObjectFileInfo.hpp"
 #include "TraceLookupCaches.hpp"
-#include "TraceRowSource.hpp"
 
-// The parts of one operation record that the readers use, with the gate's
-// caches and error text. `source` is null while the record has no trace
-// application.
+class CTRACE;
+
+// One operation record with its decoder (the trace application in the
+// record's slot; null while it has none), and the gate's caches and error
+// text.
 struct TraceReadContext {
-  TraceTableState& table;
-  TraceRowSource* source;
-  std::shared_ptr<ObjectFileInfo>& objectInfo;
-  std::shared_ptr<CloudDisasm>& disassembler;
+  CloudOperation& record;
+  CTRACE* trace;
   TraceLookupCaches& caches;
   std::string& lastError;
 };
 
 // 0, or -3 "Invalid column info error" when the decoder has no columns.
-int readTraceColumnNames(TraceTableState& table, TraceRowSource& source, std::string& lastError);
+int readTraceColumnNames(CloudOperation& record, CTRACE& trace, std::string& lastError);
 
 // 0; -3 when `columns` is not an array; -4 for an unknown format or
 // transform word. On failure the state keeps its earlier processing.
-int setupColumnProcessing(TraceTableState& table, const Json::Value& columns,
+int setupColumnProcessing(CloudOperation& record, const Json::Value& columns,
                           std::string& lastError);
 
 // Reads every row, unless a read is under way or has ended.
