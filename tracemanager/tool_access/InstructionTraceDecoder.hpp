@@ -20,6 +20,7 @@
 #include <json/json.h>
 
 #include <cstdint>
+#include <string>
 
 #include "EtbRecordStore.hpp"
 #include "TraceTableReader.hpp"
@@ -39,6 +40,11 @@ struct InstructionColumns {
   // The decoder's column description; false when it has none.
   bool read(CTRACE& trace);
 };
+
+// The instruction part of a disassembled line: from its first run of four
+// blanks (which follows the address and opcode fields) to its end. A line
+// without such a run is kept whole.
+std::string mtbInstructionText(const std::string& text);
 
 int decodeMTBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data, bool compact);
 int decodeETBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data,

@@ -166,13 +166,6 @@ void MtbWalk::runRow(const RowView& row) {
   if (blockedTo) marker(kBranchFromMarker);
 }
 
-// The first run of four blanks separates address and opcode from the
-// instruction; a line without one is kept whole.
-std::string instructionText(const std::string& text) {
-  const size_t start = text.find("    ");
-  return start == std::string::npos ? text : text.substr(start);
-}
-
 void MtbWalk::disassembleRun(uint32_t from, uint32_t to) {
   if (!context.record.disassembler) return;
   for (const auto& disassembly :
@@ -181,7 +174,7 @@ void MtbWalk::disassembleRun(uint32_t from, uint32_t to) {
     Json::Value entry(Json::objectValue);
     entry["seq"] = seq++;
     entry["addr"] = hex8(address);
-    entry["asm"] = instructionText(disassembly.text);
+    entry["asm"] = mtbInstructionText(disassembly.text);
     const LineInfo& source = context.caches.lookupLine(address, objectInfo());
     if (source.found) {
       entry["lno"] = source.line;
@@ -201,6 +194,11 @@ void MtbWalk::disassembleRun(uint32_t from, uint32_t to) {
 }
 
 }  // namespace
+
+std::string mtbInstructionText(const std::string& text) {
+  const size_t start = text.find("    ");
+  return start == std::string::npos ? text : text.substr(start);
+}
 
 bool InstructionColumns::read(CTRACE& trace) {
   const uint32_t count = trace.getColumnCount();
