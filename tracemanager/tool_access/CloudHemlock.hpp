@@ -27,6 +27,7 @@
 
 #include <json/json.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -181,8 +182,10 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
 
   std::string basePath;
   std::string binDir;
-  bool sessionAvailable = false;
-  bool needsTraceInit = false;
+  // Atomic: the adapter events read and set them on tool threads without a
+  // lock, while operations under toolMutex do the same.
+  std::atomic<bool> sessionAvailable{false};
+  std::atomic<bool> needsTraceInit{false};
 
   GetHemlockJobMgrIF_t getHemlockJobMgrIF = nullptr;
   GetHemlockMgrIF_t getHemlockMgrIF = nullptr;
