@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -87,6 +88,9 @@ class RowDecoder final : public IDecoder {
 class TraceTableReaderTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
+    // The firmware's debug information names its sources relative to the
+    // repository root.
+    std::filesystem::current_path(OSTRAND_SOURCE_DIR);
     QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
     QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
   }
