@@ -58,9 +58,8 @@ class SyntheticDecoder final : public IDecoder {
   }
   void bitsToBytes(uint32_t bitWidth, uint32_t& size) override { size = (bitWidth + 7) / 8; }
   void prepareColumn(uint32_t, bool) override {}
-  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& rows,
-                uint8_t* data, TracePosition* positions, uint8_t* valid,
-                std::string& strings) override {
+  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& rows, uint8_t* data,
+                TracePosition* positions, uint8_t* valid, std::string& strings) override {
     if (seek == kSeekStart) cursor = 0;
     strings.clear();
     rows = 0;
@@ -71,7 +70,8 @@ class SyntheticDecoder final : public IDecoder {
       positions[rows].row = cursor;
       if (cursor % runEvery == 0) {
         // A run over the next instructions in program order.
-        const uint32_t range[2] = {list[index], list[std::min(index + runEvery - 1, list.size() - 1)]};
+        const uint32_t range[2] = {list[index],
+                                   list[std::min(index + runEvery - 1, list.size() - 1)]};
         std::memcpy(row, range, sizeof range);
         valid[rows] = 0x03;
       } else {
@@ -183,8 +183,8 @@ void BM_ReadTdfTable(benchmark::State& state) {
       state.PauseTiming();
       // The first iteration's figure: the allocator keeps freed memory, so
       // later ones grow from a higher resident size.
-      peakPerRow = std::max(
-          peakPerRow, (static_cast<double>(residentKiB("VmRSS:")) - before) * 1024.0 / rows);
+      peakPerRow = std::max(peakPerRow,
+                            (static_cast<double>(residentKiB("VmRSS:")) - before) * 1024.0 / rows);
       state.ResumeTiming();
     }
   }

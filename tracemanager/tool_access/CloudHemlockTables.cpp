@@ -73,7 +73,8 @@ void CloudHemlock::attachTdfProgram(Qx::Nlv::Xevt::ISession* session, CloudOpera
   if (QX_NLV::symbolManagerApi() == nullptr) return;
   try {
     operation.objectInfo = std::make_shared<ObjectFileInfo>(id >> 22, (id >> 10) & 0xFFF);
-    for (const auto& loaded : operation.objectInfo->loadFiles({(*node)["out_file_name"].asString()}))
+    for (const auto& loaded :
+         operation.objectInfo->loadFiles({(*node)["out_file_name"].asString()}))
       if (loaded.status != 0) operation.objectInfo.reset();
   } catch (const std::exception& e) {
     QX_LOG_ERROR("CloudHemlock::readTdfTable: %s", e.what());

@@ -67,8 +67,7 @@ class RowView {
 
   // A column that does not exist (index -1 or past the end) has no value.
   bool has(int64_t column) const {
-    return column >= 0 && column < columns_.count &&
-           (valid_[column / 8] >> (column % 8) & 1) != 0;
+    return column >= 0 && column < columns_.count && (valid_[column / 8] >> (column % 8) & 1) != 0;
   }
   // The little-endian value of the column's size (see readColumnValue).
   uint64_t value(uint32_t column) const {

@@ -1,8 +1,8 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "InstructionTraceDecoder.hpp"
 #include "CTRACE.hpp"
+#include "InstructionTraceDecoder.hpp"
 #include "Logger.hpp"
 
 namespace {
@@ -102,7 +102,8 @@ Record EtbWalk::instructionRecord(const RowView& row) {
     }
     std::string dasm;
     if (context.record.disassembler && objectInfo() != nullptr) {
-      const auto& disassembly = context.caches.disassembleOne(address, *context.record.disassembler);
+      const auto& disassembly =
+          context.caches.disassembleOne(address, *context.record.disassembler);
       if (disassembly.size > 0) {
         // Address and opcode fields go; the instruction stays.
         dasm = disassembly.text;
@@ -143,7 +144,7 @@ int decodeETBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data
     uint32_t read = 0;
     try {
       read = context.trace->DecodeTraceData(seek, 0.0, TracePosition{}, blockRows, rows.data(),
-                                             valid.data(), positions.data());
+                                            valid.data(), positions.data());
     } catch (...) {
       read = 0;  // a failed read ends the trace
     }

@@ -62,7 +62,8 @@ void MtbWalk::instructionRow(const RowView& row) {
     std::string text;
     bool decoded = false;
     if (context.record.disassembler) {
-      const auto& disassembly = context.caches.disassembleOne(address, *context.record.disassembler);
+      const auto& disassembly =
+          context.caches.disassembleOne(address, *context.record.disassembler);
       decoded = disassembly.size > 0;
       if (decoded) text = disassembly.text.substr(0, kMaxAsmLength);
     }
@@ -103,8 +104,7 @@ void MtbWalk::runEnd(const RowView& row, int32_t column, const char* key, Json::
     entry[key] = hex8(address);
     if (lookup && objectInfo() != nullptr) {
       try {
-        found = objectInfo()->lookupFunction(address, names.function, names.file,
-                                             names.directory);
+        found = objectInfo()->lookupFunction(address, names.function, names.file, names.directory);
       } catch (const std::exception& error) {
         context.lastError = error.what();
       }
@@ -204,8 +204,7 @@ bool InstructionColumns::read(CTRACE& trace) {
   const uint32_t count = trace.getColumnCount();
   if (count == 0 ||
       !trace.readColumnInfo(info.names, info.sizes, info.isString, info.offsets, info.ids) ||
-      info.names.size() != count || info.sizes.size() != count ||
-      info.offsets.size() != count)
+      info.names.size() != count || info.sizes.size() != count || info.offsets.size() != count)
     return false;
   info.count = count;
   readAddress = findColumn(info, kReadAddressColumn);
@@ -236,9 +235,9 @@ int decodeMTBTrace(TraceReadContext& context, uint32_t& count, Json::Value& data
   std::vector<TracePosition> positions(kMtbBufferRows);
   uint32_t read = 0;
   try {
-    read = context.trace->DecodeTraceData(Qx::Nlv::Trace::kSeekStart, 0.0, TracePosition{},
-                                           kMtbBufferRows, rows.data(), valid.data(),
-                                           positions.data());
+    read =
+        context.trace->DecodeTraceData(Qx::Nlv::Trace::kSeekStart, 0.0, TracePosition{},
+                                       kMtbBufferRows, rows.data(), valid.data(), positions.data());
   } catch (...) {
     read = 0;  // a failed read is an empty buffer
   }

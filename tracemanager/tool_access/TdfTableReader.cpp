@@ -52,8 +52,8 @@ int readTdfTable(TraceReadContext& context, Json::Value& data,
   }
   // A copy: the processing set below replaces the one these may come from.
   const std::vector<std::string> names = context.record.columnProcessing
-                                              ? context.record.columnProcessing->names
-                                              : context.record.columnInfo->names;
+                                             ? context.record.columnProcessing->names
+                                             : context.record.columnInfo->names;
   Json::Value columns(Json::arrayValue);
   Json::Value spec(Json::arrayValue);
   int32_t programColumn = -1;

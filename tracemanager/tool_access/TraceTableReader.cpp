@@ -60,8 +60,8 @@ struct BlockBuffers {
 uint32_t readBlock(CTRACE& trace, uint32_t seek, uint32_t rows, BlockBuffers& buffers) {
   try {
     return trace.DecodeTraceData(seek, 0.0, TracePosition{}, rows, buffers.data.data(),
-                                  buffers.valid.data(),
-                                  reinterpret_cast<TracePosition*>(buffers.positions.data()));
+                                 buffers.valid.data(),
+                                 reinterpret_cast<TracePosition*>(buffers.positions.data()));
   } catch (...) {
     // The decoder's failures are short reads; one that escapes its wrapper
     // ends the table the same way.
@@ -89,8 +89,7 @@ int readTraceColumnNames(CloudOperation& table, CTRACE& trace, std::string& last
 int setupColumnProcessing(CloudOperation& table, const Json::Value& columns,
                           std::string& lastError) {
   QX_TRACE_NAME("%s(...)\n", "CloudHemlock::setupColumnProcessing");
-  if (!columns.isArray())
-    return fail(lastError, -3, "Column info parameter is not a JSON array");
+  if (!columns.isArray()) return fail(lastError, -3, "Column info parameter is not a JSON array");
   auto processing = std::make_unique<ColumnProcessing>();
   processing->count = columns.size();
   for (const Json::Value& column : columns) {
@@ -166,9 +165,12 @@ int readRows(TraceReadContext& context) {
     more = rows == chunkRows && !table.stopRequested;
     if (rows > 0) {
       if (rows < chunkRows) buffers.shrink(rows, rowBytes, validBytes);
-      TraceChunk chunk{table.nextIndex,          rows,
-                       std::move(buffers.data),  std::move(buffers.valid),
-                       std::move(buffers.positions), context.trace->stringData};
+      TraceChunk chunk{table.nextIndex,
+                       rows,
+                       std::move(buffers.data),
+                       std::move(buffers.valid),
+                       std::move(buffers.positions),
+                       context.trace->stringData};
       std::lock_guard guard(table.lock);
       table.chunks.push_back(std::move(chunk));
       table.nextIndex += rows;
@@ -230,8 +232,7 @@ Json::Value transformedCell(int32_t transform, uint64_t value, uint64_t rowNumbe
                                                              : info.directory);
     }
     case kTransformLineNumber: {
-      const LineInfo& line =
-          context.caches.lookupLine(static_cast<uint32_t>(value), objectInfo);
+      const LineInfo& line = context.caches.lookupLine(static_cast<uint32_t>(value), objectInfo);
       if (objectInfo == nullptr || !line.found) return Json::Value(Json::nullValue);
       return Json::Value(line.line);
     }

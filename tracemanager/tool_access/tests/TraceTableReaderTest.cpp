@@ -52,9 +52,8 @@ class RowDecoder final : public IDecoder {
   }
   void bitsToBytes(uint32_t bitWidth, uint32_t& size) override { size = (bitWidth + 7) / 8; }
   void prepareColumn(uint32_t, bool) override {}
-  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& read,
-                uint8_t* data, TracePosition* positions, uint8_t* valid,
-                std::string& strings) override {
+  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& read, uint8_t* data,
+                TracePosition* positions, uint8_t* valid, std::string& strings) override {
     ++reads;
     if (seek == kSeekStart) cursor = 0;
     strings.clear();
@@ -137,14 +136,21 @@ class TraceTableReaderTest : public ::testing::Test {
 // Every format by every size, string cells (the status column in lower
 // case, NUL-ended and out-of-range references), and the symbol columns.
 TEST_F(TraceTableReaderTest, TdfTableGolden) {
-  decoder.columns = {{"Program Address", 32},     {"Trace Status", 48, true},
-                     {"Message", 48, true},       {"Byte", 8},
-                     {"Half", 16},                {"Triple", 24},
+  decoder.columns = {{"Program Address", 32},
+                     {"Trace Status", 48, true},
+                     {"Message", 48, true},
+                     {"Byte", 8},
+                     {"Half", 16},
+                     {"Triple", 24},
                      {"Wide", 64}};
   decoder.rows = {
-      {{"Program Address", uint64_t{0xE6}}, {"Trace Status", std::string("RUNNING Ok")},
-       {"Message", std::string("Keep CASE")}, {"Byte", uint64_t{7}}, {"Half", uint64_t{0xBEEF}},
-       {"Triple", uint64_t{0x123456}}, {"Wide", uint64_t{0x0123456789ABCDEF}}},
+      {{"Program Address", uint64_t{0xE6}},
+       {"Trace Status", std::string("RUNNING Ok")},
+       {"Message", std::string("Keep CASE")},
+       {"Byte", uint64_t{7}},
+       {"Half", uint64_t{0xBEEF}},
+       {"Triple", uint64_t{0x123456}},
+       {"Wide", uint64_t{0x0123456789ABCDEF}}},
       {{"Program Address", uint64_t{0x142}}, {"Message", std::string("cut\0here", 8)}},
       {{"Byte", uint64_t{255}}, {"Message", std::string()}},
   };
@@ -180,8 +186,10 @@ TEST_F(TraceTableReaderTest, TdfWithoutProgramColumnHasNoSymbolColumns) {
 // 48-bit number.
 TEST_F(TraceTableReaderTest, TransformsGolden) {
   decoder.columns = {{"Zero", 8}, {"Program Address", 32}, {"Stamp", 48}, {"Count", 64}};
-  decoder.rows = {{{"Zero", uint64_t{9}}, {"Program Address", uint64_t{0xE6}},
-                   {"Stamp", uint64_t{0x0000123456789A}}, {"Count", uint64_t{1} << 63}},
+  decoder.rows = {{{"Zero", uint64_t{9}},
+                   {"Program Address", uint64_t{0xE6}},
+                   {"Stamp", uint64_t{0x0000123456789A}},
+                   {"Count", uint64_t{1} << 63}},
                   {{"Zero", uint64_t{9}}, {"Program Address", uint64_t{0x142}}},
                   {{"Program Address", uint64_t{0x10000000}}}};
   trace.clockHz = 1000000;
@@ -276,16 +284,11 @@ Row instruction(uint64_t address, uint64_t opcode) {
 // blocked start, a blocked end, a run with one address, and an opcode
 // without an address.
 std::vector<Row> branchTrace() {
-  return {instruction(0xE4, 0xB570),
-          run(0xE4, 0xEA),
-          instruction(0xE6, 0x4B11),
-          instruction(0xE8, 0x4A11),
-          instruction(0xEA, 0x601A),
-          run(kSecureAddress, kSecureAddress),
-          run(kSecureAddress, 0x142),
-          run(0x140, kSecureAddress),
-          {{"Read Address", uint64_t{0x1A0}}},
-          {{"Program Data", uint64_t{0xBF00}}}};
+  return {instruction(0xE4, 0xB570),           run(0xE4, 0xEA),
+          instruction(0xE6, 0x4B11),           instruction(0xE8, 0x4A11),
+          instruction(0xEA, 0x601A),           run(kSecureAddress, kSecureAddress),
+          run(kSecureAddress, 0x142),          run(0x140, kSecureAddress),
+          {{"Read Address", uint64_t{0x1A0}}}, {{"Program Data", uint64_t{0xBF00}}}};
 }
 
 class MtbTest : public TraceTableReaderTest, public ::testing::WithParamInterface<bool> {};
