@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include "DataTree.hpp"
 #include "Logger.hpp"
 #include "WLStateDecoders.hpp"
 
@@ -54,7 +55,8 @@ void WLExperiment::open() {
 
 void WLExperiment::loadSupMetaData() {
   QX_TRACE_FUNCTION("VSKTspServer::WLExperiment::loadSupMetaData");
-  std::ifstream in(dataFolder + "/" + supplementFile, std::ios::binary);
+  const bool confined = !traceFiles.empty() && traceFiles.front().confined;
+  std::ifstream in(captureFilePath(dataFolder, supplementFile, confined), std::ios::binary);
   if (!in.good()) return;
   // A broken supplement keeps what an earlier load read.
   nlohmann::json parsed = nlohmann::json::parse(in, nullptr, false);
@@ -77,6 +79,9 @@ void WLExperiment::loadData(bool reread) {
   // directory cannot be the stream either.
   std::string fileName = dataFileName(trace, dataFile);
   if (fileName == "unknown" || !isRegularFile(dataFolder + "/" + fileName)) fileName = dataFile;
+  // Throws for a name that leaves the capture directory or a link out of
+  // the data tree, before anything is read.
+  captureFilePath(dataFolder, fileName, trace.confined);
 
   WLDataNode& node = *dataNode;
   node.dsr.reset();

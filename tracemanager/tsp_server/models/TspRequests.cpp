@@ -1,5 +1,7 @@
 #include "TspRequests.hpp"
 
+#include <limits>
+
 namespace VSKTspServer {
 
 using nlohmann::json;
@@ -79,10 +81,40 @@ void to_json(json& j, const TooltipRequest& r) {
            {"requested_items", r.requested_items}};
 }
 
+namespace {
+
+// An integer key that saturates at the bounds of T instead of wrapping: a
+// client's 2^64 or 1e30 reads as the largest value, never as a negative
+// one. Non-numbers still fail with the library's type error.
+template <typename T>
+T saturatingValue(const json& j, const char* key) {
+  auto it = j.find(key);
+  if (it == j.end() || it->is_null()) return T{0};
+  constexpr auto lo = std::numeric_limits<T>::min();
+  constexpr auto hi = std::numeric_limits<T>::max();
+  if (it->is_number_unsigned()) {
+    const auto v = it->get<uint64_t>();
+    return v > static_cast<uint64_t>(hi) ? hi : static_cast<T>(v);
+  }
+  if (it->is_number_integer()) {
+    const auto v = it->get<int64_t>();
+    return v < static_cast<int64_t>(lo) ? lo : v > static_cast<int64_t>(hi) ? hi : static_cast<T>(v);
+  }
+  if (it->is_number_float()) {
+    const double v = it->get<double>();
+    if (!(v > static_cast<double>(lo))) return lo;  // NaN too
+    if (v >= static_cast<double>(hi)) return hi;
+    return static_cast<T>(v);
+  }
+  return it->get<T>();  // type error for strings, arrays, objects, booleans
+}
+
+}  // namespace
+
 void from_json(const json& j, TableLinesRequest& r) {
   r.requested_times = j.value("requested_times", std::vector<int64_t>());
-  r.requested_table_index = j.value("requested_table_index", int64_t{0});
-  r.requested_table_count = j.value("requested_table_count", int32_t{0});
+  r.requested_table_index = saturatingValue<int64_t>(j, "requested_table_index");
+  r.requested_table_count = saturatingValue<int32_t>(j, "requested_table_count");
   r.requested_table_column_ids = j.value("requested_table_column_ids", std::vector<int64_t>());
   r.table_search_expressions =
       j.value("table_search_expressions", std::map<std::string, std::string>());
