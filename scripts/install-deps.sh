@@ -11,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libdw-dev libelf-dev libcapstone-dev libopencsd-dev
   binutils-arm-none-eabi
+  clang libclang-rt-14-dev python3
   nodejs npm
 )
 

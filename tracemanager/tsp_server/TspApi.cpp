@@ -239,7 +239,7 @@ void postExpTimeGraphStates(const Request& req, Response& res) {
   const json body = parseBody(req.body, false);
   const json& parameters = body.at("parameters");
   const auto range = parameters.at("requested_timerange").get<TimeRange>();
-  const auto items = parameters.at("requested_items").get<std::vector<int32_t>>();
+  const auto items = saturatingNumbers<int32_t>(parameters.at("requested_items"));
   answerTyped<ITimeGraphProvider>(req, res, "postExpTimeGraphStates", [&](ITimeGraphProvider& p) {
     sendModel(res, p.getStates(range, items));
   });
@@ -300,7 +300,7 @@ void postExpXYGraphXy(const Request& req, Response& res) {
   const json body = parseBody(req.body, false);
   const json& parameters = body.at("parameters");
   const auto range = parameters.at("requested_timerange").get<TimeRange>();
-  const auto items = parameters.at("requested_items").get<std::vector<int32_t>>();
+  const auto items = saturatingNumbers<int32_t>(parameters.at("requested_items"));
   answerTyped<IXYDataProvider>(req, res, "postExpXYGraphXy", [&](IXYDataProvider& p) {
     sendModel(res, p.getXY(range, items));
   });
