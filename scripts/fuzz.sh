@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets of tests/fuzz into build-fuzz/ (clang, libFuzzer,
+# Builds the fuzz targets of fuzz/ into build-fuzz/ (clang, libFuzzer,
 # AddressSanitizer and UndefinedBehaviorSanitizer) and runs each of them.
 #
 #   scripts/fuzz.sh [SECONDS]    each target for SECONDS (default 60)
@@ -7,7 +7,7 @@
 #   scripts/fuzz.sh --smoke      each target for a few seconds (scripts/test.sh)
 #
 # FUZZ_TARGETS="fuzz_metadata fuzz_wldata" picks targets. The seeds in
-# tests/fuzz/corpus/<target> are read, never written; new inputs go to
+# fuzz/corpus/<target> are read, never written; new inputs go to
 # build-fuzz/corpus/<target>, crashes to build-fuzz/crashes/<target>-*.
 # Exit code 1 when any target found a crash, a leak or a time-out.
 set -euo pipefail
@@ -52,7 +52,7 @@ for t in "${targets[@]}"; do
   echo "-- $t ${limit[*]}"
   if ! build-fuzz/bin/"$t" "${limit[@]}" -timeout=10 -rss_limit_mb=2048 -max_len=65536 \
       -print_final_stats=1 -artifact_prefix="build-fuzz/crashes/$t-" \
-      "$corpus" "tests/fuzz/corpus/$t" 2>build-fuzz/"$t".log; then
+      "$corpus" "fuzz/corpus/$t" 2>build-fuzz/"$t".log; then
     failed=1
     echo "   FAILED: see build-fuzz/$t.log and build-fuzz/crashes/" >&2
     tail -30 build-fuzz/"$t".log >&2

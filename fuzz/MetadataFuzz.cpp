@@ -17,8 +17,11 @@ namespace {
 
 const std::string& captureDir() {
   static const std::string dir = [] {
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("ostrand-fuzz-capture-" + std::to_string(::getpid()));
+    // Memory-backed where the system has it: the file is rewritten for
+    // every input.
+    const std::filesystem::path base =
+        std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
+    const auto path = base / ("ostrand-fuzz-capture-" + std::to_string(::getpid()));
     std::filesystem::create_directories(path);
     return path.string();
   }();
