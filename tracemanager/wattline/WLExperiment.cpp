@@ -6,6 +6,7 @@
 
 #include "DataTree.hpp"
 #include "Logger.hpp"
+#include "TspRequests.hpp"
 #include "WLStateDecoders.hpp"
 
 namespace VSKTspServer {
@@ -93,7 +94,7 @@ void WLExperiment::loadData(bool reread) {
           supplement.is_object() && supplement.contains("JState") ? supplement["JState"]
                                                                   : nlohmann::json();
       if (jstate.is_object() && jstate.contains("version")) {
-        node.dsr = makeStateDecoder(node, jstate["version"].get<int64_t>());
+        node.dsr = makeStateDecoder(node, saturatingNumber<int64_t>(jstate["version"]));
         if (node.dsr) {
           node.dsr->initDefaults();
           node.dsr->loadBitFields(jstate);

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <limits>
 
+#include "TspRequests.hpp"
+
 namespace VSKTspServer {
 
 namespace {
@@ -112,8 +114,10 @@ void WLDataNode::DSR_Base::parseBitFields(const nlohmann::json& jstate) {
     const std::string name = nameValue.get<std::string>();
     const nlohmann::json& startValue = member(entry, "Start");
     const nlohmann::json& endValue = member(entry, "End");
-    const int start = startValue.is_null() ? -1 : startValue.get<int>();
-    const int end = endValue.is_null() ? start : endValue.get<int>();
+    // Saturating: a bit number of 1e30 is as wrong as 32, and must not be
+    // an undefined conversion on the way there.
+    const int start = startValue.is_null() ? -1 : saturatingNumber<int32_t>(startValue);
+    const int end = endValue.is_null() ? start : saturatingNumber<int32_t>(endValue);
     const nlohmann::json& description = member(entry, "Description");
 
     if (name.find("MOD") != std::string::npos) {

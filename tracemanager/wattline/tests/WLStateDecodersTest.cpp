@@ -159,6 +159,9 @@ TEST(ParseBitFields, IgnoredDescriptionsAndTypeErrors) {
       EXPECT_NE(std::string(e.what()).find(words), std::string::npos) << e.what();
     }
   };
+  // Bit numbers far out of range are wrong, not undefined (found by fuzzing).
+  dsr.parseBitFields(jstate(2, {{{"Name", "MOD_T"}, {"Description", "T"}, {"Start", 5.4e27},
+                                 {"End", -1e300}}}));
   expectTypeError({{{"Name", 5}}}, "type must be string, but is number");
   expectTypeError({{{"Name", "PM"}, {"Start", 0},
                     {"Enums", {{{"Choice", 3}, {"Description", "d"}, {"Value", 1}}}}}},
