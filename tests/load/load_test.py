@@ -3,7 +3,8 @@
 
 Starts `ostrand serve` on a free loopback port over a data tree (sample
 captures of every kind made with `ostrand gen` unless --data is given), asks
-every route once (the level of a server in use), then runs N clients with keep-alive connections, each sending R requests chosen in turn
+every route once (the level of a server in use), then runs N clients
+with keep-alive connections, each sending R requests chosen in turn
 from every route kind the captures offer, and reports per route kind the
 answers by status, p50/p99 latency, and the server's resident memory before,
 at its peak during, and after the load.

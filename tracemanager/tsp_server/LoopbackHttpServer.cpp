@@ -148,6 +148,12 @@ bool LoopbackHttpServer::bindLoopback(const std::string& address, int port) {
   return true;
 }
 
+void LoopbackHttpServer::releaseBinding() {
+  if (is_running()) return;
+  const socket_t sock = svr_sock_.exchange(INVALID_SOCKET);
+  if (sock != INVALID_SOCKET) ::close(sock);
+}
+
 bool LoopbackHttpServer::process_and_close_socket(socket_t sock) {
   ConnectionStream stream(sock, limits_);
   bool served = false;

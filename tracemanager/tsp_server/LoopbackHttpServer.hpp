@@ -50,6 +50,10 @@ class LoopbackHttpServer : public httplib::Server {
   // which drops connections of a burst of clients for a second).
   bool bindLoopback(const std::string& address, int port);
 
+  // Closes a socket that was bound but never listened on (the other family's
+  // bind failed); `stop` only closes a socket that is listening.
+  void releaseBinding();
+
   // Called for every listening socket the library makes, before it binds.
   std::function<void(socket_t)> extraSocketOptions;
 

@@ -271,6 +271,9 @@ void TspServer::serve(LoopbackHttpServer& srv, LoopbackHttpServer* srv6) {
   // to tell a taken port from a stop.
   if (loopbackPortTaken(port) || !srv.bindLoopback("127.0.0.1", port) ||
       (srv6 && !srv6->bindLoopback("::1", port))) {
+    // Taken between the check and the bind: free the address that was bound.
+    srv.releaseBinding();
+    if (srv6) srv6->releaseBinding();
     listenFailed_.store(true, std::memory_order_release);
     return;
   }
