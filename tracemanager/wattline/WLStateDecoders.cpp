@@ -75,6 +75,11 @@ int WLDataNode::DSR_Base::addField(const std::string& name, int start, int end,
                                    std::vector<StateField>& list, uint32_t value,
                                    const std::string& label) {
   if (start < 0 || end < 0) return 0;
+  // A stream has at most 255 state words. A field that reaches past them
+  // could never hold, and laying it out word by word would take a condition
+  // per word: billions for a bit number near 2^31.
+  constexpr int kStateBitLimit = 256 * 32;
+  if (start >= kStateBitLimit || end >= kStateBitLimit) return 0;
   const int lo = std::min(start, end), hi = std::max(start, end);
   const int loWord = lo / 32, hiWord = hi / 32, loBit = lo % 32, hiBit = hi % 32;
   const bool allOnes = value == kAllOnes;
