@@ -76,9 +76,13 @@ StateTreeNode* StateTreeNode::add(int32_t newId, const std::string& fullName, st
   }
   // Names come from the capture's state description, which may hold any
   // number of dots; the walks of the tree recurse by level, so past
-  // kMaxNameLevels the rest of a name is one leaf.
-  const bool deepest = std::count(prefix.begin(), prefix.end(), '.') >= kMaxNameLevels;
-  const size_t dot = deepest ? std::string::npos : relative.find('.');
+  // kMaxNameLevels the rest of a name is one leaf. A name that ends in a
+  // dot is a leaf too: splitting it would make the same node again below
+  // itself, for ever.
+  std::ptrdiff_t level = 0;
+  for (const StateTreeNode* up = parent; up != nullptr; up = up->parent) ++level;
+  size_t dot = level >= kMaxNameLevels ? std::string::npos : relative.find('.');
+  if (dot + 1 == relative.size()) dot = std::string::npos;
   if (dot == std::string::npos) {
     if (newLabel.empty()) newLabel = relative;
     auto node = std::make_unique<StateTreeNode>(newId, fullName, std::move(newLabel), this);

@@ -95,6 +95,10 @@ TEST(StateTree, NamesWithThousandsOfDotsStayShallow) {
   for (StateTreeNode* n = leaf; n->parent != nullptr; n = n->parent) ++depth;
   EXPECT_LE(depth, 40);
   EXPECT_EQ(root.find(name + "z"), leaf);
+  // A trailing dot is part of the leaf's name, not an endless level.
+  StateTreeNode* dotted = root.add(8, "CPU.Off.", "");
+  EXPECT_EQ(dotted->label, "Off.");
+  EXPECT_EQ(dotted->parent, root.find("CPU"));
 }
 
 TEST(WLStateGraph, TreeOfModesAndPeripherals) {
