@@ -17,6 +17,7 @@ packages=(
   # Only testdata/firmware/rebuild.sh needs the cross compiler; the tests
   # read the committed ELF files.
   gcc-arm-none-eabi
+  clang libclang-rt-14-dev python3
   nodejs npm
   chromium
 )

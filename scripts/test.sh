@@ -2,10 +2,11 @@
 # Installs what is missing, builds, and runs the whole test suite:
 #   1. the normal build (warnings are errors) with every test, the end-to-end
 #      test with the published protocol client, the browser viewer in a
-#      headless chromium, and a short benchmark run,
+#      headless chromium, a short benchmark run, a short load test, and a few
+#      seconds of each fuzz target (build-fuzz/),
 #   2. the threaded tests under ThreadSanitizer,
 #   3. every test under AddressSanitizer and UndefinedBehaviorSanitizer.
-# Build trees: build/, build-tsan/, build-asan/ beside this script's repo.
+# Build trees: build/, build-fuzz/, build-tsan/, build-asan/ beside this script's repo.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -45,6 +46,12 @@ for b in build/bin/bench_* build/bin/*_bench; do
   echo "-- $(basename "$b")"
   "$b" --benchmark_min_time=0.01 --benchmark_color=false 2>&1 | grep -vE '^(Run on|CPU Caches|  L[123]|Load Average|\*\*\*WARNING)'
 done
+
+step "load test: 8 clients against ostrand serve (short; the full run is tests/load/load_test.py)"
+python3 tests/load/load_test.py --ostrand build/bin/ostrand --clients 8 --requests 300 --size 5000
+
+step "fuzz targets, a few seconds each (long runs: scripts/fuzz.sh SECONDS)"
+OSTRAND_JOBS="$jobs" bash scripts/fuzz.sh --smoke
 
 step "threaded tests under ThreadSanitizer"
 configure build-tsan -DOSTRAND_TSAN=ON -DOSTRAND_BENCH=OFF

@@ -523,6 +523,13 @@ int parseGenOptions(int argc, char** argv, GenOptions& o, bool& help) {
     if (arg == "--data") {
       o.dataDir = value;
     } else if (arg == "--target") {
+      if (!isTargetBelowTree(value)) {
+        std::fprintf(stderr,
+                     "ostrand gen: --target '%s' may not hold '.' or '..' levels; it names "
+                     "directories below the data tree\n",
+                     value);
+        return kExitUsage;
+      }
       o.target = value;
     } else if (arg == "--size") {
       if (!parseNumber(value, o.size) || o.size < 1 || o.size > kMaxSize) {

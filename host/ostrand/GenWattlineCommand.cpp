@@ -80,6 +80,7 @@ int runGenWattline(int argc, char** argv) {
     } else if (arg == "--data") {
       dataDir = value;
     } else if (arg == "--target") {
+      if (!isTargetBelowTree(value)) return bad("levels below the data tree (no '.' or '..')");
       options.device = value;
     } else if (arg == "--type") {
       if (!parseNumber(value, number) || (number != 7 && number != 8)) return bad("7 or 8");

@@ -4,6 +4,7 @@
 // tool library needed), scans the live-target tree once at start so the
 // captures already on disk are experiments, and serves until Ctrl-C,
 // SIGTERM or GET /stop.
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -104,6 +105,13 @@ int runServe(int argc, char** argv) {
 
   // The server's own log (QX_TRACE_LOGGING) goes where the module's would.
   Logger::bootstrap();
+
+  // Requests are served one at a time, but by up to 64 worker threads, and
+  // the C library gives threads arenas of their own, each keeping what its
+  // requests freed: under a burst of clients the process settled 25% above
+  // its level for good. Two arenas keep it within a few megabytes. A host
+  // that loads the module makes this choice for its own process.
+  ::mallopt(M_ARENA_MAX, 2);
 
   // Signals are taken by sigtimedwait below; block them before any thread
   // exists, so every server thread inherits the mask.

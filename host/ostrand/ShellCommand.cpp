@@ -13,6 +13,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -62,8 +63,30 @@ constexpr const char* kHelp =
     "  :sleep MS             pause reading input\n"
     "\n"
     "Exit codes: 0 all lines sent and answered; 2 bad options; 3 module not found\n"
-    "or not loadable; 4 a line could not be sent; 1 replies still owed when the\n"
+    "or not loadable; 4 a line could not be sent (a NUL byte, or several JSON\n"
+    "messages on one line; said on standard error); 1 replies still owed when the\n"
     "wait ran out, or a host line failed (a :wait that timed out, an unknown CPU).\n";
+
+// Whether `line` holds more JSON after its first value. The module reads one
+// value per message and ignores the rest, so a second object on the same
+// line would never be answered.
+bool holdsSeveralTexts(const std::string& line) {
+  Json::CharReaderBuilder lenient;
+  Json::CharReaderBuilder strict = lenient;
+  strict["failIfExtra"] = true;
+  Json::Value ignored;
+  std::string errors;
+  const char* begin = line.data();
+  const char* end = begin + line.size();
+  try {
+    const std::unique_ptr<Json::CharReader> first(lenient.newCharReader());
+    if (!first->parse(begin, end, &ignored, &errors)) return false;  // not JSON: sent as it is
+    const std::unique_ptr<Json::CharReader> whole(strict.newCharReader());
+    return !whole->parse(begin, end, &ignored, &errors);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
 
 // Replies still owed, by id. A command expects one reply; a cancel of an id
 // still owed removes that debt (a cancelled command never answers).
@@ -71,9 +94,9 @@ class ReplyLedger {
  public:
   void sent(const std::string& line) {
     Json::Value root;
-    Json::Reader reader;
+    const bool parsed = parse(line, root);
     std::lock_guard<std::mutex> guard(mutex_);
-    if (!reader.parse(line, root) || !root.isObject()) {
+    if (!parsed || !root.isObject()) {
       ++owed_["null"];  // the module answers an unparsable text with an error
       return;
     }
@@ -87,8 +110,7 @@ class ReplyLedger {
 
   void received(const std::string& text) {
     Json::Value root;
-    Json::Reader reader;
-    if (!reader.parse(text, root) || !root.isObject()) return;
+    if (!parse(text, root) || !root.isObject()) return;
     const char* key = root.isMember("response") ? "response" : root.isMember("error") ? "error" : nullptr;
     if (key == nullptr) return;  // an event
     std::lock_guard<std::mutex> guard(mutex_);
@@ -108,6 +130,17 @@ class ReplyLedger {
   }
 
  private:
+  // Never throws: the reader raises exceptions for input nested deeper than
+  // its limit, and the shell must survive any line.
+  static bool parse(const std::string& text, Json::Value& root) {
+    try {
+      Json::Reader reader;
+      return reader.parse(text, root);
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
   // 7, 7.0 and "7" stay apart; an integer is the same key whatever its sign type.
   static std::string key(const Json::Value& id) {
     if (id.isUInt64()) return std::to_string(id.asUInt64());
@@ -222,6 +255,14 @@ int runShell(int argc, char** argv) {
         std::fprintf(stderr, "ostrand shell: line %zu: %s\n", lineNumber, error.c_str());
         if (exitCode == kExitOk) exitCode = kExitFailure;
       }
+      continue;
+    }
+    if (holdsSeveralTexts(line)) {
+      std::fprintf(stderr,
+                   "ostrand shell: line %zu holds more than one JSON message; put each on a line "
+                   "of its own. Skipped\n",
+                   lineNumber);
+      exitCode = kExitBadInput;
       continue;
     }
     ledger.sent(line);

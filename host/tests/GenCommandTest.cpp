@@ -166,8 +166,13 @@ TEST_F(GenCommand, BadCommandLinesAreUsageErrors) {
   EXPECT_EQ(gen({"mtb", "tdf", "--data", data}), ostrand::kExitUsage);
   EXPECT_EQ(gen({"all", "--data", data, "--target", "x"}), ostrand::kExitUsage);
   EXPECT_EQ(gen({"tdf", "--data", data, "--tree", "both"}), ostrand::kExitUsage);
+  // Targets name levels below the data tree; ".." would write outside --data.
+  EXPECT_EQ(gen({"mtb", "--data", data, "--target", "../../../../escaped"}), ostrand::kExitUsage);
+  EXPECT_EQ(gen({"wattline", "--data", data, "--target", "a/./../../../../escaped"}),
+            ostrand::kExitUsage);
   EXPECT_EQ(gen({"--help"}), ostrand::kExitOk);
   EXPECT_FALSE(fs::exists(root / ".QX-trace"));
+  EXPECT_FALSE(fs::exists(root.parent_path() / "escaped"));
 }
 
 TEST_F(GenCommand, UnwritableDataDirectoryFails) {

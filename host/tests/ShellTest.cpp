@@ -79,6 +79,21 @@ TEST_F(ShellTest, UsageErrorsAndExitCodes) {
   EXPECT_EQ(nul.out, "{\"response\":1}\n");
 }
 
+TEST_F(ShellTest, EveryLineIsAnsweredOrRefusedAndTheShellSurvivesAnyInput) {
+  // Nesting beyond the JSON reader's limit is answered by the module; two
+  // messages on one line would lose the second's reply, so they are refused.
+  const std::string deep = std::string(1001, '[') + std::string(1001, ']') + "\n";
+  ProgramRun r = run("shell --wait 5",
+                     deep + "{\"command\":\"cloudTrace.stopSession\",\"id\":1}"
+                            "{\"command\":\"cloudTrace.stopSession\",\"id\":2}\n"
+                            "{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n");
+  EXPECT_EQ(r.exitCode, 4) << r.err;
+  EXPECT_NE(r.err.find("line 2 holds more than one JSON message"), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("still owed"), std::string::npos) << r.err;
+  EXPECT_NE(r.out.find("\"error\":null"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("{\"response\":3}"), std::string::npos) << r.out;
+}
+
 TEST_F(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
   // The JSON traffic log and the module's own log, both switched on by
   // environment variables of the host process.

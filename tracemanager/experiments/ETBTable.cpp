@@ -50,8 +50,12 @@ ColumnsResponse ETBTable::getColumns(std::string) {
 TableLinesResponse ETBTable::getLines(TableLinesRequest request) {
   TableLinesResponse response;
   auto& model = response.model;
-  const auto [low, high] =
+  // Plain variables, not a structured binding: the lambda below captures
+  // them, which not every compiler of this project accepts for bindings.
+  const auto range =
       table_text::frameLines(response, columns, request, static_cast<int64_t>(rows.size()));
+  const int64_t low = range.first;
+  const int64_t high = range.second;
   if (low == high) return response;
 
   static const std::vector<EtbRecordStore::Record> kNoRecords;

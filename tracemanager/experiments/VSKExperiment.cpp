@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "DataTree.hpp"
+
 namespace VSKTspServer {
 
 VSKExperiment::VSKExperiment(std::string name_, DataBroker* broker) : dataBroker(broker) {
@@ -46,6 +48,9 @@ int VSKExperiment::exportTable(std::string path, std::string outputName,
 
 std::string VSKExperiment::readDataText(const std::string& dataDir, const std::string& fileName) {
   if (!dataBroker) throw std::logic_error("experiment '" + name + "' has no data broker");
+  // The broker joins the path itself; the name is checked here, where the
+  // capture's confinement is known.
+  captureFilePath(dataDir, fileName, !traceFiles.empty() && traceFiles.front().confined);
   const nlohmann::json header = {{"path", dataDir}, {"name", fileName}};
   return dataBroker->readText(kTopicFile, header.dump());
 }

@@ -5,6 +5,8 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
+#include "DataTree.hpp"
+
 namespace VSKTspServer {
 
 std::string makeUuid() {
@@ -14,8 +16,8 @@ std::string makeUuid() {
   return boost::uuids::to_string(generator());
 }
 
-VSKTrace::VSKTrace(std::string name_, std::string path_, std::string type_)
-    : type(std::move(type_)) {
+VSKTrace::VSKTrace(std::string name_, std::string path_, std::string type_, bool confined_)
+    : type(std::move(type_)), confined(confined_) {
   name = std::move(name_);
   path = std::move(path_);
   UUID = makeUuid();
@@ -23,7 +25,7 @@ VSKTrace::VSKTrace(std::string name_, std::string path_, std::string type_)
 }
 
 void VSKTrace::readMetadata() {
-  std::ifstream file(path + "/metadata");
+  std::ifstream file(captureFilePath(path, "metadata", confined));
   // An unreadable file parses as empty input, which the parser rejects.
   nlohmann::json parsed = nlohmann::json::parse(file);
   metadata = std::move(parsed);

@@ -26,7 +26,7 @@ class VSKTrace : public Trace {
  public:
   // Name, path and type from the arguments, a new UUID, then the metadata
   // read from `path`/metadata. A `typeId` there replaces `type`.
-  VSKTrace(std::string name, std::string path, std::string type);
+  VSKTrace(std::string name, std::string path, std::string type, bool confined = false);
 
   // Reads `path`/metadata again. A file holding JSON null leaves `type`
   // as it is.
@@ -35,6 +35,10 @@ class VSKTrace : public Trace {
   // "MTB", "ETB", "TDF", "WL", "WL+", "Wattline" or "Wattline+".
   std::string type;
   nlohmann::json metadata;
+  // Set by the trace server: every file of this capture, `metadata` first,
+  // must resolve inside the data tree (OutsideDataTree otherwise). Off for
+  // captures that tests and tools open wherever they lie.
+  bool confined = false;
 };
 
 // The data file of a capture: `dataFile` from the metadata when it is there

@@ -1,41 +1,70 @@
 #include "MetadataDiscovery.hpp"
 
+#include <sys/stat.h>
+
 #include <filesystem>
+#include <set>
 #include <iostream>
 #include <stdexcept>
 
+#include "DataTree.hpp"
 #include "Logger.hpp"
-#include "uEnvironment.hpp"
 
 namespace VSKTspServer {
 
 namespace fs = std::filesystem;
 
 std::string getUserDir(const std::vector<std::string>& parts) {
-  std::string home = QX_NLV::getEnvironment("USERPROFILE");
-  if (home.empty()) home = QX_NLV::getEnvironment("HOME");
-  if (home.empty())
-    throw std::runtime_error("The user directory is unknown: set USERPROFILE or HOME");
-  fs::path dir(home);
+  // The data tree's root is <user>/.QX-trace/data; its parent is the user
+  // directory, one rule for both.
+  fs::path dir = dataTreeRoot().parent_path().parent_path();
   for (const auto& part : parts) dir /= part;
   return dir.string();
 }
 
-void recursiveFindMetadataFile(const std::string& dir, std::vector<std::string>& out) {
+namespace {
+
+// A directory by device and inode, so a directory reached again through a
+// symbolic link (a loop, or two links to one place) is walked once.
+using DirectoryId = std::pair<dev_t, ino_t>;
+
+void walk(const fs::path& dir, std::vector<std::string>& out, std::set<DirectoryId>& visited) {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::recursiveFindMetadataFile");
   QX_TRACE_ARG("path", dir.c_str());
-  for (const auto& entry : fs::directory_iterator(dir)) {
+  struct stat info {};
+  if (::stat(dir.c_str(), &info) != 0 || !visited.insert({info.st_dev, info.st_ino}).second) return;
+  std::error_code ec;
+  fs::directory_iterator it(dir, fs::directory_options::skip_permission_denied, ec);
+  // A branch that cannot be read ends there; the rest of the tree is still
+  // walked.
+  for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
+    const fs::directory_entry& entry = *it;
     const std::string fileName = entry.path().filename().string();
     // Hidden entries are capture-side scratch space (".Wattline", editor
     // files): never traces.
     if (!fileName.empty() && fileName.front() == '.') continue;
-    if (entry.is_directory()) {
-      recursiveFindMetadataFile(entry.path().string(), out);
+    std::error_code typeError;
+    if (entry.is_directory(typeError)) {
+      // A link out of the data tree is not followed: nothing outside it is
+      // ever opened.
+      if (entry.is_symlink(typeError) && !insideDataTree(entry.path())) continue;
+      walk(entry.path(), out, visited);
     } else if (fileName == "metadata") {
       out.push_back(entry.path().string());
       std::cout << entry.path().string() << std::endl;
     }
   }
+  if (ec) {
+    QX_LOG_ERROR("VSKTspServer::recursiveFindMetadataFile: %s not read: %s", dir.c_str(),
+                 ec.message().c_str());
+  }
+}
+
+}  // namespace
+
+void recursiveFindMetadataFile(const std::string& dir, std::vector<std::string>& out) {
+  std::set<DirectoryId> visited;
+  walk(dir, out, visited);
 }
 
 }  // namespace VSKTspServer

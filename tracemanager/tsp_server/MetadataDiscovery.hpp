@@ -3,8 +3,7 @@
 // A directory below the user's data tree is a trace when it holds a file
 // named exactly "metadata". The user directory is $USERPROFILE, else $HOME.
 //
-// Thread-safe (no state). File system errors other than a missing root
-// travel to the caller as std::filesystem::filesystem_error.
+// Thread-safe (no state). The walk never throws for what it finds on disk.
 #pragma once
 
 #include <string>
@@ -19,7 +18,9 @@ std::string getUserDir(const std::vector<std::string>& parts);
 // Depth-first walk of `dir` that appends the full path of every file named
 // "metadata" to `out`. Entries whose name begins with "." are skipped, files
 // and directories alike; a directory that holds a `metadata` file is walked
-// further, so nested captures are found too.
+// further, so nested captures are found too. Each directory is walked once,
+// however many links lead to it, links out of the data tree are not
+// followed, and a directory that cannot be read is logged and skipped.
 void recursiveFindMetadataFile(const std::string& dir, std::vector<std::string>& out);
 
 }  // namespace VSKTspServer

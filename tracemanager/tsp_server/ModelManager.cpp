@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "DataBrokerRouter.hpp"
+#include "DataTree.hpp"
 #include "ExperimentKinds.hpp"
 #include "Logger.hpp"
 #include "MetadataDiscovery.hpp"
@@ -20,10 +21,18 @@ namespace {
 constexpr std::string_view kLiveTarget = "LiveTarget";
 
 // The scan root of a name or path that holds "LiveTarget": the text after
-// the word and its "/". Throws std::out_of_range when the text ends right
-// after the word.
+// the word and its "/". Nothing after the word means the whole tree.
 std::string scanRootAfterLiveTarget(const std::string& text) {
-  return text.substr(text.find(kLiveTarget) + kLiveTarget.size() + 1);
+  const size_t begin = text.find(kLiveTarget) + kLiveTarget.size() + 1;
+  return begin < text.size() ? text.substr(begin) : std::string();
+}
+
+// One capture that could not be loaded: logged with its directory and told
+// on the console beside "New experiment:", so the user knows which one to
+// repair. The scan goes on with the others.
+void reportCaptureFailure(const std::string& dir, const std::exception& error) {
+  QX_LOG_ERROR("VSKTspServer::ModelManager: capture %s not loaded: %s", dir.c_str(), error.what());
+  std::cout << "Capture not loaded: " << dir << ": " << error.what() << std::endl;
 }
 
 // The trace directory of a metadata file, and the trace's name: the last
@@ -84,6 +93,7 @@ std::vector<std::string> ModelManager::findMetadataFiles(std::string root) {
   }
   std::vector<std::string> result;
   const std::string dir = getUserDir(parts);
+  requireInsideDataTree(dir, "scan root");
   std::error_code ec;
   if (!fs::is_directory(dir, ec)) return result;
   recursiveFindMetadataFile(dir, result);
@@ -100,16 +110,22 @@ VSKTrace* ModelManager::openTrace(std::string path, std::string name, std::strin
     for (const auto& file : findMetadataFiles(scanRootAfterLiveTarget(path))) {
       auto [dir, traceName] = traceDirOf(file);
       if (getTraceByPath(dir)) continue;
-      last = openTrace(dir, traceName, "");
+      try {
+        last = openTrace(dir, traceName, "");
+      } catch (const std::exception& error) {
+        reportCaptureFailure(dir, error);
+      }
     }
     return last;
   }
+  // A client names this path: nothing outside the data tree is opened.
+  requireInsideDataTree(path, "trace directory");
   if (VSKTrace* known = getTraceByPath(path)) return known;
   if (auto pos = path.find("live-targets"); pos != std::string::npos) {
     if (VSKTrace* known = getTraceBySubPath(path.substr(pos))) return known;
   }
   // The constructor reads the metadata; a `typeId` there replaces `type`.
-  auto trace = std::make_shared<VSKTrace>(name, path, type);
+  auto trace = std::make_shared<VSKTrace>(name, path, type, /*confined=*/true);
   VSKTrace* raw = trace.get();
   traces.emplace(trace->UUID, std::move(trace));
   return raw;
@@ -181,17 +197,30 @@ VSKExperiment* ModelManager::openExperiment(std::string name, std::vector<std::s
     auto [dir, traceName] = traceDirOf(file);
     if (VSKTrace* trace = getTraceByPath(dir)) {
       present.push_back(trace->UUID);
-    } else if (VSKTrace* opened = openTrace(dir, traceName, "")) {
-      added.push_back(opened->UUID);
+      continue;
+    }
+    // Each capture loads or fails on its own; a broken one is tried again
+    // by the next scan.
+    try {
+      if (VSKTrace* opened = openTrace(dir, traceName, "")) added.push_back(opened->UUID);
+    } catch (const std::exception& error) {
+      reportCaptureFailure(dir, error);
     }
   }
   removeStale(root, known, present);
   for (const auto& uuid : present) {
     VSKTrace* trace = getTrace(uuid);
     if (!trace) continue;
-    if (VSKExperiment* experiment = getExperimentByName(experimentName(root, *trace))) {
-      experiment->refresh();
-      std::cout << "Refresh experiment: " << experiment->name << std::endl;
+    try {
+      if (VSKExperiment* experiment = getExperimentByName(experimentName(root, *trace))) {
+        experiment->refresh();
+        std::cout << "Refresh experiment: " << experiment->name << std::endl;
+      } else {
+        // Its experiment failed to open before; the capture may be repaired.
+        added.push_back(uuid);
+      }
+    } catch (const std::exception& error) {
+      reportCaptureFailure(trace->path, error);
     }
   }
   return createExperiments(root, added);
@@ -203,10 +232,15 @@ void ModelManager::removeStale(const std::string& root, const std::vector<std::s
     if (std::find(present.begin(), present.end(), uuid) != present.end()) continue;
     VSKTrace* trace = getTrace(uuid);
     if (!trace) continue;
-    if (VSKExperiment* experiment = getExperimentByName(experimentName(root, *trace))) {
-      std::string experimentLabel = experiment->name;
-      deleteExperiment(experiment->UUID);
-      std::cout << "Delete experiment: " << experimentLabel << std::endl;
+    try {
+      if (VSKExperiment* experiment = getExperimentByName(experimentName(root, *trace))) {
+        std::string experimentLabel = experiment->name;
+        deleteExperiment(experiment->UUID);
+        std::cout << "Delete experiment: " << experimentLabel << std::endl;
+      }
+    } catch (const std::exception& error) {
+      // A trace without a device never had an experiment; it goes alone.
+      reportCaptureFailure(trace->path, error);
     }
     auto removed = deleteTrace(uuid);
     std::cout << "Delete trace: " << removed->name << std::endl;
@@ -219,15 +253,22 @@ VSKExperiment* ModelManager::createExperiments(const std::string& name,
   for (const auto& uuid : traceIds) {
     VSKTrace* trace = getTrace(uuid);
     if (!trace) continue;
-    const std::string en = experimentName(name, *trace);
-    std::unique_ptr<VSKExperiment> made = makeExperiment(trace->type, en, dataBroker.get());
-    if (!made) break;  // a kind without an experiment class ends the creation
-    std::shared_ptr<VSKExperiment> experiment = std::move(made);
-    experiment->addTrace(*trace);
-    experiment->open();
-    last = experiment.get();
-    experiments.emplace(experiment->UUID, experiment);
-    std::cout << "New experiment: " << experiment->name << std::endl;
+    // One capture that cannot become an experiment (no device, a kind
+    // without a class, data that does not load) hides none of the others.
+    try {
+      const std::string en = experimentName(name, *trace);
+      std::unique_ptr<VSKExperiment> made = makeExperiment(trace->type, en, dataBroker.get());
+      if (!made)
+        throw std::invalid_argument("capture kind '" + trace->type + "' has no experiment");
+      std::shared_ptr<VSKExperiment> experiment = std::move(made);
+      experiment->addTrace(*trace);
+      experiment->open();
+      last = experiment.get();
+      experiments.emplace(experiment->UUID, experiment);
+      std::cout << "New experiment: " << experiment->name << std::endl;
+    } catch (const std::exception& error) {
+      reportCaptureFailure(trace->path, error);
+    }
   }
   return last;
 }

@@ -2,10 +2,12 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "DataTree.hpp"
 #include "Logger.hpp"
 #include "ModelManager.hpp"
 #include "TableLinesWriter.hpp"
@@ -70,6 +72,8 @@ void answerTyped(const Request& req, Response& res, const char* name, Ask ask) {
 
 // ---- Traces --------------------------------------------------------------
 
+void openTraceAnswer(const OpenTraceRequest& request, Response& res);
+
 void getHealth(const Request&, Response& res) {
   TSP_ENTRY("getHealth");
   sendModel(res, HealthResponse{theModelManager->getStatus()});
@@ -80,10 +84,26 @@ void getTraces(const Request&, Response& res) {
   notImplemented(res, "getTraces");
 }
 
+// A path outside the data tree is the client's mistake: 400, and the route
+// has changed nothing.
+template <typename Work>
+void refusingOutsidePaths(Response& res, Work work) {
+  try {
+    work();
+  } catch (const OutsideDataTree& error) {
+    QX_LOG_ERROR("VSKTspServer::TspApi: %s", error.what());
+    sendText(res, 400, error.what());
+  }
+}
+
 void postTraces(const Request& req, Response& res) {
   TSP_ENTRY("postTraces");
   QX_TRACE_ARG("body", req.body.c_str());
   const auto request = parseBody(req.body, true).get<OpenTraceRequest>();
+  refusingOutsidePaths(res, [&] { openTraceAnswer(request, res); });
+}
+
+void openTraceAnswer(const OpenTraceRequest& request, Response& res) {
   VSKTrace* trace = theModelManager->openTrace(request.uri, request.name, request.typeID);
   if (!trace) return sendText(res, 400, "Can't create trace");
   sendModel(res, static_cast<const Trace&>(*trace));
@@ -117,9 +137,11 @@ void postExperiments(const Request& req, Response& res) {
   TSP_ENTRY("postExperiments");
   QX_TRACE_ARG("body", req.body.c_str());
   const auto request = parseBody(req.body, true).get<ExperimentRequest>();
-  VSKExperiment* experiment = theModelManager->openExperiment(request.name, request.traces);
-  if (!experiment) return sendText(res, 400, "Can't create experiment");
-  sendModel(res, static_cast<const Experiment&>(*experiment));
+  refusingOutsidePaths(res, [&] {
+    VSKExperiment* experiment = theModelManager->openExperiment(request.name, request.traces);
+    if (!experiment) return sendText(res, 400, "Can't create experiment");
+    sendModel(res, static_cast<const Experiment&>(*experiment));
+  });
 }
 
 void getExperiment(const Request& req, Response& res) {
@@ -217,7 +239,7 @@ void postExpTimeGraphStates(const Request& req, Response& res) {
   const json body = parseBody(req.body, false);
   const json& parameters = body.at("parameters");
   const auto range = parameters.at("requested_timerange").get<TimeRange>();
-  const auto items = parameters.at("requested_items").get<std::vector<int32_t>>();
+  const auto items = saturatingNumbers<int32_t>(parameters.at("requested_items"));
   answerTyped<ITimeGraphProvider>(req, res, "postExpTimeGraphStates", [&](ITimeGraphProvider& p) {
     sendModel(res, p.getStates(range, items));
   });
@@ -251,7 +273,11 @@ void postExpTableColumns(const Request& req, Response& res) {
 
 void postExpTableLines(const Request& req, Response& res) {
   TSP_ENTRY("postExpTableLines");
-  const auto request = parseBody(req.body, false).at("parameters").get<TableLinesRequest>();
+  auto request = parseBody(req.body, false).at("parameters").get<TableLinesRequest>();
+  // A viewer asks for a screenful; a larger range is answered in part (the
+  // answer's lowIndex and line count say which part), so one request never
+  // builds an answer of hundreds of megabytes under the model lock.
+  request.requested_table_count = std::min(request.requested_table_count, kMaxTableLines);
   answerTyped<VSKTableProvider>(req, res, "postExpTableLines", [&](VSKTableProvider& p) {
     std::string text;
     if (!p.writeLines(request, text)) text = writeTableLinesResponse(p.getLines(request));
@@ -274,7 +300,7 @@ void postExpXYGraphXy(const Request& req, Response& res) {
   const json body = parseBody(req.body, false);
   const json& parameters = body.at("parameters");
   const auto range = parameters.at("requested_timerange").get<TimeRange>();
-  const auto items = parameters.at("requested_items").get<std::vector<int32_t>>();
+  const auto items = saturatingNumbers<int32_t>(parameters.at("requested_items"));
   answerTyped<IXYDataProvider>(req, res, "postExpXYGraphXy", [&](IXYDataProvider& p) {
     sendModel(res, p.getXY(range, items));
   });

@@ -6,10 +6,11 @@
 // one at a time under `tspMutex` (taken by the server's pre-routing handler).
 //
 // Errors: a known failure answers with a status code (400 unknown
-// experiment, 501 output of another kind); anything else is an exception
+// experiment or a path outside the data tree, 501 output of another kind); anything else is an exception
 // that the HTTP library turns into status 500 with EXCEPTION_WHAT.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -21,6 +22,10 @@ struct Response;
 }  // namespace httplib
 
 namespace VSKTspServer::TspApi {
+
+// The most lines one table request answers (a viewer asks for a few
+// hundred); a larger count is cut to it.
+inline constexpr int32_t kMaxTableLines = 50000;
 
 // Registers every protocol route on `server` behind `tspApiPrefix`, in the
 // order in which the library must try them.

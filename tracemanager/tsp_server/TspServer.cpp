@@ -1,6 +1,7 @@
 #include "TspServer.hpp"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -11,11 +12,14 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "Logger.hpp"
+#include "LoopbackHttpServer.hpp"
 #include "ModelManager.hpp"
+#include "RequestGuard.hpp"
 #include "TspApi.hpp"
 #include "uEnvironment.hpp"
 
@@ -110,7 +114,44 @@ void errorPage(const httplib::Request&, httplib::Response& res) {
   res.set_content(page, "text/html");
 }
 
+// A request the guard refuses is answered 403 before routing, without the
+// model lock.
+bool refuseForeign(const httplib::Request& req, httplib::Response& res, int port) {
+  const RequestFacts facts{req.method,
+                           req.path,
+                           req.get_header_value("Host"),
+                           req.get_header_value("Origin"),
+                           req.get_header_value("Referer"),
+                           req.get_header_value("Sec-Fetch-Site")};
+  const RequestVerdict verdict = judgeRequest(facts, port);
+  if (verdict == RequestVerdict::kAllow) return false;
+  QX_LOG_ERROR("VSKTspServer::TspServer: refused %s %s (Host '%s', Origin '%s'): %s",
+               req.method.c_str(), req.path.c_str(), facts.host.c_str(), facts.origin.c_str(),
+               verdict == RequestVerdict::kForeignHost ? "not addressed to this machine's loopback"
+                                                       : "sent by another site");
+  res.status = 403;
+  return true;
+}
+
+// Each worker thread allocates from a heap arena of its own, and the C
+// library keeps what a request freed for the next request of that thread:
+// after a burst on 32 workers the process stayed tens of megabytes above its
+// level. After an answer has been written, at most once a second, the free
+// memory goes back to the system (it costs a few milliseconds, outside the
+// model lock).
+void returnFreedMemory() {
+  using Clock = std::chrono::steady_clock;
+  static std::atomic<int64_t> lastTrim{0};
+  const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          Clock::now().time_since_epoch())
+                          .count();
+  int64_t last = lastTrim.load(std::memory_order_relaxed);
+  if (now - last < 1000 || !lastTrim.compare_exchange_strong(last, now)) return;
+  ::malloc_trim(0);
+}
+
 void accessLog(const httplib::Request& req, const httplib::Response& res) {
+  returnFreedMemory();
   if (QX_LOG_LEVEL() >= 3) {
     Logger::instance().log(QX_NLV::kLogFunction, 0, "TSPServer: %s(%s) => [%d]",
                            req.method.c_str(), req.path.c_str(), res.status);
@@ -125,6 +166,23 @@ void exclusivePortOptions(socket_t sock) {
   ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
 }
 
+bool addressAvailable(int family, const sockaddr* address, socklen_t length) {
+  const int fd = ::socket(family, SOCK_STREAM, 0);
+  if (fd < 0) return false;
+  exclusivePortOptions(fd);
+  const bool ok = ::bind(fd, address, length) == 0 || errno == EADDRINUSE;
+  ::close(fd);
+  return ok;
+}
+
+// Whether this machine has an IPv6 loopback (a container may not).
+bool haveIpv6Loopback() {
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_addr = in6addr_loopback;
+  return addressAvailable(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
+}
+
 bool addressInUse(int family, const sockaddr* address, socklen_t length) {
   const int fd = ::socket(family, SOCK_STREAM, 0);
   if (fd < 0) return false;  // family not available here
@@ -134,9 +192,10 @@ bool addressInUse(int family, const sockaddr* address, socklen_t length) {
   return inUse;
 }
 
-// "localhost" stands for both loopback addresses, and the library binds the
-// first one it can. A port held on either one counts as taken: a server on
-// the other alone would miss every client that resolves to the first.
+// "localhost" stands for both loopback addresses and a client may try
+// either, so the server listens on both. A port held on either one counts as
+// taken: a server on the other alone would miss every client that resolves
+// to the first.
 bool loopbackPortTaken(int port) {
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
@@ -163,19 +222,43 @@ TspServer::~TspServer() {
   }
 }
 
+namespace {
+
+// The limits of every connection; what each guards is said where it is
+// declared.
+const HttpLimits kLimits{};
+
+// Asks a listener to stop until `done` says its listen call returned; a
+// stop before the listener runs does nothing.
+void stopUntil(httplib::Server& server, const std::atomic<bool>& done) {
+  while (!done.load(std::memory_order_acquire)) {
+    server.stop();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+}  // namespace
+
 void TspServer::run() {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::run");
   if (QX_LOG_LEVEL() >= 3) Logger::instance().log(QX_NLV::kLogMessage, 0, "Create TSP HTTP server");
-  httplib::Server* srv = nullptr;
+  LoopbackHttpServer* srv = nullptr;
+  LoopbackHttpServer* srv6 = nullptr;
   {
     std::lock_guard lock(lifecycleMutex_);
     // One run per object; a terminated object stays terminated.
     if (terminating_ || server) return;
-    server = std::make_unique<httplib::Server>();
-    srv = server.get();
+    auto primary = std::make_unique<LoopbackHttpServer>(kLimits);
+    srv = primary.get();
+    server = std::move(primary);
+    if (haveIpv6Loopback()) {
+      auto secondary = std::make_unique<LoopbackHttpServer>(kLimits);
+      srv6 = secondary.get();
+      server6_ = std::move(secondary);
+    }
     running_ = true;
   }
-  serve(*srv);
+  serve(*srv, srv6);
   {
     std::lock_guard lock(lifecycleMutex_);
     running_ = false;
@@ -183,16 +266,12 @@ void TspServer::run() {
   listenEnded_.notify_all();
 }
 
-void TspServer::serve(httplib::Server& srv) {
-  if (!srv.is_valid()) {
-    if (QX_LOG_LEVEL() >= 1)
-      Logger::instance().log(QX_NLV::kLogError, 0, "Failed: Create TSP HTTP server");
-    listenFailed_.store(true, std::memory_order_release);
-    return;
-  }
+void TspServer::configure(LoopbackHttpServer& srv, LoopbackHttpServer* srv6) {
+  const int servedPort = port;
   srv.set_error_handler(errorPage);
   srv.set_logger(accessLog);
-  srv.set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
+  srv.set_pre_routing_handler([servedPort](const httplib::Request& req, httplib::Response& res) {
+    if (refuseForeign(req, res, servedPort)) return httplib::Server::HandlerResponse::Handled;
     offerNoBrotli(req);
     if (needsModelLock(req.path)) lockForRequest();
     return httplib::Server::HandlerResponse::Unhandled;
@@ -202,8 +281,24 @@ void TspServer::serve(httplib::Server& srv) {
   // Without this a keep-alive answer waits for the client's delayed ACK
   // (about 40 ms) under Nagle's algorithm. It changes latency only.
   srv.set_tcp_nodelay(true);
-  srv.set_socket_options(exclusivePortOptions);
-  srv.Get("/stop", [&srv](const httplib::Request&, httplib::Response&) { srv.stop(); });
+  srv.extraSocketOptions = exclusivePortOptions;
+  // "/stop" ends both listeners, whichever one it came through.
+  LoopbackHttpServer* primary = server ? static_cast<LoopbackHttpServer*>(server.get()) : &srv;
+  srv.Get("/stop", [primary, srv6](const httplib::Request&, httplib::Response&) {
+    primary->stop();
+    if (srv6) srv6->stop();
+  });
+}
+
+void TspServer::serve(LoopbackHttpServer& srv, LoopbackHttpServer* srv6) {
+  if (!srv.is_valid() || (srv6 && !srv6->is_valid())) {
+    if (QX_LOG_LEVEL() >= 1)
+      Logger::instance().log(QX_NLV::kLogError, 0, "Failed: Create TSP HTTP server");
+    listenFailed_.store(true, std::memory_order_release);
+    return;
+  }
+  configure(srv, srv6);
+  if (srv6) configure(*srv6, srv6);
 
   {
     std::lock_guard lock(tspMutex);
@@ -218,7 +313,10 @@ void TspServer::serve(httplib::Server& srv) {
     theModelManager = ownManager_;
   }
   TspApi::registerRoutes(srv);
-  mountViewer(srv, viewerDirectory.empty() ? defaultViewerDirectory() : viewerDirectory);
+  if (srv6) TspApi::registerRoutes(*srv6);
+  const std::string viewerDir = viewerDirectory.empty() ? defaultViewerDirectory() : viewerDirectory;
+  mountViewer(srv, viewerDir);
+  if (srv6) mountViewer(*srv6, viewerDir);
   {
     std::lock_guard lock(tspMutex);
     ownManager_->setStatus("UP");
@@ -233,11 +331,33 @@ void TspServer::serve(httplib::Server& srv) {
   }
   // listen() is bind plus accept loop; the two steps are taken apart only
   // to tell a taken port from a stop.
-  if (loopbackPortTaken(port) || !srv.bind_to_port("localhost", port)) {
+  if (loopbackPortTaken(port) || !srv.bindLoopback("127.0.0.1", port) ||
+      (srv6 && !srv6->bindLoopback("::1", port))) {
+    // Taken between the check and the bind: free the address that was bound.
+    srv.releaseBinding();
+    if (srv6) srv6->releaseBinding();
     listenFailed_.store(true, std::memory_order_release);
     return;
   }
+  std::atomic<bool> secondDone{false};
+  std::thread second;
+  if (srv6) {
+    second = std::thread([srv6, &secondDone] {
+      try {
+        srv6->listen_after_bind();
+      } catch (const std::exception& e) {
+        QX_LOG_ERROR("VSKTspServer::TspServer::run: IPv6 listener: %s", e.what());
+      }
+      secondDone.store(true, std::memory_order_release);
+    });
+  }
   srv.listen_after_bind();
+  // Either listener ending ends both: "/stop" and terminate stop both, and
+  // a failed accept loop on one must not leave the other serving alone.
+  if (srv6) {
+    stopUntil(*srv6, secondDone);
+    second.join();
+  }
 }
 
 bool TspServer::isListening() const {
@@ -248,19 +368,23 @@ bool TspServer::isListening() const {
 void TspServer::terminate() {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TspServer::terminate");
   std::unique_ptr<httplib::Server> stopped;
+  std::unique_ptr<httplib::Server> stopped6;
   {
     std::unique_lock lock(lifecycleMutex_);
     terminating_ = true;
     // stop() does nothing until the listener runs, so keep asking until
-    // `run` has left the listener. When listen returns, the library has
+    // `run` has left the listeners. When listen returns, the library has
     // joined its workers: no request is in flight any more.
     while (running_) {
       if (server) server->stop();
+      if (server6_) server6_->stop();
       listenEnded_.wait_for(lock, std::chrono::milliseconds(20));
     }
     stopped = std::move(server);
+    stopped6 = std::move(server6_);
   }
   stopped.reset();
+  stopped6.reset();
 
   ModelManager* manager = nullptr;
   {

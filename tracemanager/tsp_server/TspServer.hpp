@@ -1,6 +1,9 @@
 // TspServer: the embedded HTTP front of the trace server.
 //
-// Owns one HTTP server on "localhost" (`port`, 1239 unless set). `run` blocks
+// Owns the HTTP listeners of "localhost" (`port`, 1239 unless set): one on
+// 127.0.0.1 and one on ::1 where the machine has it, serving the same routes.
+// Requests pass the request guard (loopback Host, no foreign Origin on a
+// state change) before anything else. `run` blocks
 // in the calling thread until the listener stops (GET "/stop" or
 // `terminate`); requests are served by the HTTP library's worker pool,
 // strictly one at a time: every request holds `tspMutex` from before routing
@@ -37,6 +40,7 @@ class Server;
 namespace VSKTspServer {
 
 class DataBroker;
+class LoopbackHttpServer;
 class ModelManager;
 
 // Serialises every request with the model operations of the capture side.
@@ -98,10 +102,15 @@ class TspServer {
   std::atomic<bool> started{false};
 
  private:
-  // Everything of `run` after the server object exists.
-  void serve(httplib::Server& srv);
+  // Everything of `run` after the server objects exist: `srv` listens on
+  // 127.0.0.1, `srv6` (null without an IPv6 loopback) on ::1.
+  void serve(LoopbackHttpServer& srv, LoopbackHttpServer* srv6);
+  // Handlers and options of one listener.
+  void configure(LoopbackHttpServer& srv, LoopbackHttpServer* srv6);
 
   std::unique_ptr<httplib::Server> server;  // guarded by lifecycleMutex_
+  // The IPv6 loopback listener; guarded by lifecycleMutex_.
+  std::unique_ptr<httplib::Server> server6_;
   bool running_ = false;                    // guarded by lifecycleMutex_: `run` is past setup
   bool terminating_ = false;                // guarded by lifecycleMutex_
   std::atomic<bool> listenFailed_{false};

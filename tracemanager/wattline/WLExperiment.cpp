@@ -4,7 +4,9 @@
 
 #include <fstream>
 
+#include "DataTree.hpp"
 #include "Logger.hpp"
+#include "TspRequests.hpp"
 #include "WLStateDecoders.hpp"
 
 namespace VSKTspServer {
@@ -54,7 +56,8 @@ void WLExperiment::open() {
 
 void WLExperiment::loadSupMetaData() {
   QX_TRACE_FUNCTION("VSKTspServer::WLExperiment::loadSupMetaData");
-  std::ifstream in(dataFolder + "/" + supplementFile, std::ios::binary);
+  const bool confined = !traceFiles.empty() && traceFiles.front().confined;
+  std::ifstream in(captureFilePath(dataFolder, supplementFile, confined), std::ios::binary);
   if (!in.good()) return;
   // A broken supplement keeps what an earlier load read.
   nlohmann::json parsed = nlohmann::json::parse(in, nullptr, false);
@@ -77,6 +80,9 @@ void WLExperiment::loadData(bool reread) {
   // directory cannot be the stream either.
   std::string fileName = dataFileName(trace, dataFile);
   if (fileName == "unknown" || !isRegularFile(dataFolder + "/" + fileName)) fileName = dataFile;
+  // Throws for a name that leaves the capture directory or a link out of
+  // the data tree, before anything is read.
+  captureFilePath(dataFolder, fileName, trace.confined);
 
   WLDataNode& node = *dataNode;
   node.dsr.reset();
@@ -88,7 +94,7 @@ void WLExperiment::loadData(bool reread) {
           supplement.is_object() && supplement.contains("JState") ? supplement["JState"]
                                                                   : nlohmann::json();
       if (jstate.is_object() && jstate.contains("version")) {
-        node.dsr = makeStateDecoder(node, jstate["version"].get<int64_t>());
+        node.dsr = makeStateDecoder(node, saturatingNumber<int64_t>(jstate["version"]));
         if (node.dsr) {
           node.dsr->initDefaults();
           node.dsr->loadBitFields(jstate);

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <limits>
 
+#include "TspRequests.hpp"
+
 namespace VSKTspServer {
 
 namespace {
@@ -73,6 +75,11 @@ int WLDataNode::DSR_Base::addField(const std::string& name, int start, int end,
                                    std::vector<StateField>& list, uint32_t value,
                                    const std::string& label) {
   if (start < 0 || end < 0) return 0;
+  // A stream has at most 255 state words. A field that reaches past them
+  // could never hold, and laying it out word by word would take a condition
+  // per word: billions for a bit number near 2^31.
+  constexpr int kStateBitLimit = 256 * 32;
+  if (start >= kStateBitLimit || end >= kStateBitLimit) return 0;
   const int lo = std::min(start, end), hi = std::max(start, end);
   const int loWord = lo / 32, hiWord = hi / 32, loBit = lo % 32, hiBit = hi % 32;
   const bool allOnes = value == kAllOnes;
@@ -112,8 +119,10 @@ void WLDataNode::DSR_Base::parseBitFields(const nlohmann::json& jstate) {
     const std::string name = nameValue.get<std::string>();
     const nlohmann::json& startValue = member(entry, "Start");
     const nlohmann::json& endValue = member(entry, "End");
-    const int start = startValue.is_null() ? -1 : startValue.get<int>();
-    const int end = endValue.is_null() ? start : endValue.get<int>();
+    // Saturating: a bit number of 1e30 is as wrong as 32, and must not be
+    // an undefined conversion on the way there.
+    const int start = startValue.is_null() ? -1 : saturatingNumber<int32_t>(startValue);
+    const int end = endValue.is_null() ? start : saturatingNumber<int32_t>(endValue);
     const nlohmann::json& description = member(entry, "Description");
 
     if (name.find("MOD") != std::string::npos) {

@@ -41,6 +41,9 @@ std::string modeStyle(const std::string& name) {
 
 uint64_t clampTime(int64_t t) { return t < 0 ? 0 : static_cast<uint64_t>(t); }
 
+// Levels of a dotted state name that become levels of the tree.
+constexpr std::ptrdiff_t kMaxNameLevels = 32;
+
 }  // namespace
 
 int32_t intermediateNodeId(const std::string& name) {
@@ -71,7 +74,15 @@ StateTreeNode* StateTreeNode::add(int32_t newId, const std::string& fullName, st
     prefix = name + ".";
     relative = fullName.substr(prefix.size());
   }
-  const size_t dot = relative.find('.');
+  // Names come from the capture's state description, which may hold any
+  // number of dots; the walks of the tree recurse by level, so past
+  // kMaxNameLevels the rest of a name is one leaf. A name that ends in a
+  // dot is a leaf too: splitting it would make the same node again below
+  // itself, for ever.
+  std::ptrdiff_t level = 0;
+  for (const StateTreeNode* up = parent; up != nullptr; up = up->parent) ++level;
+  size_t dot = level >= kMaxNameLevels ? std::string::npos : relative.find('.');
+  if (dot + 1 == relative.size()) dot = std::string::npos;
   if (dot == std::string::npos) {
     if (newLabel.empty()) newLabel = relative;
     auto node = std::make_unique<StateTreeNode>(newId, fullName, std::move(newLabel), this);

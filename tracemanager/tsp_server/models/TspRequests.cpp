@@ -1,8 +1,64 @@
 #include "TspRequests.hpp"
 
+#include <limits>
+
 namespace VSKTspServer {
 
 using nlohmann::json;
+
+template <typename T>
+T saturatingNumber(const json& value) {
+  constexpr T lo = std::numeric_limits<T>::min();
+  constexpr T hi = std::numeric_limits<T>::max();
+  if (value.is_number_unsigned()) {
+    const auto v = value.get<uint64_t>();
+    return v > static_cast<uint64_t>(hi) ? hi : static_cast<T>(v);
+  }
+  if (value.is_number_integer()) {
+    const auto v = value.get<int64_t>();
+    return v < static_cast<int64_t>(lo) ? lo : v > static_cast<int64_t>(hi) ? hi : static_cast<T>(v);
+  }
+  if (value.is_number_float()) {
+    // A cast of a double beyond T's range is undefined, so clamp first.
+    const double v = value.get<double>();
+    if (!(v > static_cast<double>(lo))) return lo;
+    if (v >= static_cast<double>(hi)) return hi;
+    return static_cast<T>(v);
+  }
+  return value.get<T>();  // the library's type error for every other kind
+}
+
+template <typename T>
+std::vector<T> saturatingNumbers(const json& value) {
+  if (!value.is_array()) return value.get<std::vector<T>>();  // type error
+  std::vector<T> numbers;
+  numbers.reserve(value.size());
+  for (const auto& element : value) numbers.push_back(saturatingNumber<T>(element));
+  return numbers;
+}
+
+template int32_t saturatingNumber<int32_t>(const json&);
+template int64_t saturatingNumber<int64_t>(const json&);
+template std::vector<int32_t> saturatingNumbers<int32_t>(const json&);
+template std::vector<int64_t> saturatingNumbers<int64_t>(const json&);
+
+namespace {
+
+// Optional keys of the table and annotation requests: absent or null read
+// as 0 (or an empty list).
+template <typename T>
+T optionalNumber(const json& j, const char* key) {
+  auto it = j.find(key);
+  return it == j.end() || it->is_null() ? T{0} : saturatingNumber<T>(*it);
+}
+
+template <typename T>
+std::vector<T> optionalNumbers(const json& j, const char* key) {
+  auto it = j.find(key);
+  return it == j.end() || it->is_null() ? std::vector<T>() : saturatingNumbers<T>(*it);
+}
+
+}  // namespace
 
 void from_json(const json& j, OpenTraceRequest& r) {
   r.name = j.value("name", std::string());
@@ -22,17 +78,17 @@ void to_json(json& j, const ExperimentRequest& r) {
 }
 
 void from_json(const json& j, TimeRange& r) {
-  r.start = j.at("start").get<int64_t>();
-  r.end = j.at("end").get<int64_t>();
-  r.nbTimes = j.at("nbTimes").get<int32_t>();
+  r.start = saturatingNumber<int64_t>(j.at("start"));
+  r.end = saturatingNumber<int64_t>(j.at("end"));
+  r.nbTimes = saturatingNumber<int32_t>(j.at("nbTimes"));
 }
 void to_json(json& j, const TimeRange& r) {
   j = json{{"start", r.start}, {"end", r.end}, {"nbTimes", r.nbTimes}};
 }
 TimeRange readTimeRangeBounds(const json& j) {
   TimeRange r;
-  r.start = j.at("start").get<int64_t>();
-  r.end = j.at("end").get<int64_t>();
+  r.start = saturatingNumber<int64_t>(j.at("start"));
+  r.end = saturatingNumber<int64_t>(j.at("end"));
   return r;
 }
 
@@ -41,7 +97,7 @@ void from_json(const json& j, AnnotationsRequest& r) {
   // must be complete, so it is read through the strict reader.
   r.requested_timerange =
       j.contains("requested_timerange") ? j.at("requested_timerange").get<TimeRange>() : TimeRange{};
-  r.requested_items = j.value("requested_items", std::vector<int32_t>());
+  r.requested_items = optionalNumbers<int32_t>(j, "requested_items");
   r.requested_marker_set = j.value("requested_marker_set", std::string());
   r.requested_marker_categories =
       j.value("requested_marker_categories", std::vector<std::string>());
@@ -54,11 +110,11 @@ void to_json(json& j, const AnnotationsRequest& r) {
 }
 
 void from_json(const json& j, TooltipElement& r) {
-  r.time = j.at("time").get<int64_t>();
+  r.time = saturatingNumber<int64_t>(j.at("time"));
   r.elementType = j.at("elementType").get<std::string>();
-  r.duration = j.at("duration").get<int64_t>();
-  r.entryId = j.at("entryId").get<int64_t>();
-  r.destinationId = j.at("destinationId").get<int64_t>();
+  r.duration = saturatingNumber<int64_t>(j.at("duration"));
+  r.entryId = saturatingNumber<int64_t>(j.at("entryId"));
+  r.destinationId = saturatingNumber<int64_t>(j.at("destinationId"));
 }
 void to_json(json& j, const TooltipElement& r) {
   j = json{{"time", r.time},
@@ -70,8 +126,8 @@ void to_json(json& j, const TooltipElement& r) {
 
 void from_json(const json& j, TooltipRequest& r) {
   r.requested_element = j.at("requested_element").get<TooltipElement>();
-  r.requested_times = j.at("requested_times").get<std::vector<int64_t>>();
-  r.requested_items = j.at("requested_items").get<std::vector<int32_t>>();
+  r.requested_times = saturatingNumbers<int64_t>(j.at("requested_times"));
+  r.requested_items = saturatingNumbers<int32_t>(j.at("requested_items"));
 }
 void to_json(json& j, const TooltipRequest& r) {
   j = json{{"requested_element", r.requested_element},
@@ -79,11 +135,12 @@ void to_json(json& j, const TooltipRequest& r) {
            {"requested_items", r.requested_items}};
 }
 
+
 void from_json(const json& j, TableLinesRequest& r) {
-  r.requested_times = j.value("requested_times", std::vector<int64_t>());
-  r.requested_table_index = j.value("requested_table_index", int64_t{0});
-  r.requested_table_count = j.value("requested_table_count", int32_t{0});
-  r.requested_table_column_ids = j.value("requested_table_column_ids", std::vector<int64_t>());
+  r.requested_times = optionalNumbers<int64_t>(j, "requested_times");
+  r.requested_table_index = optionalNumber<int64_t>(j, "requested_table_index");
+  r.requested_table_count = optionalNumber<int32_t>(j, "requested_table_count");
+  r.requested_table_column_ids = optionalNumbers<int64_t>(j, "requested_table_column_ids");
   r.table_search_expressions =
       j.value("table_search_expressions", std::map<std::string, std::string>());
   r.table_search_direction = j.value("table_search_direction", std::string());

@@ -4,6 +4,8 @@
 // Reading follows one rule: a required key is looked up with `at` (missing:
 // nlohmann's out_of_range 403), an optional key with `value` and its default.
 // A key of the wrong JSON type throws the library's type error in both cases.
+// Integers saturate at the bounds of their field: a client's 2^64 or 1e30
+// reads as the largest value, never as a wrapped negative one.
 // Exceptions travel unchanged to the caller. The to_json functions write the
 // same shape back, for clients and tests that build bodies.
 #pragma once
@@ -16,6 +18,13 @@
 #include <nlohmann/json.hpp>
 
 namespace VSKTspServer {
+
+// A JSON number as T (int32_t or int64_t), clamped to T's range; non-numbers
+// throw the library's type error. The list form reads an array of them.
+template <typename T>
+T saturatingNumber(const nlohmann::json& value);
+template <typename T>
+std::vector<T> saturatingNumbers(const nlohmann::json& value);
 
 // Body of POST /traces (unwrapped). All keys optional, default empty.
 struct OpenTraceRequest {

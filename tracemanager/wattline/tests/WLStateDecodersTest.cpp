@@ -159,6 +159,14 @@ TEST(ParseBitFields, IgnoredDescriptionsAndTypeErrors) {
       EXPECT_NE(std::string(e.what()).find(words), std::string::npos) << e.what();
     }
   };
+  // Bit numbers far out of range are wrong, not undefined, and a field past
+  // every word a stream can have is dropped, not laid out word by word
+  // (both found by fuzzing).
+  dsr.parseBitFields(jstate(2, {{{"Name", "MOD_T"}, {"Description", "T"}, {"Start", 5.4e27},
+                                 {"End", -1e300}},
+                                {{"Name", "MOD_U"}, {"Description", "U"}, {"Start", 16},
+                                 {"End", 1.6e41}}}));
+  EXPECT_TRUE(dsr.peripherals.empty());
   expectTypeError({{{"Name", 5}}}, "type must be string, but is number");
   expectTypeError({{{"Name", "PM"}, {"Start", 0},
                     {"Enums", {{{"Choice", 3}, {"Description", "d"}, {"Value", 1}}}}}},

@@ -85,6 +85,22 @@ TEST(StateTree, IntermediateIdsAreFnv1aPlusOffset) {
   EXPECT_EQ(leaf->id, 7);
 }
 
+TEST(StateTree, NamesWithThousandsOfDotsStayShallow) {
+  // Found by fuzzing: every level was a level of recursion in the tree walks.
+  std::string name;
+  for (int i = 0; i < 20000; ++i) name += "a.";
+  StateTreeNode root(-1, "WL++", "WL++", nullptr);
+  StateTreeNode* leaf = root.add(7, name + "z", "");
+  int depth = 0;
+  for (StateTreeNode* n = leaf; n->parent != nullptr; n = n->parent) ++depth;
+  EXPECT_LE(depth, 40);
+  EXPECT_EQ(root.find(name + "z"), leaf);
+  // A trailing dot is part of the leaf's name, not an endless level.
+  StateTreeNode* dotted = root.add(8, "CPU.Off.", "");
+  EXPECT_EQ(dotted->label, "Off.");
+  EXPECT_EQ(dotted->parent, root.find("CPU"));
+}
+
 TEST(WLStateGraph, TreeOfModesAndPeripherals) {
   Graphed g(5, kFlat, kRows);
   auto tree = g.graph->getTree(0, 0);
