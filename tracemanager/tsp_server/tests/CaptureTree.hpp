@@ -1,41 +1,20 @@
 // Test helper: a temporary user directory with capture directories laid out
-// as the capture side leaves them. Sets USERPROFILE for the test's life.
+// as the capture side leaves them. It is the user's home for the test's life.
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
-namespace VSKTspServer::testing {
+#include "TestSupport.hpp"
 
-class CaptureTree {
+namespace ostrand_test {
+
+class CaptureTree : public TempHome {
  public:
-  CaptureTree() {
-    std::random_device random;
-    root_ = std::filesystem::temp_directory_path() /
-            ("ostrand-tsp-" + std::to_string(random()) + std::to_string(random()));
-    std::filesystem::create_directories(root_);
-    if (const char* old = std::getenv("USERPROFILE")) saved_ = old, hadSaved_ = true;
-    ::setenv("USERPROFILE", root_.c_str(), 1);
-  }
-  ~CaptureTree() {
-    if (hadSaved_) {
-      ::setenv("USERPROFILE", saved_.c_str(), 1);
-    } else {
-      ::unsetenv("USERPROFILE");
-    }
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
-  }
-  CaptureTree(const CaptureTree&) = delete;
-  CaptureTree& operator=(const CaptureTree&) = delete;
-
-  std::filesystem::path liveTargets() const { return root_ / ".QX-trace/data/live-targets"; }
-  std::filesystem::path root() const { return root_; }
+  std::filesystem::path liveTargets() const { return root() / ".QX-trace/data/live-targets"; }
+  std::filesystem::path root() const { return path(); }
 
   // <live-targets>/<target>/<type>/ with a `metadata` file; gives the
   // directory.
@@ -57,8 +36,7 @@ class CaptureTree {
   }
 
   static void writeFile(const std::filesystem::path& file, const std::string& text) {
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
+    ostrand_test::writeFile(file, text);
   }
 
   // An MTB document with `runs` runs of `perRun` instructions each.
@@ -94,10 +72,6 @@ class CaptureTree {
     return doc;
   }
 
- private:
-  std::filesystem::path root_;
-  std::string saved_;
-  bool hadSaved_ = false;
 };
 
-}  // namespace VSKTspServer::testing
+}  // namespace ostrand_test

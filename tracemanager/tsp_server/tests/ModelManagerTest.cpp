@@ -13,7 +13,7 @@
 namespace VSKTspServer {
 namespace {
 
-using testing::CaptureTree;
+using ostrand_test::CaptureTree;
 
 std::string readFile(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
