@@ -23,7 +23,7 @@ std::vector<std::string> experimentNames(ModelManager& manager) {
 TEST(ModelManagerTest, LiveScanNamesExperimentsByDeviceAndASecondScanCreatesNothing) {
   CaptureTree tree;
   auto mtb = tree.addLiveCapture("Probe/Cortex_M4_0", "MTB");
-  CaptureTree::writeFile(mtb / "mtb_data.json", CaptureTree::mtbDocument(2, 3).dump());
+  CaptureTree::writeFile(mtb / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 3).dump());
   tree.addLiveCapture("Probe/Cortex_M4_0", "TDF");
   ModelManager manager(nullptr);
 
@@ -118,8 +118,8 @@ TEST(ModelManagerTest, ExportWritesTheMainTableOfAMatchingCapture) {
   CaptureTree tree;
   // A TDF capture lies in the file-target tree, which scans do not visit.
   const auto dir = tree.root() / ".QX-trace/data/file-targets/file/rec/TDF";
-  CaptureTree::writeFile(dir / "metadata", CaptureTree::defaultMetadata("file/rec", "TDF").dump());
-  CaptureTree::writeFile(dir / "tdf_data.json", CaptureTree::tdfDocument(2).dump());
+  CaptureTree::writeFile(dir / "metadata", VSKTspServer::samples::defaultMetadata("file/rec", "TDF").dump());
+  CaptureTree::writeFile(dir / "tdf_data.json", VSKTspServer::samples::tdfDocument(2).dump());
   ModelManager manager(nullptr);
   const auto file = tree.root() / "out.csv";
   // No experiment yet: the export opens the capture itself.

@@ -12,9 +12,9 @@ using ostrand_test::CaptureTree;
 TEST(TspRoutesTest, TranscriptOfEveryRoute) {
   CaptureTree tree;
   auto mtb = tree.addLiveCapture("Probe/Cortex_M4_0", "MTB");
-  CaptureTree::writeFile(mtb / "mtb_data.json", CaptureTree::mtbDocument(3, 4).dump());
+  CaptureTree::writeFile(mtb / "mtb_data.json", VSKTspServer::samples::mtbDocument(3, 4).dump());
   auto tdf = tree.addLiveCapture("Probe/Cortex_M4_0", "TDF");
-  CaptureTree::writeFile(tdf / "tdf_data.json", CaptureTree::tdfDocument(5).dump());
+  CaptureTree::writeFile(tdf / "tdf_data.json", VSKTspServer::samples::tdfDocument(5).dump());
   ostrand_test::RunningServer running;
   ASSERT_TRUE(running.server().isListening());
   running.server().refreshLive();
