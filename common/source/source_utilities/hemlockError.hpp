@@ -12,29 +12,9 @@
 #include <vector>
 
 #include "OstrandExport.hpp"
+#include "hemlock/hemlockErrorIF.hpp"
 
 namespace Qx::Nlv::Hemlock {
-
-class OSTRAND_EXPORT hemlockErrorIF {
- public:
-  enum Severity_Type { Information = 0, Warning = 1, Error = 2, Internal = 3, Fatal = 4 };
-
-  virtual const char* GetTitle() = 0;
-  virtual void SetTitle(const char* title) = 0;
-  virtual Severity_Type GetSeverity() const = 0;
-  virtual void SetSeverity(Severity_Type severity) = 0;
-  virtual const char* GetErrorText() const = 0;
-  virtual void SetErrorText(const char* text) = 0;
-  virtual const char* GetDetailedText() = 0;
-  virtual void AddDetailedInfo(const char* text) = 0;
-  virtual void PushText(const char* text) = 0;
-  virtual void Delete() = 0;
-
- protected:
-  // Destroyed through hemlockError's own destructor slot, never through the
-  // interface.
-  ~hemlockErrorIF() = default;
-};
 
 class OSTRAND_EXPORT hemlockError : public hemlockErrorIF {
  public:
