@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
@@ -196,26 +197,37 @@ uint64_t WLDataNode::decodeBlock(const uint8_t* bytes, uint64_t count, uint64_t 
 uint64_t WLDataNode::decodeShared(
     uint64_t count, uint64_t perBlock,
     const std::function<uint64_t(uint64_t, uint64_t, std::vector<uint8_t>&)>& decodeRange) {
-  // Shares of the records alternate between the threads: item i is share
-  // 2i on the helper and share 2i + 1 here, the helper at most two items
-  // ahead. A wrong tag ends the work of both after their current share;
-  // the first bad record wins, as later ones are cleared anyway.
+  // Shares of the records go, in order, to whichever thread asks next: on a
+  // loaded machine a thread that gets no processor simply takes fewer. A
+  // wrong tag or a read failure ends the work of both after their current
+  // share; the first bad record wins, as later ones are cleared anyway.
   const uint64_t share = std::max(perBlock, kShareRecords / perBlock * perBlock);
-  uint64_t helperBad = count, callerBad = count;
-  std::vector<uint8_t> helperBlock, callerBlock;
-  const auto decodeShare = [&](uint64_t index, uint64_t& bad, std::vector<uint8_t>& block) {
-    const uint64_t from = index * share;
-    if (from >= count) return false;
-    const uint64_t to = std::min(from + share, count);
-    const uint64_t good = decodeRange(from, to, block);
-    if (good < to) bad = std::min(bad, good);
-    if (streaming_) fenceStreamingStores();  // this thread's stores, before the hand-over
-    return bad == count && to < count;
-  };
-  runTwoStages(
-      true, 2, [&](uint64_t i) { return decodeShare(2 * i, helperBad, helperBlock); },
-      [&](uint64_t i) { return decodeShare(2 * i + 1, callerBad, callerBlock); });
-  return std::min(helperBad, callerBad);
+  std::atomic<uint64_t> next{0};
+  std::atomic<uint64_t> firstBad{count};
+  std::atomic<bool> stop{false};
+  runOnTwoThreads([&] {
+    std::vector<uint8_t> block;
+    try {
+      while (!stop.load(std::memory_order_relaxed)) {
+        const uint64_t from = next.fetch_add(share, std::memory_order_relaxed);
+        if (from >= count) break;
+        const uint64_t to = std::min(from + share, count);
+        const uint64_t good = decodeRange(from, to, block);
+        if (good < to) {
+          uint64_t seen = firstBad.load();
+          while (good < seen && !firstBad.compare_exchange_weak(seen, good)) {
+          }
+          stop = true;
+        }
+      }
+    } catch (...) {
+      stop = true;
+      if (streaming_) fenceStreamingStores();
+      throw;
+    }
+    if (streaming_) fenceStreamingStores();  // this thread's streaming stores, before the join
+  });
+  return firstBad.load();
 }
 
 void WLDataNode::decode() {

@@ -1,5 +1,5 @@
-// A pipeline of two stages on two threads, for the passes over a power
-// stream.
+// Two threads for the passes over a power stream: a pipeline of two stages
+// (runTwoStages), and the same work on both threads (runOnTwoThreads).
 //
 // Items 0, 1, 2, ... pass two stages: `first(i)` on a helper thread, then
 // `second(i)` on the calling thread, in item order, the first stage at most
@@ -99,6 +99,35 @@ void runTwoStages(bool twoThreads, uint64_t depth, First&& first, Second&& secon
   finish(consumerDone);
   helper.join();
   if (failure) std::rethrow_exception(failure);
+}
+
+// Runs `work()` on a helper thread and on the calling thread at once (only
+// here when no helper can be had) and returns when both are done; the first
+// exception of either is rethrown here. `work` shares its items out itself,
+// so a thread that gets no processor on a loaded machine simply takes fewer.
+template <typename Work>
+void runOnTwoThreads(Work&& work) {
+  std::exception_ptr helperFailure, ownFailure;
+  std::thread helper;
+  try {
+    helper = std::thread([&] {
+      try {
+        work();
+      } catch (...) {
+        helperFailure = std::current_exception();
+      }
+    });
+  } catch (const std::system_error&) {
+    // No second thread to be had: this one does all the work.
+  }
+  try {
+    work();
+  } catch (...) {
+    ownFailure = std::current_exception();
+  }
+  if (helper.joinable()) helper.join();
+  if (ownFailure) std::rethrow_exception(ownFailure);
+  if (helperFailure) std::rethrow_exception(helperFailure);
 }
 
 }  // namespace VSKTspServer
