@@ -22,7 +22,8 @@ function(ostrand_add_test name)
   endif()
   cmake_parse_arguments(ARG "TSAN" "" "SOURCES;DEPS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} ostrand_test_support GTest::gtest GTest::gmock
+    GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     OSTRAND_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
     OSTRAND_BUILD_DIR="${CMAKE_BINARY_DIR}"

@@ -63,7 +63,7 @@ class ServedCapture {
                             options);
       ::setenv("USERPROFILE", root_.c_str(), 1);
       registerWattlineKinds(registerExperimentKind);
-      server_ = std::make_unique<testing::RunningServer>();
+      server_ = std::make_unique<ostrand_test::RunningServer>();
       if (!server_->server().isListening()) throw std::runtime_error("the server did not start");
       client_ = server_->client();
       client_->set_read_timeout(600);
@@ -98,7 +98,7 @@ class ServedCapture {
   }
 
   fs::path root_;
-  std::unique_ptr<testing::RunningServer> server_;
+  std::unique_ptr<ostrand_test::RunningServer> server_;
   std::unique_ptr<httplib::Client> client_;
   std::string uuid_;
   int64_t records_ = 0, end_ = 0;

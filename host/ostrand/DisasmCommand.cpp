@@ -3,6 +3,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <tuple>
 #include <nlohmann/json.hpp>
 
 #include "ExitCodes.hpp"
@@ -19,7 +20,7 @@ constexpr const char* kDisasmHelp =
     "  address<TAB>size<TAB>text\n"
     "Text is \"ADDRESS OPCODE    mnemonic operands\"; literal pools show as .word.\n"
     "A size of 0 marks bytes that do not decode. A and B are decimal or 0x-hex,\n"
-    "or symbol names.\n\n"
+    "symbol names, or a symbol plus an offset (main+8, main+0x4).\n\n"
     "  --elf FILE          the ARM ELF file\n"
     "  --from A, --to B    the range, both ends included\n"
     "  --json              one JSON object per instruction instead\n"
@@ -52,18 +53,31 @@ int runDisasm(int argc, char** argv) {
     std::fprintf(stderr, "ostrand disasm: %s\n", error.c_str());
     return kExitBadInput;
   }
+  // An address, a symbol, or a symbol plus an offset ("main+8", "main+0x4"),
+  // the form the listing's labels take.
   auto resolve = [&](const std::string& text) {
     std::optional<uint64_t> address = parseAddress(text);
+    if (address) return address;
+    const size_t plus = text.rfind('+');
+    const std::string name = plus == std::string::npos ? text : text.substr(0, plus);
+    std::optional<uint64_t> offset = plus == std::string::npos ? 0 : parseAddress(text.substr(plus + 1));
     uint64_t symbol = 0;
-    if (!address && session.findSymbol(text, symbol)) address = symbol;
+    if (offset && session.findSymbol(name, symbol)) address = symbol + *offset;
     return address;
   };
   auto from = resolve(fromText);
   auto to = resolve(toText);
-  if (!from || !to || *from > *to) {
-    std::fprintf(stderr, "ostrand disasm: %s\n",
-                 !from || !to ? "--from and --to need an address or a known symbol"
-                              : "--from lies above --to");
+  for (const auto& [option, text, value] :
+       {std::tuple{"--from", fromText, from}, std::tuple{"--to", toText, to}}) {
+    if (value) continue;
+    std::fprintf(stderr,
+                 "ostrand disasm: %s '%s' is neither an address nor a known symbol (SYMBOL or "
+                 "SYMBOL+OFFSET)\n",
+                 option, text.c_str());
+    return kExitUsage;
+  }
+  if (*from > *to) {
+    std::fprintf(stderr, "ostrand disasm: --from lies above --to\n");
     return kExitUsage;
   }
   if (!session.disasm()) {

@@ -20,9 +20,10 @@ constexpr const char* kLookupHelp =
     "else is looked up as a symbol name. Source text is read from the paths in the\n"
     "debug information, relative ones from the current directory.\n\n"
     "  --elf FILE          the ARM ELF file (with DWARF for file and line)\n"
-    "  --json              one JSON object per query instead\n"
+    "  --json              one JSON object per query instead (addresses as numbers)\n"
     "  --processor-id N    processor id (default 0x75803800, an Arm core)\n\n"
-    "Exit status: 0 all found, 1 some query unknown, 2 bad command line,\n"
+    "Exit status: 0 all found, 1 some symbol unknown or some address in no\n"
+    "function, 2 bad command line,\n"
     "4 the file cannot be read.\n";
 
 std::string clean(std::string text) {
@@ -64,6 +65,10 @@ int runLookup(int argc, char** argv) {
     if (address) {
       hasFunction = session.objectInfo().lookupFunction(*address, function, file, directory);
       hasLine = session.objectInfo().lookupSourceLine(*address, &line, &text);
+      if (!hasFunction) {
+        std::fprintf(stderr, "ostrand lookup: no function holds 0x%08" PRIx64 "\n", *address);
+        status = kExitFailure;
+      }
     } else {
       std::fprintf(stderr, "ostrand lookup: unknown symbol '%s'\n", query.c_str());
       status = kExitFailure;
@@ -72,7 +77,7 @@ int runLookup(int argc, char** argv) {
     if (address) std::snprintf(addressText, sizeof addressText, "0x%08" PRIx64, *address);
     if (args.json) {
       nlohmann::json out = {{"query", query},
-                            {"address", address ? nlohmann::json(addressText) : nullptr},
+                            {"address", address ? nlohmann::json(*address) : nullptr},
                             {"function", hasFunction ? nlohmann::json(function) : nullptr},
                             {"file", hasFunction ? nlohmann::json(file) : nullptr},
                             {"directory", hasFunction ? nlohmann::json(directory) : nullptr},

@@ -36,7 +36,8 @@ void printUsage(FILE* out) {
                "usage: ostrand <subcommand> [options]\n\n"
                "The command-line host of the Ostrand trace module.\n\nSubcommands:\n");
   for (const auto& sub : kSubcommands) std::fprintf(out, "  %-8s %s\n", sub.name, sub.summary);
-  std::fprintf(out, "\nRun 'ostrand <subcommand> --help' for the options of one subcommand.\n");
+  std::fprintf(out, "\nRun 'ostrand <subcommand> --help' for the options of one subcommand;\n"
+                    "'ostrand --version' prints the version.\n");
 }
 
 }  // namespace
@@ -47,6 +48,10 @@ int main(int argc, char** argv) {
     return ostrand::kExitUsage;
   }
   std::string_view name = argv[1];
+  if (name == "--version") {
+    std::printf("ostrand %s\n", OSTRAND_VERSION);
+    return ostrand::kExitOk;
+  }
   if (name == "--help" || name == "-h" || name == "help") {
     printUsage(stdout);
     return ostrand::kExitOk;

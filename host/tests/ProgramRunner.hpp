@@ -5,10 +5,10 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
+
+#include "TestSupport.hpp"
 
 namespace ostrand_test {
 
@@ -18,22 +18,8 @@ struct ProgramRun {
   std::string err;
 };
 
-inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 class ProgramRunner {
  public:
-  ProgramRunner() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ostrand-prog-XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
-  }
-  ~ProgramRunner() { std::filesystem::remove_all(dir_); }
-  ProgramRunner(const ProgramRunner&) = delete;
-  ProgramRunner& operator=(const ProgramRunner&) = delete;
 
   // `args` is shell text after the program name; runs in `workingDir` when
   // given.
@@ -52,10 +38,11 @@ class ProgramRunner {
     r.err = readFile(err);
     return r;
   }
-  const std::string& dir() const { return dir_; }
+  const std::string& dir() const { return home_.path(); }
 
  private:
-  std::string dir_;
+  TempDir home_{"ostrand-prog"};
+  const std::string& dir_ = home_.path();
 };
 
 }  // namespace ostrand_test

@@ -45,38 +45,13 @@
 
 namespace VSKTspServer {
 
+class WLStreamSource;
+
 struct ValueStats {
   int64_t count = 0;
   double min = 0.0;
   double max = 0.0;
   double mean = 0.0;
-};
-
-// One test on a row of state words; see holds().
-struct StateCondition {
-  int32_t word = 0;
-  uint32_t mask = 0;
-  int32_t shift = 0;
-  uint32_t value = 0;
-
-  // (words[word] AND mask), shifted right by `shift` (left when negative),
-  // equals `value`; a `value` of all ones asks for all bits of the field
-  // set. A word the row does not have never matches.
-  bool holds(std::span<const uint32_t> words) const;
-};
-
-struct StateField {
-  std::string name;
-  std::vector<StateCondition> conditions;
-  std::string group;
-  std::string label;
-
-  bool isActive(std::span<const uint32_t> words) const;
-};
-
-struct StateEntry {
-  uint64_t record = 0;
-  std::string name;
 };
 
 // Position in a sorted list nearest to `value`; a tie goes to the upper
@@ -154,7 +129,6 @@ class WLDataNode {
   std::unique_ptr<DSR_Base> dsr;
 
  private:
-  class Source;
   void dropStream();
   void readKind(uint8_t first);
   // Decodes `count` records at `bytes` into the columns from index `at`;
@@ -189,7 +163,7 @@ class WLDataNode {
   void decodeMapped(uint8_t tag, uint32_t stride);
   void viewColumns(uint32_t stride);
 
-  std::unique_ptr<Source> source_;
+  std::unique_ptr<WLStreamSource> source_;
   std::vector<KnownStats> known_;
   Spare spare_;
   bool hasStream_ = false;

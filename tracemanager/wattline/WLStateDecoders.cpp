@@ -370,4 +370,22 @@ std::unique_ptr<WLDataNode::DSR_Base> makeStateDecoder(WLDataNode& owner, int64_
   }
 }
 
+bool StateCondition::holds(std::span<const uint32_t> words) const {
+  if (word < 0 || static_cast<size_t>(word) >= words.size()) return false;
+  uint32_t x = words[static_cast<size_t>(word)] & mask;
+  if (shift > 0) {
+    x = shift < 32 ? x >> shift : 0;
+  } else if (shift < 0) {
+    x = -shift < 32 ? x << -shift : 0;
+  }
+  return value == 0xFFFFFFFFu ? x == mask : x == value;
+}
+
+bool StateField::isActive(std::span<const uint32_t> words) const {
+  for (const auto& condition : conditions) {
+    if (!condition.holds(words)) return false;
+  }
+  return true;
+}
+
 }  // namespace VSKTspServer

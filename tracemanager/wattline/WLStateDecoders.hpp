@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +24,33 @@
 #include "WLDataNode.hpp"
 
 namespace VSKTspServer {
+
+// One test on a row of state words; see holds().
+struct StateCondition {
+  int32_t word = 0;
+  uint32_t mask = 0;
+  int32_t shift = 0;
+  uint32_t value = 0;
+
+  // (words[word] AND mask), shifted right by `shift` (left when negative),
+  // equals `value`; a `value` of all ones asks for all bits of the field
+  // set. A word the row does not have never matches.
+  bool holds(std::span<const uint32_t> words) const;
+};
+
+struct StateField {
+  std::string name;
+  std::vector<StateCondition> conditions;
+  std::string group;
+  std::string label;
+
+  bool isActive(std::span<const uint32_t> words) const;
+};
+
+struct StateEntry {
+  uint64_t record = 0;
+  std::string name;
+};
 
 class WLDataNode::DSR_Base {
  public:

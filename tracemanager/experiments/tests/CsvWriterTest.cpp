@@ -2,13 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 
 namespace VSKTspServer {
 namespace {
 
-using testing::readFile;
-using testing::TempDir;
+using ostrand_test::readFile;
+using ostrand_test::TempDir;
 
 TEST(CsvWriter, QuotesOnlyCellsThatNeedIt) {
   TempDir dir;
@@ -31,7 +31,7 @@ TEST(CsvWriter, QuotesOnlyCellsThatNeedIt) {
 TEST(CsvWriter, HeaderOnlyAndBytesUnchanged) {
   TempDir dir;
   const std::string path = dir / "h.csv";
-  testing::writeFile(path, "old content that must go away");
+  ostrand_test::writeFile(path, "old content that must go away");
   {
     CsvWriter writer(path, {"\xC3\xA9t\xC3\xA9", "x"});
   }

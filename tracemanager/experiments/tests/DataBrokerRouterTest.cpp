@@ -4,14 +4,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 #include "VSKTrace.hpp"
 
 namespace VSKTspServer {
 namespace {
 
 using nlohmann::json;
-using testing::TempDir;
+using ostrand_test::TempDir;
 
 std::string header(const std::string& path, const std::string& name) {
   return json{{"path", path}, {"name", name}}.dump();
@@ -20,8 +20,8 @@ std::string header(const std::string& path, const std::string& name) {
 TEST(DataBrokerRouter, MissingFileReadsAsEmptyObject) {
   TempDir dir;
   DataBrokerRouter router;
-  EXPECT_EQ(router.readText(kTopicFile, header(dir.str(), "mtb_data.json")), "{}");
-  BrokerBytes bytes = router.readData(kTopicFile, header(dir.str(), "WLData.bin"));
+  EXPECT_EQ(router.readText(kTopicFile, header(dir.path(), "mtb_data.json")), "{}");
+  BrokerBytes bytes = router.readData(kTopicFile, header(dir.path(), "WLData.bin"));
   EXPECT_EQ(bytes.data, nullptr);
   EXPECT_EQ(bytes.size, 0u);
 }
@@ -29,32 +29,32 @@ TEST(DataBrokerRouter, MissingFileReadsAsEmptyObject) {
 TEST(DataBrokerRouter, FileTopicRoundTrips) {
   TempDir dir;
   DataBrokerRouter router;
-  router.writeText(kTopicFile, header(dir.str(), "metadata"), R"({"typeId":"MTB"})");
-  EXPECT_EQ(testing::readFile(dir / "metadata"), R"({"typeId":"MTB"})");
-  router.writeText(kTopicFile, header(dir.str(), "metadata"), "{}");  // truncates
-  EXPECT_EQ(router.readText(kTopicFile, header(dir.str(), "metadata")), "{}");
+  router.writeText(kTopicFile, header(dir.path(), "metadata"), R"({"typeId":"MTB"})");
+  EXPECT_EQ(ostrand_test::readFile(dir / "metadata"), R"({"typeId":"MTB"})");
+  router.writeText(kTopicFile, header(dir.path(), "metadata"), "{}");  // truncates
+  EXPECT_EQ(router.readText(kTopicFile, header(dir.path(), "metadata")), "{}");
 
   const uint8_t raw[] = {0x12, 0x00, 0xFF, 0x0A, 0x0D};
-  router.writeData(kTopicFile, header(dir.str(), "WLData.bin"), raw, sizeof raw);
-  BrokerBytes back = router.readData(kTopicFile, header(dir.str(), "WLData.bin"));
+  router.writeData(kTopicFile, header(dir.path(), "WLData.bin"), raw, sizeof raw);
+  BrokerBytes back = router.readData(kTopicFile, header(dir.path(), "WLData.bin"));
   ASSERT_NE(back.data, nullptr);
   ASSERT_EQ(back.size, sizeof raw);
   EXPECT_EQ(std::memcmp(back.data.get(), raw, sizeof raw), 0);
 
-  router.writeData(kTopicFile, header(dir.str(), "empty.bin"), nullptr, 0);
-  BrokerBytes empty = router.readData(kTopicFile, header(dir.str(), "empty.bin"));
+  router.writeData(kTopicFile, header(dir.path(), "empty.bin"), nullptr, 0);
+  BrokerBytes empty = router.readData(kTopicFile, header(dir.path(), "empty.bin"));
   EXPECT_NE(empty.data, nullptr);  // a file that exists is a buffer, even empty
   EXPECT_EQ(empty.size, 0u);
 }
 
 TEST(DataBrokerRouter, OtherTopicsGetTheBaseBehaviour) {
   TempDir dir;
-  testing::writeFile(dir / "mtb_data.json", "{\"code\":[]}");
+  ostrand_test::writeFile(dir / "mtb_data.json", "{\"code\":[]}");
   DataBrokerRouter router;
-  EXPECT_EQ(router.readText(kTopicMtb, header(dir.str(), "mtb_data.json")), "");
+  EXPECT_EQ(router.readText(kTopicMtb, header(dir.path(), "mtb_data.json")), "");
   EXPECT_EQ(router.readText(kTopicWl, "{}"), "");
-  EXPECT_EQ(router.readData(kTopicEtb, header(dir.str(), "mtb_data.json")).data, nullptr);
-  router.writeText(kTopicMtb, header(dir.str(), "new"), "x");
+  EXPECT_EQ(router.readData(kTopicEtb, header(dir.path(), "mtb_data.json")).data, nullptr);
+  router.writeText(kTopicMtb, header(dir.path(), "new"), "x");
   EXPECT_FALSE(std::filesystem::exists(dir / "new"));
 }
 
@@ -81,37 +81,37 @@ TEST(DataBrokerRouter, WritingIntoAMissingDirectoryIsSilent) {
 
 TEST(VSKTraceMetadata, TypeComesFromTheFile) {
   TempDir dir;
-  testing::writeFile(dir / "metadata", R"({"typeId":"ETB","device":"P/M4"})");
-  VSKTrace trace("ETB", dir.str(), "");
+  ostrand_test::writeFile(dir / "metadata", R"({"typeId":"ETB","device":"P/M4"})");
+  VSKTrace trace("ETB", dir.path(), "");
   EXPECT_EQ(trace.type, "ETB");
-  EXPECT_EQ(trace.path, dir.str());
+  EXPECT_EQ(trace.path, dir.path());
   EXPECT_EQ(trace.UUID.size(), 36u);
   EXPECT_EQ(dataFileName(trace, "etb_data.json"), "etb_data.json");
 
-  testing::writeFile(dir / "metadata", R"({"typeId":"MTB","dataFile":"other.json"})");
+  ostrand_test::writeFile(dir / "metadata", R"({"typeId":"MTB","dataFile":"other.json"})");
   trace.readMetadata();
   EXPECT_EQ(trace.type, "MTB");
   EXPECT_EQ(dataFileName(trace, "mtb_data.json"), "other.json");
-  testing::writeFile(dir / "metadata", R"({"typeId":"MTB","dataFile":7})");
+  ostrand_test::writeFile(dir / "metadata", R"({"typeId":"MTB","dataFile":7})");
   trace.readMetadata();
   EXPECT_EQ(dataFileName(trace, "mtb_data.json"), "mtb_data.json");
 
-  testing::writeFile(dir / "metadata", "null");
+  ostrand_test::writeFile(dir / "metadata", "null");
   trace.readMetadata();
   EXPECT_EQ(trace.type, "MTB");  // null keeps the type
 }
 
 TEST(VSKTraceMetadata, BrokenMetadataThrows) {
   TempDir dir;
-  EXPECT_THROW(VSKTrace("x", dir.str(), "MTB"), json::parse_error);  // no file
-  testing::writeFile(dir / "metadata", "");
-  EXPECT_THROW(VSKTrace("x", dir.str(), "MTB"), json::parse_error);
-  testing::writeFile(dir / "metadata", R"({"device":"a"})");
-  EXPECT_THROW(VSKTrace("x", dir.str(), "MTB"), json::out_of_range);
-  testing::writeFile(dir / "metadata", R"([1])");
-  EXPECT_THROW(VSKTrace("x", dir.str(), "MTB"), json::type_error);
-  testing::writeFile(dir / "metadata", R"({"typeId":3})");
-  EXPECT_THROW(VSKTrace("x", dir.str(), "MTB"), json::type_error);
+  EXPECT_THROW(VSKTrace("x", dir.path(), "MTB"), json::parse_error);  // no file
+  ostrand_test::writeFile(dir / "metadata", "");
+  EXPECT_THROW(VSKTrace("x", dir.path(), "MTB"), json::parse_error);
+  ostrand_test::writeFile(dir / "metadata", R"({"device":"a"})");
+  EXPECT_THROW(VSKTrace("x", dir.path(), "MTB"), json::out_of_range);
+  ostrand_test::writeFile(dir / "metadata", R"([1])");
+  EXPECT_THROW(VSKTrace("x", dir.path(), "MTB"), json::type_error);
+  ostrand_test::writeFile(dir / "metadata", R"({"typeId":3})");
+  EXPECT_THROW(VSKTrace("x", dir.path(), "MTB"), json::type_error);
 }
 
 }  // namespace

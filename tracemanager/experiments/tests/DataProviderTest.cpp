@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "CsvWriter.hpp"
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 #include "VSKExperiment.hpp"
 
 namespace VSKTspServer {
@@ -35,13 +35,6 @@ class FixedTable : public VSKTableProvider {
     }
     return r;
   }
-};
-
-// Implements the table interface without the table base class.
-class LooseTable : public VSKDataProvider, public IVirtualTableProvider {
- public:
-  ColumnsResponse getColumns(std::string) override { return {}; }
-  TableLinesResponse getLines(TableLinesRequest) override { return {}; }
 };
 
 class Graph : public VSKTimeGraphProvider {
@@ -82,40 +75,16 @@ TEST(DataProviders, EachBaseCountsItsOwnIds) {
   EXPECT_EQ(first.description, "");
 }
 
-TEST(DataProviders, AnnotationsAreEmptyWithEmptyStatus) {
-  Graph graph;
-  VSKDataProvider* provider = &graph;
-  EXPECT_EQ(nlohmann::json(provider->getAnnotationCategories({})).dump(),
-            R"({"model":{"annotationCategories":[]},"status":"","statusMessage":""})");
-  EXPECT_EQ(nlohmann::json(provider->getAnnotations({})).dump(),
-            R"({"model":{"annotations":{}},"status":"","statusMessage":""})");
-}
-
-TEST(DataProviders, RoutesCastFromTheOutputType) {
-  LooseTable loose;
-  Graph graph;
-  FixedTable table;
-  VSKDataProvider* asOutput = &loose;
-  EXPECT_EQ(dynamic_cast<VSKTableProvider*>(asOutput), nullptr);
-  asOutput = &graph;
-  EXPECT_NE(dynamic_cast<IStylesProvider*>(asOutput), nullptr);
-  EXPECT_NE(dynamic_cast<ITimeGraphProvider*>(asOutput), nullptr);
-  EXPECT_EQ(dynamic_cast<VSKTableProvider*>(asOutput), nullptr);
-  asOutput = &table;
-  EXPECT_NE(dynamic_cast<VSKTableProvider*>(asOutput), nullptr);
-  EXPECT_EQ(dynamic_cast<IXYDataProvider*>(asOutput), nullptr);
-}
-
 TEST(DataProviders, ExportWritesEveryCellAndFailsCleanly) {
-  testing::TempDir dir;
+  ostrand_test::TempDir dir;
   FixedTable table;
   table.lines = {{"1", "x,y"}, {"", "z"}};
   ASSERT_EQ(table.exportCsv(dir / "t.csv"), 0);
-  EXPECT_EQ(testing::readFile(dir / "t.csv"), "A,B\r\n1,\"x,y\"\r\n,z\r\n");
+  EXPECT_EQ(ostrand_test::readFile(dir / "t.csv"), "A,B\r\n1,\"x,y\"\r\n,z\r\n");
 
   FixedTable empty;
   ASSERT_EQ(empty.exportCsv(dir / "e.csv"), 0);
-  EXPECT_EQ(testing::readFile(dir / "e.csv"), "A,B\r\n");
+  EXPECT_EQ(ostrand_test::readFile(dir / "e.csv"), "A,B\r\n");
 
   EXPECT_EQ(table.exportCsv(dir / "missing/t.csv"), -1);
   EXPECT_EQ(table.exportCsv(dir / "again.csv"), 0);  // still usable

@@ -6,14 +6,14 @@
 #include <thread>
 
 #include "DataBrokerRouter.hpp"
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 
 namespace VSKTspServer {
 namespace {
 
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
+using ostrand_test::readFile;
+using ostrand_test::TempDir;
+using ostrand_test::writeFile;
 
 EtbRecordStore::Record record(int n) {
   return {{"addr", "0000010" + std::to_string(n)},
@@ -32,7 +32,7 @@ class EtbCapture : public ::testing::Test {
   void SetUp() override { writeFile(dir / "metadata", R"({"typeId":"ETB","device":"P/M7"})"); }
   std::unique_ptr<ETBExperiment> openExperiment() {
     auto experiment = std::make_unique<ETBExperiment>("M7_CoreTrace", &router);
-    experiment->addTrace(VSKTrace("ETB", dir.str(), ""));
+    experiment->addTrace(VSKTrace("ETB", dir.path(), ""));
     experiment->open();
     return experiment;
   }

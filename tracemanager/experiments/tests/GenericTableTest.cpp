@@ -4,15 +4,19 @@
 
 #include "DataBrokerRouter.hpp"
 #include "TDFExperiment.hpp"
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 
 namespace VSKTspServer {
 namespace {
 
+std::string goldenPath(const std::string& name) {
+  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
+}
+
 using nlohmann::json;
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
+using ostrand_test::readFile;
+using ostrand_test::TempDir;
+using ostrand_test::writeFile;
 
 TableLinesRequest range(int64_t index, int32_t count) {
   TableLinesRequest r;
@@ -31,11 +35,11 @@ class TdfCapture : public ::testing::Test {
  protected:
   void SetUp() override {
     writeFile(dir / "metadata", R"({"typeId":"TDF","device":"file/run","dataFile":"tdf_data.json"})");
-    writeFile(dir / "tdf_data.json", readFile(testing::goldenPath("tdf_small.json")));
+    writeFile(dir / "tdf_data.json", readFile(goldenPath("tdf_small.json")));
   }
   std::unique_ptr<TDFExperiment> openExperiment() {
     auto experiment = std::make_unique<TDFExperiment>("run_TDF", &router);
-    experiment->addTrace(VSKTrace("TDF", dir.str(), ""));
+    experiment->addTrace(VSKTrace("TDF", dir.path(), ""));
     experiment->open();
     return experiment;
   }
@@ -47,7 +51,7 @@ TEST_F(TdfCapture, ExportMatchesGoldenFile) {
   auto experiment = openExperiment();
   EXPECT_EQ(experiment->indexingStatus, "COMPLETED");
   ASSERT_EQ(experiment->exportCsv("", ""), 0);
-  EXPECT_EQ(readFile(dir / "Trace.csv"), readFile(testing::goldenPath("tdf_small.csv")));
+  EXPECT_EQ(readFile(dir / "Trace.csv"), readFile(goldenPath("tdf_small.csv")));
   EXPECT_EQ(experiment->exportCsv("", "Other"), -1);
   EXPECT_EQ(experiment->exportCsv(dir / "named.csv", "Trace"), 0);
   EXPECT_EQ(experiment->exportCsv("", "Trace"), -1);  // a name needs a path

@@ -3,16 +3,19 @@
 #include <gtest/gtest.h>
 
 #include "DataBrokerRouter.hpp"
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 
 namespace VSKTspServer {
 namespace {
 
+std::string goldenPath(const std::string& name) {
+  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
+}
+
 using nlohmann::json;
-using testing::goldenPath;
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
+using ostrand_test::readFile;
+using ostrand_test::TempDir;
+using ostrand_test::writeFile;
 
 class MtbCapture : public ::testing::Test {
  protected:
@@ -22,7 +25,7 @@ class MtbCapture : public ::testing::Test {
   }
   std::unique_ptr<MTBExperiment> openExperiment() {
     auto experiment = std::make_unique<MTBExperiment>("M4_CoreTrace", &router);
-    experiment->addTrace(VSKTrace("MTB", dir.str(), ""));
+    experiment->addTrace(VSKTrace("MTB", dir.path(), ""));
     experiment->open();
     return experiment;
   }

@@ -9,10 +9,14 @@
 #include "MTBTable.hpp"
 #include "TableLinesWriter.hpp"
 #include "DataBrokerRouter.hpp"
-#include "TestDirs.hpp"
+#include "TestSupport.hpp"
 
 namespace VSKTspServer {
 namespace {
+
+std::string goldenPath(const std::string& name) {
+  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
+}
 
 using nlohmann::json;
 
@@ -96,13 +100,13 @@ TEST(MtbWriteLines, SameBytesAsTheModelForEveryLineAndFlavour) {
 }
 
 TEST(MtbWriteLines, TheCaptureOfTheGoldenFilesAfterRefresh) {
-  testing::TempDir dir;
-  testing::writeFile(dir / "metadata",
+  ostrand_test::TempDir dir;
+  ostrand_test::writeFile(dir / "metadata",
                      R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
-  testing::writeFile(dir / "mtb_data.json", testing::readFile(testing::goldenPath("mtb_small.json")));
+  ostrand_test::writeFile(dir / "mtb_data.json", ostrand_test::readFile(goldenPath("mtb_small.json")));
   DataBrokerRouter router;
   MTBExperiment experiment("M4_CoreTrace", &router);
-  experiment.addTrace(VSKTrace("MTB", dir.str(), ""));
+  experiment.addTrace(VSKTrace("MTB", dir.path(), ""));
   experiment.open();
   expectSameTextEverywhere(*experiment.discontinuityTable, 4);
   experiment.refresh();

@@ -17,6 +17,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#include "TestSupport.hpp"
 #include "json_interface/ModuleConnection.hpp"
 
 using JSONInterface::ExternalModule::ModuleConnection;
@@ -83,9 +84,6 @@ class ModuleTest : public ::testing::Test {
   void SetUp() override {
     // The module starts its per-user tree with the first connection; it goes
     // to a temporary home, never the real one.
-    std::string pattern = (std::filesystem::temp_directory_path() / "ostrand-module-XXXXXX").string();
-    home = mkdtemp(pattern.data());
-    setenv("USERPROFILE", home.c_str(), 1);
     handle = dlopen(OSTRAND_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(handle, nullptr) << dlerror();
     list = reinterpret_cast<ListJSONInterfaceModulesFn>(dlsym(handle, "ListJSONInterfaceModules"));
@@ -95,7 +93,6 @@ class ModuleTest : public ::testing::Test {
   }
   void TearDown() override {
     if (handle != nullptr) dlclose(handle);
-    std::filesystem::remove_all(home);
   }
   void unload() {
     dlclose(handle);
@@ -105,7 +102,7 @@ class ModuleTest : public ::testing::Test {
   // Hosts outlive the module: members are destroyed after TearDown has
   // unloaded it, so no worker can still be inside one of their receive().
   RecordingHost hosts[3];
-  std::string home;
+  ostrand_test::TempHome home;
   void* handle = nullptr;
   ListJSONInterfaceModulesFn list = nullptr;
   CreateJSONInterfaceModuleFn create = nullptr;

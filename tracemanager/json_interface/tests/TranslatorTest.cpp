@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <algorithm>
-#include <set>
 #include <thread>
 
 #include "TestSink.hpp"
@@ -26,89 +24,6 @@ class TranslatorTest : public ::testing::Test {
     return texts.empty() ? std::string() : texts.back();
   }
 };
-
-TEST_F(TranslatorTest, ListCommandsNamesAllTwentyFour) {
-  std::string text = reply(R"({"command":"listCommands","id":7})");
-  Json::Value root;
-  ASSERT_TRUE(Json::Reader().parse(text, root));
-  EXPECT_EQ(root["response"].asUInt(), 7u);
-  std::set<std::string> names;
-  for (const auto& n : root["data"]["commands"]) names.insert(n.asString());
-  EXPECT_EQ(names.size(), 24u);
-  for (const char* expected :
-       {"listCommands", "cloudTrace.getTestString", "cloudTrace.getDevices", "cloudTrace.getListOfUsecases",
-        "cloudTrace.getLiveTraceReceivers", "cloudTrace.configureTargetSession",
-        "cloudTrace.configureTDFSession", "cloudTrace.configureSession", "cloudTrace.stopSession",
-        "cloudTrace.exportCaptureToCSV", "cloudTrace.startTspServer", "cloudTrace.terminateTspServer",
-        "cloudTrace.enableLiveTrace", "cloudTrace.enableLiveTraces", "cloudTrace.disableLiveTraces",
-        "cloudTrace.enableETB", "cloudTrace.disableETB", "cloudTrace.enableMTB", "cloudTrace.disableMTB",
-        "cloudTrace.enableWL", "cloudTrace.disableWL", "scripting.configureTrace",
-        "scripting.configureTargetSession", "scripting.exportCaptureToCSV"}) {
-    EXPECT_TRUE(names.count(expected)) << expected;
-  }
-  EXPECT_EQ(text.rfind(R"({"data":{"commands":[)", 0), 0u);
-  EXPECT_NE(text.back(), '\n');
-}
-
-TEST_F(TranslatorTest, MessageFormsAndTheirErrors) {
-  struct Case {
-    const char* in;
-    const char* out;
-  };
-  const Case cases[] = {
-      {R"({"command":"nope","id":3})", R"({"data":{"message":"Unknown command: \"nope\""},"error":3})"},
-      // The name is looked up before the id is converted.
-      {R"({"command":"nope","id":"x"})", R"({"data":{"message":"Unknown command: \"nope\""},"error":"x"})"},
-      {R"({"command":"listCommands","id":"x"})",
-       R"({"data":{"message":"Cannot convert \"x\" to unsigned int"},"error":"x"})"},
-      {R"({"command":"listCommands","id":-1})",
-       R"({"data":{"message":"Cannot convert -1 to unsigned int"},"error":-1})"},
-      {R"({"id":3})", R"({"data":{"message":"No operation specified: \"{\"id\":3}\""},"error":3})"},
-      {"garbage", R"({"data":{"message":"Failed to parse \"garbage\""},"error":null})"},
-      {"12", R"({"data":{"message":"Failed to parse \"12\""},"error":null})"},
-      {R"({"command":null,"cancel":null})",
-       R"({"data":{"message":"No operation specified: \"{\"command\":null,\"cancel\":null}\""},"error":null})"},
-      {R"([{"command":"listCommands","id":1}])",
-       R"({"data":{"message":"No operation specified: \"[{\"command\":\"listCommands\",\"id\":1}]\""},"error":null})"},
-      {R"({"command":"cloudTrace.getTestString","data":["x"],"id":1,/*c*/})",
-       R"({"data":{"message":"Failed to parse \"{\"command\":\"cloudTrace.getTestString\",\"data\":[\"x\"],\"id\":1,/*c*/}\""},"error":null})"},
-      {R"({"cancel":"x"})", R"({"data":{"message":"Value is not convertible to UInt."},"error":null})"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(reply(c.in), c.out) << c.in;
-}
-
-TEST_F(TranslatorTest, MissingIdAnswersZeroAndTrailingTextIsIgnored) {
-  EXPECT_EQ(reply(R"({"command":"cloudTrace.stopSession"})"), R"({"response":0})");
-  EXPECT_EQ(reply(R"({"command":"cloudTrace.stopSession","id":7} trailing)"), R"({"response":7})");
-  // "cancel" is not looked at when "command" is present.
-  EXPECT_EQ(reply(R"({"command":"cloudTrace.stopSession","cancel":5,"id":2})"), R"({"response":2})");
-}
-
-TEST_F(TranslatorTest, NestingBeyondTheLimitIsAnError) {
-  std::string deep(1100, '[');
-  deep += std::string(1100, ']');
-  EXPECT_EQ(reply(deep), R"({"data":{"message":"Exceeded stackLimit in readValue()."},"error":null})");
-  std::string fine(900, '[');
-  fine += std::string(900, ']');
-  EXPECT_NE(reply(fine).find("No operation specified"), std::string::npos);
-}
-
-TEST_F(TranslatorTest, CancelOfUnknownIdSendsNothing) {
-  out.clear();
-  translator.process(R"({"cancel":99})");
-  EXPECT_TRUE(out.texts().empty());
-}
-
-TEST_F(TranslatorTest, HandlersThrowingAnythingAreAnsweredAndTheCallerSurvives) {
-  translator.addCommand("test.throwInt", [](unsigned int, const Json::Value&) { throw 42; });
-  translator.addCommand("test.throwStd", [](unsigned int, const Json::Value&) {
-    throw std::logic_error("handler failed");
-  });
-  EXPECT_EQ(reply(R"({"command":"test.throwInt","id":4})"),
-            R"({"data":{"message":"An internal error occurred"},"error":4})");
-  EXPECT_EQ(reply(R"({"command":"test.throwStd","id":5})"),
-            R"({"data":{"message":"handler failed"},"error":5})");
-}
 
 TEST_F(TranslatorTest, DeferredCommandsAnswerWhenTheirOperationSettles) {
   low::promise<void> operation;

@@ -8,6 +8,7 @@
 
 #include "FakeSymbolManager.hpp"
 #include "HostApis.hpp"
+#include "TestSupport.hpp"
 
 namespace fs = std::filesystem;
 
@@ -15,22 +16,10 @@ namespace {
 
 class ObjectFileInfoTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    QX_NLV::setSymbolManagerApi(&manager);
-    dir = fs::temp_directory_path() /
-          ("ofi_" + std::to_string(::getpid()) + "_" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir);
-  }
-  void TearDown() override {
-    QX_NLV::setSymbolManagerApi(nullptr);
-    fs::remove_all(dir);
-  }
+  void SetUp() override { QX_NLV::setSymbolManagerApi(&manager); }
+  void TearDown() override { QX_NLV::setSymbolManagerApi(nullptr); }
   fs::path write(const std::string& name, const std::string& text) {
-    fs::path path = dir / name;
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
+    return home.writeText(name, text);
   }
   static std::string tenLines() {
     std::string text;
@@ -39,7 +28,8 @@ class ObjectFileInfoTest : public ::testing::Test {
   }
 
   fake::Manager manager;
-  fs::path dir;
+  ostrand_test::TempDir home{"ofi"};
+  const fs::path dir = home.path();
 };
 
 TEST_F(ObjectFileInfoTest, WithoutSymbolManagerCreateGivesEmptyPointer) {

@@ -1,103 +1,35 @@
 // Test helper: a temporary user directory with capture directories laid out
-// as the capture side leaves them. Sets USERPROFILE for the test's life.
+// as the capture side leaves them. It is the user's home for the test's life.
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
-namespace VSKTspServer::testing {
+#include "SampleCaptures.hpp"
+#include "TestSupport.hpp"
 
-class CaptureTree {
+namespace ostrand_test {
+
+class CaptureTree : public TempHome {
  public:
-  CaptureTree() {
-    std::random_device random;
-    root_ = std::filesystem::temp_directory_path() /
-            ("ostrand-tsp-" + std::to_string(random()) + std::to_string(random()));
-    std::filesystem::create_directories(root_);
-    if (const char* old = std::getenv("USERPROFILE")) saved_ = old, hadSaved_ = true;
-    ::setenv("USERPROFILE", root_.c_str(), 1);
-  }
-  ~CaptureTree() {
-    if (hadSaved_) {
-      ::setenv("USERPROFILE", saved_.c_str(), 1);
-    } else {
-      ::unsetenv("USERPROFILE");
-    }
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
-  }
-  CaptureTree(const CaptureTree&) = delete;
-  CaptureTree& operator=(const CaptureTree&) = delete;
-
-  std::filesystem::path liveTargets() const { return root_ / ".QX-trace/data/live-targets"; }
-  std::filesystem::path root() const { return root_; }
+  std::filesystem::path liveTargets() const { return root() / ".QX-trace/data/live-targets"; }
+  std::filesystem::path root() const { return path(); }
 
   // <live-targets>/<target>/<type>/ with a `metadata` file; gives the
   // directory.
   std::filesystem::path addLiveCapture(const std::string& target, const std::string& type,
                                        nlohmann::json metadata = nullptr) {
-    if (metadata.is_null()) metadata = defaultMetadata(target, type);
+    if (metadata.is_null()) metadata = VSKTspServer::samples::defaultMetadata(target, type);
     auto dir = liveTargets() / target / type;
     writeFile(dir / "metadata", metadata.dump());
     return dir;
   }
 
-  static nlohmann::json defaultMetadata(const std::string& target, const std::string& type) {
-    std::string dataFile = type == "MTB" ? "mtb_data.json"
-                           : type == "TDF" ? "tdf_data.json"
-                           : type == "ETB" ? "etb_data.json"
-                                           : "unknown";
-    return {{"typeId", type},       {"device", target},   {"deviceId", "unknown"},
-            {"source", "VSK Vireo"}, {"dataFile", dataFile}, {"time", "2024-01-01T00:00:00Z"}};
-  }
-
   static void writeFile(const std::filesystem::path& file, const std::string& text) {
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
+    ostrand_test::writeFile(file, text);
   }
-
-  // An MTB document with `runs` runs of `perRun` instructions each.
-  static nlohmann::json mtbDocument(int runs, int perRun) {
-    nlohmann::json doc = {{"header", {"PC", "Asm"}}, {"data", nlohmann::json::array()},
-                          {"code", nlohmann::json::array()}};
-    int seq = 0;
-    for (int r = 0; r < runs; ++r) {
-      doc["data"].push_back({{"seq", r},
-                             {"first", r == 0 ? "" : "08000100"},
-                             {"last", "08000110"},
-                             {"function", "fn" + std::to_string(r)},
-                             {"file", "main.c"},
-                             {"dir", "/src"}});
-      nlohmann::json code = nlohmann::json::array();
-      for (int i = 0; i < perRun; ++i) {
-        code.push_back({{"seq", seq++},
-                        {"addr", "080001" + std::to_string(10 + i)},
-                        {"asm", "  movs r0, #1"},
-                        {"lno", 12 + i},
-                        {"src", "    x = 1;"}});
-      }
-      doc["code"].push_back(code);
-    }
-    return doc;
-  }
-
-  static nlohmann::json tdfDocument(int rows) {
-    nlohmann::json doc = {{"Columns", {{{"name", "Time"}}, {{"name", "Event"}}}},
-                          {"Rows", nlohmann::json::array()}};
-    for (int i = 0; i < rows; ++i)
-      doc["Rows"].push_back({std::to_string(i), i % 2 ? nlohmann::json(nullptr) : "a,b"});
-    return doc;
-  }
-
- private:
-  std::filesystem::path root_;
-  std::string saved_;
-  bool hadSaved_ = false;
 };
 
-}  // namespace VSKTspServer::testing
+}  // namespace ostrand_test

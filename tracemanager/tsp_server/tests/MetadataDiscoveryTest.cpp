@@ -10,7 +10,7 @@
 namespace VSKTspServer {
 namespace {
 
-using testing::CaptureTree;
+using ostrand_test::CaptureTree;
 
 std::vector<std::string> sorted(std::vector<std::string> v) {
   std::sort(v.begin(), v.end());

@@ -25,8 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using testing::CaptureTree;
-using testing::RunningServer;
+using ostrand_test::CaptureTree;
+using ostrand_test::RunningServer;
 using Clock = std::chrono::steady_clock;
 
 // A connection that says exactly what the test writes.
@@ -168,7 +168,7 @@ TEST_F(SecurityTest, ForeignHostCannotStopTheServerOrReadIt) {
     auto res = client->Get(path, {{"Host", "evil.example"}, {"Origin", "http://evil.example"}});
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 403) << path;
-    EXPECT_EQ(res->body, testing::errorPage(403));
+    EXPECT_EQ(res->body, ostrand_test::errorPage(403));
   }
   auto image = client->Get("/stop", {{"Sec-Fetch-Site", "cross-site"}});
   ASSERT_TRUE(image);

@@ -17,7 +17,9 @@
 
 #include "TspServer.hpp"
 
-namespace VSKTspServer::testing {
+namespace ostrand_test {
+
+using VSKTspServer::TspServer;
 
 // A port that was free a moment ago (the kernel's choice for port 0).
 inline int freeLoopbackPort() {
@@ -117,4 +119,4 @@ inline std::string errorPage(int status) {
   return "<p>Error Status: <span style='color:red;'>" + std::to_string(status) + "</span></p>";
 }
 
-}  // namespace VSKTspServer::testing
+}  // namespace ostrand_test

@@ -19,51 +19,10 @@
 namespace VSKTspServer {
 namespace {
 
-using testing::CaptureTree;
-using testing::errorPage;
-using testing::freeLoopbackPort;
-using testing::RunningServer;
-
-TEST(TspServerTest, HealthAnswersUpWithExactStatusAndContentType) {
-  CaptureTree tree;
-  RunningServer running;
-  ASSERT_TRUE(running.server().isStarted());
-  auto res = running.client()->Get("/tsp/api/health");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 200);
-  EXPECT_EQ(res->get_header_value("Content-Type"), "application/json");
-  EXPECT_EQ(res->body, R"({"status":"UP"})");
-}
-
-TEST(TspServerTest, UnknownPathAndWrongMethodAnswer404WithTheErrorPage) {
-  CaptureTree tree;
-  RunningServer running;
-  auto client = running.client();
-  std::vector<httplib::Result> results;
-  results.push_back(client->Get("/tsp/api/nothing"));
-  results.push_back(client->Delete("/tsp/api/health"));
-  results.push_back(client->Get("/tsp/api/experiments/bad!id"));
-  for (const auto& res : results) {
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 404);
-    EXPECT_EQ(res->get_header_value("Content-Type"), "text/html");
-    EXPECT_EQ(res->body, errorPage(404));
-  }
-}
-
-TEST(TspServerTest, MalformedBodyGives500WithExceptionTextAndNextRequestIsServed) {
-  CaptureTree tree;
-  RunningServer running;
-  auto client = running.client();
-  auto bad = client->Post("/tsp/api/experiments", "{not json", "application/json");
-  ASSERT_TRUE(bad);
-  EXPECT_EQ(bad->status, 500);
-  EXPECT_NE(bad->get_header_value("EXCEPTION_WHAT").find("parse error"), std::string::npos);
-  EXPECT_EQ(bad->body, errorPage(500));
-  auto good = client->Get("/tsp/api/health");
-  ASSERT_TRUE(good);
-  EXPECT_EQ(good->status, 200);
-}
+using ostrand_test::CaptureTree;
+using ostrand_test::errorPage;
+using ostrand_test::freeLoopbackPort;
+using ostrand_test::RunningServer;
 
 // A request line the library rejects before routing still passes the
 // post-routing handler; it must not release a lock it never took.
@@ -115,10 +74,10 @@ TEST(TspServerTest, OperationsBeforeRunDoNothing) {
 
 TEST(TspServerTest, TakenPortIsReportedAndRunReturns) {
   CaptureTree tree;
-  const int port = testing::freeLoopbackPort();
+  const int port = ostrand_test::freeLoopbackPort();
   // "localhost" may stand for both loopback addresses; the server takes
   // whichever it can bind, so the port is taken only when both are.
-  testing::PortBlocker blocker(port);
+  ostrand_test::PortBlocker blocker(port);
   ASSERT_TRUE(blocker.blocking());
   TspServer server;
   server.port = port;
@@ -133,7 +92,7 @@ TEST(TspServerTest, TakenPortIsReportedAndRunReturns) {
 // default) must not let this one bind beside it.
 TEST(TspServerTest, PortHeldByAPortSharingServerCountsAsTaken) {
   CaptureTree tree;
-  const int port = testing::freeLoopbackPort();
+  const int port = ostrand_test::freeLoopbackPort();
   httplib::Server other;
   ASSERT_TRUE(other.bind_to_port("127.0.0.1", port));
   TspServer server;
@@ -148,7 +107,7 @@ TEST(TspServerTest, SecondServerInTheProcessDoesNotTakeOverTheModel) {
   RunningServer first;
   ModelManager* model = theModelManager;
   TspServer second;
-  second.port = testing::freeLoopbackPort();
+  second.port = ostrand_test::freeLoopbackPort();
   second.run();
   EXPECT_TRUE(second.listenFailed());
   second.terminate();
@@ -197,6 +156,7 @@ TEST(TspServerTest, RequestsAndCaptureSideCallsAreSerialised) {
   EXPECT_EQ(ok.load(), 40);
 }
 
+}  // namespace
 // The viewer's files under "/", beside protocol routes that answer as
 // before, and nothing outside the viewer's folder.
 TEST(TspServerTest, ViewerFilesAreServedBesideUnchangedProtocolRoutes) {
@@ -251,5 +211,7 @@ TEST(TspServerTest, ClientOfferingBrotliGetsGzipOrPlainText) {
   }
 }
 
-}  // namespace
+ }  // namespace
+ }  // namespace VSKTspServer
+
 }  // namespace VSKTspServer

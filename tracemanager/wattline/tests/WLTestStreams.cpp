@@ -1,11 +1,5 @@
 #include "WLTestStreams.hpp"
 
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-
 namespace wltest {
 
 StreamBuilder::StreamBuilder(uint8_t tag, unsigned wordsPerRecord)
@@ -31,30 +25,6 @@ StreamBuilder& StreamBuilder::addWithTag(uint8_t tag, const Sample& s) {
   put(s.voltage, 2);
   put(s.energy, 4);
   return *this;
-}
-
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "wltest-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TempDir::write(const std::string& name, const std::vector<uint8_t>& bytes) const {
-  const std::string file = path_ + "/" + name;
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  return file;
-}
-
-std::string TempDir::writeText(const std::string& name, const std::string& text) const {
-  const std::string file = path_ + "/" + name;
-  std::ofstream(file, std::ios::trunc) << text;
-  return file;
 }
 
 }  // namespace wltest

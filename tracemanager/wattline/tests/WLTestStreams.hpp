@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.hpp"
+
 namespace wltest {
 
 struct Sample {
@@ -36,20 +38,6 @@ class StreamBuilder {
   std::vector<uint8_t> bytes_;
 };
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object goes.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string write(const std::string& name, const std::vector<uint8_t>& bytes) const;
-  std::string writeText(const std::string& name, const std::string& text) const;
-
- private:
-  std::string path_;
-};
+using TempDir = ostrand_test::TempDir;
 
 }  // namespace wltest

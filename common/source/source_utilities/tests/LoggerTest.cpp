@@ -8,17 +8,12 @@
 #include <regex>
 #include <sstream>
 
-#include "TestEnv.hpp"
+#include "TestSupport.hpp"
 #include "uEnvironment.hpp"
 
 namespace {
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using ostrand_test::readFile;
 
 class LoggerTest : public ::testing::Test {
  protected:

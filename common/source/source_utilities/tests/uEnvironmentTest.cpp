@@ -8,7 +8,7 @@
 
 #include "Platform.hpp"
 #include "SourceUtilitiesError.hpp"
-#include "TestEnv.hpp"
+#include "TestSupport.hpp"
 
 using namespace QX_NLV;
 

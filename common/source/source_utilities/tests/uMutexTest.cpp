@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "uFile.hpp"
-#include "TestEnv.hpp"
+#include "TestSupport.hpp"
 
 using QX_NLV::uMutex;
 

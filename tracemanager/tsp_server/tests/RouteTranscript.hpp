@@ -1,0 +1,168 @@
+// Route tests as transcripts: a file of requests is sent, in order, to a
+// server running in the test's process, and the answers (status, content
+// type, the exception text of a 500, the body) are compared with an expected
+// transcript beside it (see ostrand_test::matchesGolden for the update mode).
+//
+// A request line is `METHOD PATH [BODY]`; `#` starts a comment. In paths and
+// bodies `{NAME}` stands for the UUID of the experiment called NAME,
+// `{NAME:OUTPUT}` for the id of its output called OUTPUT, `{NAME/trace}` for
+// the UUID of its first trace, `{N}` for a trace opened by hand under the
+// name N, and `{home}` for the temporary user directory.
+// Answers show the same placeholders in place of the random UUIDs and the
+// directory, and lists of experiments by name. Two more lines act on the capture tree below live-targets:
+// `! remove TARGET/TYPE` and `! capture TARGET TYPE` (a metadata file only).
+#pragma once
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <set>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "CaptureTree.hpp"
+#include "ServerFixture.hpp"
+#include "TestSupport.hpp"
+
+namespace ostrand_test {
+
+class RouteTranscript {
+ public:
+  RouteTranscript(RunningServer& server, CaptureTree& tree)
+      : client_(server.client()), tree_(tree) {}
+
+  // Runs `<base>.http` and compares the answers with `<base>.expected`.
+  ::testing::AssertionResult run(const std::string& base) {
+    std::ifstream in(base + ".http");
+    if (!in) return ::testing::AssertionFailure() << "cannot read " << base << ".http";
+    std::ostringstream out;
+    std::string line;
+    while (std::getline(in, line)) {
+      if (line.empty() || line[0] == '#') continue;
+      out << "> " << line << "\n";
+      if (line[0] == '!') {
+        act(line);
+        continue;
+      }
+      learnIds();
+      const std::string request = expand(line);  // names may hold blanks, ids do not
+      const size_t pathAt = request.find(' ');
+      const size_t bodyAt = request.find(' ', pathAt + 1);
+      const std::string method = request.substr(0, pathAt);
+      const std::string path = request.substr(pathAt + 1, bodyAt - pathAt - 1);
+      const std::string body = bodyAt == std::string::npos ? "" : request.substr(bodyAt + 1);
+      httplib::Result res = method == "GET"      ? client_->Get(path)
+                            : method == "DELETE" ? client_->Delete(path)
+                                                 : client_->Post(path, body, "application/json");
+      if (!res) {
+        out << "< no answer\n";
+        continue;
+      }
+      learnIds();
+      learnOpened(res->body);
+      out << "< " << res->status << " " << res->get_header_value("Content-Type");
+      if (res->has_header("EXCEPTION_WHAT"))
+        out << " EXCEPTION_WHAT=" << res->get_header_value("EXCEPTION_WHAT");
+      out << "\n" << hideIds(inNameOrder(res->body)) << "\n";
+    }
+    return matchesGolden(out.str(), base + ".expected");
+  }
+
+ private:
+  void act(const std::string& line) {
+    std::istringstream words(line.substr(1));
+    std::string verb, target, type;
+    words >> verb >> target >> type;
+    if (verb == "remove") std::filesystem::remove_all(tree_.liveTargets() / target);
+    if (verb == "capture") tree_.addLiveCapture(target, type);
+  }
+
+  // The UUIDs of every experiment and trace seen so far, and the outputs'
+  // ids by name; kept after an experiment goes, so its old UUID still reads
+  // as its name.
+  void learnIds() {
+    auto res = client_->Get("/tsp/api/experiments");
+    if (!res || res->status != 200) return;
+    for (const auto& e : nlohmann::json::parse(res->body)) {
+      const std::string name = e["name"];
+      names_[e["UUID"]] = name;
+      ids_[name] = e["UUID"];
+      if (!e["traces"].empty()) {
+        names_[e["traces"][0]["UUID"]] = name + "/trace";
+        ids_[name + "/trace"] = e["traces"][0]["UUID"];
+      }
+      auto outputs = client_->Get("/tsp/api/experiments/" + std::string(e["UUID"]) + "/outputs");
+      if (!outputs || outputs->status != 200) continue;
+      for (const auto& o : nlohmann::json::parse(outputs->body)) {
+        // Output ids count up across the process; they read as names too.
+        // A fixed id that several experiments share stays as it is.
+        const std::string id = o["id"], placeholder = name + ":" + std::string(o["name"]);
+        ids_[placeholder] = id;
+        if (shared_.count(id) != 0) continue;
+        auto [known, added] = names_.emplace(id, placeholder);
+        if (!added && known->second != placeholder) {
+          names_.erase(known);
+          shared_.insert(id);
+        }
+      }
+    }
+  }
+
+  // A trace opened by hand is in no experiment yet: it is known by the name
+  // its answer gives.
+  void learnOpened(const std::string& body) {
+    const auto answer = nlohmann::json::parse(body, nullptr, false);
+    if (!answer.is_object() || !answer.contains("UUID") || !answer.contains("name")) return;
+    if (names_.count(answer["UUID"]) != 0) return;
+    names_[answer["UUID"]] = answer["name"];
+    ids_[answer["name"]] = answer["UUID"];
+  }
+
+  // Lists of experiments come in the order of their random UUIDs; the
+  // transcript shows them by name, and says so if the order was wrong.
+  static std::string inNameOrder(const std::string& body) {
+    auto list = nlohmann::json::parse(body, nullptr, false);
+    if (!list.is_array() || list.size() < 2 || !list[0].is_object() || !list[0].contains("UUID"))
+      return body;
+    const bool uuidOrder = std::is_sorted(list.begin(), list.end(), [](const auto& a, const auto& b) {
+      return a["UUID"].template get<std::string>() < b["UUID"].template get<std::string>();
+    });
+    std::sort(list.begin(), list.end(), [](const auto& a, const auto& b) {
+      return a["name"].template get<std::string>() < b["name"].template get<std::string>();
+    });
+    return (uuidOrder ? "" : "NOT IN UUID ORDER ") + list.dump();
+  }
+
+  std::string expand(std::string text) const {
+    replaceAll(text, "{home}", tree_.root().string());
+    for (const auto& [name, id] : ids_) replaceAll(text, "{" + name + "}", id);
+    return text;
+  }
+
+  std::string hideIds(std::string text) const {
+    // Longest first: one output id may be the start of another.
+    std::vector<std::pair<std::string, std::string>> byLength(names_.begin(), names_.end());
+    std::sort(byLength.begin(), byLength.end(),
+              [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+    for (const auto& [id, name] : byLength) replaceAll(text, id, "{" + name + "}");
+    replaceAll(text, tree_.root().string(), "{home}");
+    return text;
+  }
+
+  static void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+      text.replace(at, from.size(), to);
+  }
+
+  std::unique_ptr<httplib::Client> client_;
+  CaptureTree& tree_;
+  std::map<std::string, std::string> names_;  // UUID or output id -> placeholder name
+  std::map<std::string, std::string> ids_;
+  std::set<std::string> shared_;  // output ids of more than one experiment    // placeholder name -> UUID or output id
+};
+
+}  // namespace ostrand_test
