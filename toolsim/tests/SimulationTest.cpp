@@ -373,4 +373,27 @@ TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
 }
 
+TEST_F(SimulationTest, AQemuCpuRecordsWhatItReallyExecutes) {
+  if (system("command -v qemu-system-arm >/dev/null 2>&1") != 0) GTEST_SKIP() << "qemu-system-arm missing";
+  std::string file = dir() + "/live.json";
+  std::ofstream(file) << R"({"name":"live","devices":[{"name":"B","id":1,"nodes":[{"name":"LIVE","type":"cpu",
+    "kind":10,"program":")" << OSTRAND_SOURCE_DIR << R"(/testdata/firmware/run_mps2.elf","machine":"mps2-an386",
+    "clock_hz":25000000,"execution":"qemu","children":[{"name":"S","type":"trace sink"}]}],
+    "routes":[{"source":"LIVE","receiver":"ETB","sink":"S"}]}]})";
+  ASSERT_EQ(loadScenario(file.c_str()), 0) << lastError();
+  ASSERT_EQ(simConnect("LIVE"), 0) << lastError();
+  ASSERT_EQ(simRun("LIVE", 300), 0) << lastError();
+  ASSERT_EQ(waitHalted("LIVE", 20000), 0) << lastError();
+  Trace::IChannelFoundry* foundry = createFoundry();
+  Trace::IChannelServer* server = nullptr;
+  foundry->CreateChannelServer(server, 1);
+  Rows rows = decode(foundry, server, "LIVE", "ETB", 1000);
+  size_t instructions = 0;
+  for (const auto& row : rows.cells) instructions += row[1].empty() ? 0 : 1;
+  EXPECT_EQ(instructions, 300u);  // the default 4 KiB buffer holds them all
+  foundry->DestroyChannelServer(server, 0);
+  entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
+  ASSERT_EQ(loadScenario(""), 0);  // ends the QEMU process with the scenario
+}
+
 }  // namespace
