@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing Ostrand needs.
+# Installs the Debian packages that building and testing Ostrand needs
+# (chromium runs the browser viewer's test, headless).
 # Idempotent: packages already present are left alone, and apt is not touched
 # at all when nothing is missing.
 set -euo pipefail
@@ -17,6 +18,7 @@ packages=(
   # read the committed ELF files.
   gcc-arm-none-eabi
   nodejs npm
+  chromium
 )
 
 missing=()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite:
 #   1. the normal build (warnings are errors) with every test, the end-to-end
-#      test with the published protocol client, and a short benchmark run,
+#      test with the published protocol client, the browser viewer in a
+#      headless chromium, and a short benchmark run,
 #   2. the threaded tests under ThreadSanitizer,
 #   3. every test under AddressSanitizer and UndefinedBehaviorSanitizer.
 # Build trees: build/, build-tsan/, build-asan/ beside this script's repo.
@@ -34,6 +35,9 @@ step "tests"
 
 step "end-to-end: the published protocol client against the trace server"
 bash tests/e2e/run.sh build
+
+step "browser viewer: headless chromium against ostrand demo (screenshots in build/browser-test)"
+sh tests/browser/run.sh build
 
 step "benchmarks (short smoke run; the figures are in docs and the closing notes)"
 for b in build/bin/bench_* build/bin/*_bench; do
