@@ -86,12 +86,17 @@ TEST(CopyDirFilesTest, MovesFilesOverwritingAndKeepsOthers) {
 }
 
 TEST(SettingsMergeTest, ObjectsByMemberArraysOnlyOfTheSameSize) {
-  Json::Value dst = parse(R"({"a":{"x":1,"y":2},"l":[1,{"k":1}],"m":[1,2],"s":5})");
-  LocalOpManager::mergeSettings(
-      dst, parse(R"({"a":{"y":3,"z":4},"l":[9,{"k":2,"n":3}],"m":[7],"s":{"o":1},"t":true})"));
+  Json::Value dst = parse(R"({"a":{"x":1,"y":2},"l":[1,{"k":1}],"s":5})");
+  // A member that is no object in the settings is replaced whole.
+  LocalOpManager::mergeSettings(dst, parse(R"({"a":{"y":3,"z":4},"l":[9],"s":{"o":1},"t":true})"));
   EXPECT_EQ(Json::FastWriter().write(dst),
-            R"({"a":{"x":1,"y":3,"z":4},"l":[1,{"k":2,"n":3}],"m":[1,2],"s":{"o":1},"t":true})"
-            "\n");
+            R"({"a":{"x":1,"y":3,"z":4},"l":[9],"s":{"o":1},"t":true})" "\n");
+  // Two arrays of one size merge element by element; scalars in them stay.
+  Json::Value list = parse(R"([1,{"k":1}])");
+  LocalOpManager::mergeSettings(list, parse(R"([9,{"k":2,"n":3}])"));
+  EXPECT_EQ(Json::FastWriter().write(list), R"([1,{"k":2,"n":3}])" "\n");
+  LocalOpManager::mergeSettings(list, parse("[7]"));
+  EXPECT_EQ(Json::FastWriter().write(list), R"([1,{"k":2,"n":3}])" "\n");
 }
 
 struct FormatCase {
