@@ -264,6 +264,14 @@ void CloudHemlock::removeListener(CloudHemlockNotificationIF* listener) {
   listeners.erase(listener);
 }
 
+void CloudHemlock::waitForChannelEvents() {
+  // Channel events hold the channel client's lock across the whole walk.
+  if (CloudTraceEventHandler* handler = CTraceApp::eventHandler()) {
+    handler->Lock();
+    handler->Unlock();
+  }
+}
+
 void CloudHemlock::notify(const std::string& target, const std::string& event,
                           const std::string& desc) {
   // A listener takes locks that come before listenerMutex (its own event

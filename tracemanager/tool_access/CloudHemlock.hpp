@@ -27,6 +27,7 @@
 
 #include <json/json.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -112,9 +113,15 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
   // 21..10); 0 for a kind without one.
   static uint32_t processorId(uint32_t deviceKind);
 
-  // Listeners of notify(). The caller holds toolMutex.
+  // Listeners of notify(). The caller holds toolMutex. A walk that begins
+  // after removeListener returns never calls the listener; a call already
+  // under way may still be running.
   void addListener(CloudHemlockNotificationIF* listener);
   void removeListener(CloudHemlockNotificationIF* listener);
+  // Returns once no channel event is being handled (one that comes later
+  // is not waited for). A listener's owner calls it after removeListener and
+  // before destroying the listener, holding no lock of the tool side.
+  static void waitForChannelEvents();
 
   // CleanupCallbackIF: the tool side ends its connection. Releases every
   // operation, trace application and operation server, and the channel
@@ -154,8 +161,10 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
 
   std::string basePath;
   std::string binDir;
-  bool sessionAvailable = false;
-  bool needsTraceInit = false;
+  // Atomic: the adapter events read and set them on tool threads without a
+  // lock, while operations under toolMutex do the same.
+  std::atomic<bool> sessionAvailable{false};
+  std::atomic<bool> needsTraceInit{false};
 
   GetHemlockJobMgrIF_t getHemlockJobMgrIF = nullptr;
   GetHemlockMgrIF_t getHemlockMgrIF = nullptr;

@@ -201,6 +201,11 @@ int32_t CloudHemlock::setOperationProperties(uint32_t handle, const Json::Value&
     try {
       operation->toolOperation->setProperties(properties.data(),
                                               static_cast<uint32_t>(properties.size()));
+    } catch (const hemlockErrorIF& e) {
+      // The user reads the fixed text; the tool's reason goes to the log.
+      QX_LOG_ERROR("CloudHemlock::setOperationProperties(%u): %s", handle, e.GetErrorText());
+      releaseAll();
+      return fail(-7, "An internal error occurred during SetProperties");
     } catch (...) {
       releaseAll();
       return fail(-7, "An internal error occurred during SetProperties");

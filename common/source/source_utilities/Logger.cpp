@@ -126,6 +126,10 @@ void Logger::log(uint32_t categories, int timeMode, const char* format, ...) {
 
 std::string Logger::sourcePath(const char* file) {
   std::string path = file != nullptr ? file : "";
+  // A compiler cache that rewrites paths relative to the build directory
+  // leaves "../" in front of the source-root path; the log names the file
+  // from the source root either way.
+  while (path.rfind("../", 0) == 0 || path.rfind("./", 0) == 0) path.erase(0, path.find('/') + 1);
   auto slash = path.find_last_of('/');
   auto dot = path.find_last_of('.');
   if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) path.resize(dot);

@@ -78,7 +78,18 @@ CloudTrace::~CloudTrace() {
     QX_LOG_ERROR("CloudTrace: shutdown failed: %s", e.what());
   }
   for (auto& c : connections) c.disconnect();
-  if (hemlock != nullptr) CloudHemlock::Release();
+  if (hemlock != nullptr && hemlock == CloudHemlock::current()) CloudHemlock::Release();
+}
+
+// The tool gate deletes itself when the last debug session ends and nobody
+// else is counted, so a pointer kept from the constructor may be stale: each
+// use takes the current instance, and acquires one again if it went.
+// A module that never had its tools does not try again.
+CloudHemlock* CloudTrace::tools() {
+  if (hemlock == nullptr) return nullptr;
+  CloudHemlock* now = CloudHemlock::current();
+  hemlock = now != nullptr ? now : CloudHemlock::Acquire(QX_NLV::baseDirectory());
+  return hemlock;
 }
 
 LocalOpManager& CloudTrace::manager() {
@@ -95,11 +106,12 @@ std::string CloudTrace::getTestString(const std::string& text) {
 Json::Value CloudTrace::GetDevices(bool live, const std::string& tdfName) {
   QX_TRACE_NAME("CloudTrace::GetDevices(%d, %s)\n", live ? 1 : 0, tdfName.c_str());
   if (!live && tdfName.empty()) throw std::runtime_error("Missing tdf name for non-live session");
-  if (hemlock == nullptr) throw std::runtime_error("Failed to acquire hemlock");
-  std::lock_guard<std::recursive_mutex> guard(hemlock->toolMutex);
+  CloudHemlock* gate = tools();
+  if (gate == nullptr) throw std::runtime_error("Failed to acquire hemlock");
+  std::lock_guard<std::recursive_mutex> guard(gate->toolMutex);
   Json::Value devices;
-  if (hemlock->getDevices(live, tdfName, devices) < 0) {
-    throw std::runtime_error("Failed to get devices: " + hemlock->getLastError());
+  if (gate->getDevices(live, tdfName, devices) < 0) {
+    throw std::runtime_error("Failed to get devices: " + gate->getLastError());
   }
   return devices;
 }
@@ -122,10 +134,10 @@ Json::Value CloudTrace::GetLiveTraceReceivers(const std::string& filter) {
   if (localOpManager) {
     std::lock_guard<std::mutex> guard(localOpManager->commandMutex);
     routes = localOpManager->getLiveTraceRoutes(filter);
-  } else if (hemlock != nullptr) {
-    std::lock_guard<std::recursive_mutex> guard(hemlock->toolMutex);
+  } else if (CloudHemlock* gate = tools()) {
+    std::lock_guard<std::recursive_mutex> guard(gate->toolMutex);
     Json::Value list;
-    if (hemlock->getDevices(true, "", list) >= 0 && list.isArray()) {
+    if (gate->getDevices(true, "", list) >= 0 && list.isArray()) {
       for (const auto& device : list) {
         for (const auto& route : device["device_info"]["trace_routes"]) {
           std::string source = route["source"].asString();
@@ -174,17 +186,18 @@ Json::Value CloudTrace::ConfigureTargetSession(const std::string& target,
   sessions[target] = session;
 
   boost::lock_guard<boost::mutex> guard(lock);
-  if (hemlock == nullptr) return result;  // no tools: no targets
+  CloudHemlock* gate = tools();
+  if (gate == nullptr) return result;  // no tools: no targets
   std::vector<std::string> cpus;
   {
-    std::lock_guard<std::recursive_mutex> tools(hemlock->toolMutex);
-    hemlock->getCpuNames(cpus);
+    std::lock_guard<std::recursive_mutex> toolLock(gate->toolMutex);
+    gate->getCpuNames(cpus);
   }
   if (cpus.empty()) return result;
   bool connected = false;
   {
-    std::lock_guard<std::recursive_mutex> tools(hemlock->toolMutex);
-    if (hemlock->isTargetConnected(target, connected) < 0 || !connected) return result;
+    std::lock_guard<std::recursive_mutex> toolLock(gate->toolMutex);
+    if (gate->isTargetConnected(target, connected) < 0 || !connected) return result;
   }
   Json::Value fresh = freshMerge(target, session);
   if (!localOpManager && !isEnabled(fresh, target, "Wattline") && !isEnabled(fresh, target, "MTB") &&
@@ -223,11 +236,12 @@ Json::Value CloudTrace::ConfigureTDFSession(const std::string& target,
 }
 
 Json::Value CloudTrace::configureSession(const std::string& configuration) {
-  if (hemlock == nullptr) return Json::Value(Json::objectValue);
+  CloudHemlock* gate = tools();
+  if (gate == nullptr) return Json::Value(Json::objectValue);
   std::vector<std::string> cpus;
   {
-    std::lock_guard<std::recursive_mutex> tools(hemlock->toolMutex);
-    hemlock->getCpuNames(cpus);
+    std::lock_guard<std::recursive_mutex> toolLock(gate->toolMutex);
+    gate->getCpuNames(cpus);
   }
   for (const auto& name : cpus) {
     if (name.find("DAP") == std::string::npos) return ConfigureTargetSession(name, configuration);

@@ -70,7 +70,9 @@ class CloudTrace {
   // Held while a session is set up or stopped and while a trace event
   // passes through.
   boost::mutex lock;
+  // The tool gate as last seen; read it through tools().
   CloudHemlock* hemlock = nullptr;
+  CloudHemlock* tools();
   std::shared_ptr<LocalOpManager> localOpManager;
   std::shared_ptr<LocalOpManager> retired;  // ended, to be let go of outside `lock`
   Json::Value sessions;
