@@ -88,7 +88,6 @@ class MtbRecorder final : public RecorderBase {
       }
     };
     for (const Stretch& s : kept_) emit(s);
-    if (open_) emit(current_);
     return table;
   }
 

@@ -1,6 +1,6 @@
 // The tool gate under threads: channel events walking the listeners while
-// another thread changes them, a failing listener, tool events while
-// commands run, and a full trace table. Runs under ThreadSanitizer.
+// another thread changes them, tool events while commands run, and a full
+// trace table. Runs under ThreadSanitizer.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,13 +22,11 @@ namespace {
 class Counter : public CloudHemlockNotificationIF {
  public:
   void tableSizeChanged(uint32_t, uint32_t, bool, uint32_t) override {}
-  void notify(const std::string&, const std::string& event, const std::string&) override {
+  void notify(const std::string&, const std::string&, const std::string&) override {
     ++heard;
-    if (failOn == event) throw std::runtime_error("decoder failed");
   }
   void setAdapterPresent(bool) override {}
   std::atomic<int> heard{0};
-  std::string failOn;  // set before the threads start
 };
 
 Qx::Nlv::Trace::ChannelEvent channelEvent(int32_t kind) {
@@ -50,14 +48,11 @@ class GateThreads : public ::testing::Test {
 };
 
 // One thread raises channel events while another adds and removes
-// listeners; a listener that stays hears every event, one that fails on
-// a word ends that walk without taking the lock with it, and a listener
-// removed before an event does not hear it.
+// listeners; a listener that stays hears every event, and one removed
+// before an event does not hear it.
 TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
   constexpr int kEvents = 2000;
   Counter stable;
-  Counter failing;
-  failing.failOn = "traceChannelStoppedFull";
   std::vector<std::unique_ptr<Counter>> passing(8);
   for (auto& p : passing) p = std::make_unique<Counter>();
   {
@@ -85,18 +80,6 @@ TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
   {
     std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
     for (auto& p : passing) gate->removeListener(p.get());
-    gate->addListener(&failing);
-  }
-  // The failing listener throws on the first walk of each "full" event;
-  // the next event from another thread still gets through.
-  std::thread first([] { CTraceApp::eventHandler()->OnChannelEvent("CM4", channelEvent(8)); });
-  first.join();
-  std::thread second([] { CTraceApp::eventHandler()->OnChannelEvent("CM4", channelEvent(11)); });
-  second.join();
-  EXPECT_EQ(failing.heard.load(), 2);
-  {
-    std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
-    gate->removeListener(&failing);
     gate->removeListener(&stable);
   }
   CloudHemlock::waitForChannelEvents();
@@ -161,7 +144,9 @@ TEST_F(GateThreads, FullTraceTable) {
   EXPECT_EQ(gate->createTraceApp(handles.back()), 0);
   EXPECT_EQ(CTraceApp::freeSlot(), -1);
   for (size_t i = 0; i < handles.size(); ++i) {
-    if (i != 300) EXPECT_EQ(gate->destroyTraceApp(handles[i]), 0);
+    if (i != 300) {
+      EXPECT_EQ(gate->destroyTraceApp(handles[i]), 0);
+    }
   }
   EXPECT_EQ(CTraceApp::freeSlot(), 0);
   EXPECT_EQ(foundry.decodersDestroyed, static_cast<int>(CTraceApp::kTraceTableSize) + 1);
