@@ -145,5 +145,5 @@ class EventHandler : public CloudHemlockNotificationIF,
   // client when it is done.
   std::atomic<bool> cleanupPending{false};
   LocalOpManager* owner;
-  bool consumersAdded = false;
+  std::atomic<bool> consumersAdded{false};
 };
