@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds, shows the module answering
 # a short scripted exchange, then makes a sample data tree in a temporary user
-# directory and serves it to trace viewers on localhost:1239 until Ctrl-C.
+# directory and serves it on localhost:1239 until Ctrl-C: the browser viewer
+# at http://localhost:1239/, the protocol under /tsp/api.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -30,14 +31,7 @@ while IFS= read -r line; do echo ">> $line"; done <<<"$exchange"
 "$ostrand" shell <<<"$exchange" | sed 's/^/<< /'
 
 echo
-echo "== sample captures in $home =="
-# MTB, TDF, placeholder and Wattline captures of every kind, where a live
-# session leaves them, so the server's scan finds them all.
-"$ostrand" gen all --data "$home" --tree live --size 200000 >/dev/null
-"$ostrand" gen wattline --data "$home" --target sim/long_capture --duration 60 --rate 100000 >/dev/null
-find "$home/.QX-trace/data/live-targets" -name metadata -printf '  %h\n' | sed "s|$home/.QX-trace/data/live-targets/||" | sort
-
-echo
-echo "== trace server =="
-echo "A trace viewer opens http://localhost:$port/tsp/api (try: curl http://localhost:$port/tsp/api/experiments)."
-"$ostrand" serve --data "$home" --port "$port"
+echo "== ostrand demo: sample captures of every kind, served with the browser viewer =="
+# MTB, TDF, placeholder and Wattline captures of every kind, and one long
+# power capture, in a temporary user directory that the server scans.
+"$ostrand" demo --port "$port"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing Ostrand needs.
+# Installs the Debian packages that building and testing Ostrand needs
+# (chromium runs the browser viewer's test, headless).
 # Idempotent: packages already present are left alone, and apt is not touched
 # at all when nothing is missing.
 set -euo pipefail
@@ -11,7 +12,13 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libdw-dev libelf-dev libcapstone-dev libopencsd-dev
   binutils-arm-none-eabi
+  # The simulated targets run their programs under QEMU.
+  qemu-system-arm
+  # Only testdata/firmware/rebuild.sh needs the cross compiler; the tests
+  # read the committed ELF files.
+  gcc-arm-none-eabi
   nodejs npm
+  chromium
 )
 
 missing=()

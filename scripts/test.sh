@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite:
 #   1. the normal build (warnings are errors) with every test, the end-to-end
-#      test with the published protocol client, and a short benchmark run,
+#      test with the published protocol client, the browser viewer in a
+#      headless chromium, and a short benchmark run,
 #   2. the threaded tests under ThreadSanitizer,
 #   3. every test under AddressSanitizer and UndefinedBehaviorSanitizer.
 # Build trees: build/, build-tsan/, build-asan/ beside this script's repo.
@@ -35,6 +36,9 @@ step "tests"
 step "end-to-end: the published protocol client against the trace server"
 bash tests/e2e/run.sh build
 
+step "browser viewer: headless chromium against ostrand demo (screenshots in build/browser-test)"
+sh tests/browser/run.sh build
+
 step "benchmarks (short smoke run; the figures are in docs and the closing notes)"
 for b in build/bin/bench_* build/bin/*_bench; do
   [[ -x "$b" ]] || continue
@@ -58,6 +62,7 @@ step "all tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 configure build-asan -DOSTRAND_SANITIZE=ON -DOSTRAND_BENCH=OFF -DOSTRAND_WERROR=OFF
 cmake --build build-asan -j"$jobs"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+export LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 (cd build-asan && ctest -j"$jobs" --output-on-failure --timeout 600)
 

@@ -31,7 +31,8 @@ void printServeUsage(FILE* out) {
   std::fprintf(out,
                "usage: ostrand serve [--data DIR] [--port N]\n\n"
                "Serve the captures of a data tree to a trace viewer over the Trace Server\n"
-               "Protocol on http://localhost:N/tsp/api.\n\n"
+               "Protocol on http://localhost:N/tsp/api, and the browser viewer on\n"
+               "http://localhost:N/.\n\n"
                "  --data DIR   use DIR as the user directory: captures are read from\n"
                "               DIR/.QX-trace/data/live-targets (default: $USERPROFILE,\n"
                "               else $HOME)\n"
@@ -142,6 +143,12 @@ int runServe(int argc, char** argv) {
   }
   std::printf("Trace server on http://localhost:%d/tsp/api (data: %s)\n", options.port,
               options.dataDir.empty() ? "user directory" : options.dataDir.c_str());
+  std::printf("Viewer: open http://localhost:%d/ in a browser\n", options.port);
+  if (!std::filesystem::is_directory(VSKTspServer::TspServer::defaultViewerDirectory()))
+    std::fprintf(stderr,
+                 "ostrand serve: the viewer's files are missing (%s); build the target "
+                 "ostrand_viewer\n",
+                 VSKTspServer::TspServer::defaultViewerDirectory().c_str());
   std::printf("Open it in a trace viewer; stop with Ctrl-C or GET http://localhost:%d/stop\n",
               options.port);
   std::fflush(stdout);

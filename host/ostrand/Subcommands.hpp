@@ -7,6 +7,7 @@ namespace ostrand {
 
 int runShell(int argc, char** argv);
 int runServe(int argc, char** argv);
+int runDemo(int argc, char** argv);
 int runGenWattline(int argc, char** argv);
 int runGen(int argc, char** argv);
 int runLookup(int argc, char** argv);

@@ -22,6 +22,8 @@ constexpr Subcommand kSubcommands[] = {
      ostrand::runShell},
     {"serve", "serve the captures of a data tree to a trace viewer (TSP over HTTP)",
      ostrand::runServe},
+    {"demo", "write sample captures of every kind and serve them with the browser viewer",
+     ostrand::runDemo},
     {"gen", "write sample capture directories (MTB, TDF, Wattline, placeholders) into a data tree",
      ostrand::runGen},
     {"lookup", "function, file, line and source of addresses or symbols in an ARM ELF file",

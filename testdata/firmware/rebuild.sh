@@ -76,3 +76,17 @@ C
   -T "$here/common/link.ld" -o "$here/bench.elf" \
   "$here/common/startup.c" bench/main.c bench/unit*.c -lgcc)
 echo "built bench.elf" >&2
+
+# The programs that run under emulation (QEMU machines microbit and
+# mps2-an386): SysTick every 200 us, awake 3 of every 8 ticks, nested calls
+# over four files, a data-dependent loop, the UART switched on and off.
+run_sources=(run/startup.c run/main.c run/work.c run/filter.c run/checksum.c run/fault.c)
+run_flags=(-g -O1 -ffreestanding -ffunction-sections -fno-common
+  -ffile-prefix-map="$here"=testdata/firmware -nostartfiles -nostdlib
+  -T run/link.ld -Wl,--gc-sections)
+"$CC" -mcpu=cortex-m0plus -mthumb -mfloat-abi=soft "${run_flags[@]}" \
+  -o run_microbit.elf "${run_sources[@]}" run/board_microbit.c -lgcc
+echo "built run_microbit.elf" >&2
+"$CC" -mcpu=cortex-m4 -mthumb -mfloat-abi=soft "${run_flags[@]}" \
+  -o run_mps2.elf "${run_sources[@]}" run/board_mps2.c -lgcc
+echo "built run_mps2.elf" >&2

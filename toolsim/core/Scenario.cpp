@@ -132,6 +132,11 @@ class Reader {
       if (cpu.clockHz == 0) fail(where, "'clock_hz' must be above 0");
       cpu.traceSourceId = static_cast<uint32_t>(number(n, "trace_source_id", where, 0, false));
       if (!n["sample"].isNull()) cpu.sample = file(text(n, "sample", where), where + ".sample");
+      std::string execution = text(n, "execution", where, false);
+      if (!execution.empty() && execution != "qemu" && execution != "sample") {
+        fail(where, "'execution' must be 'qemu' or 'sample'");
+      }
+      cpu.qemu = execution == "qemu";
       if (!n["jstate"].isNull()) {
         jstate(n["jstate"], where);
         cpu.jstate = n["jstate"];

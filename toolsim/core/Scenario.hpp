@@ -40,6 +40,7 @@ struct CpuSpec {
   uint64_t clockHz = 0;
   uint32_t traceSourceId = 0;
   std::string sample;   // absolute path of a recorded instruction sample, may be empty
+  bool qemu = false;    // runs under QEMU instead of replaying its sample
   Json::Value jstate;   // null: no state word description
   PowerModel power;
 };

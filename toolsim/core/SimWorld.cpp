@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "QemuExecutor.hpp"
 #include "SimError.hpp"
 
 namespace OstrandSim {
@@ -340,7 +341,7 @@ int32_t SimWorld::loadScenario(const std::string& path, std::string& error) {
   scenario_ = next;
   for (const CpuSpec& spec : next->cpus) {
     Cpu& cpu = cpus_[spec.name];
-    cpu.executor = makeExecutor(spec);
+    cpu.executor = spec.qemu ? makeQemuExecutor(spec) : makeExecutor(spec);
   }
   changed_.notify_all();
   return 0;
@@ -496,7 +497,7 @@ void SimWorld::runThread(std::string name, uint64_t limit, std::shared_ptr<std::
   struct NoTrace final : StepSink {
     void onStep(const SimStep&) override {}
   } noTrace;
-  RunEnd end;
+  RunOutcome end;
   try {
     end = cpu->executor->run(limit, *halt, recorder ? static_cast<StepSink&>(*recorder) : noTrace);
   } catch (const std::exception& e) {

@@ -9,10 +9,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+#include <vector>
 
 #include "Logger.hpp"
 #include "ModelManager.hpp"
 #include "TspApi.hpp"
+#include "uEnvironment.hpp"
 
 namespace VSKTspServer {
 
@@ -43,6 +48,59 @@ void unlockForRequest() {
   if (!tHoldsTspLock) return;
   tHoldsTspLock = false;
   tspMutex.unlock();
+}
+
+// Requests that read or change the model: the protocol routes and "/stop".
+// Everything else is a viewer file or an unknown path.
+bool needsModelLock(const std::string& path) {
+  return path.rfind(tspApiPrefix, 0) == 0 || path == "/stop";
+}
+
+// The HTTP library compresses an answer with brotli whenever the client
+// offers it, at brotli's highest quality, which packs about 1 MB a second:
+// a state graph answer of a long capture took seconds for every browser,
+// against a tenth of a second to build it. Gzip costs little beside building
+// the answer, so "br" is taken out of what the client offers and such a
+// client gets gzip. The request object is the library's own, not const.
+void offerNoBrotli(const httplib::Request& req) {
+  auto& headers = const_cast<httplib::Headers&>(req.headers);
+  auto it = headers.find("Accept-Encoding");
+  if (it == headers.end() || it->second.find("br") == std::string::npos) return;
+  std::string kept;
+  std::size_t from = 0;
+  while (from <= it->second.size()) {
+    std::size_t comma = it->second.find(',', from);
+    if (comma == std::string::npos) comma = it->second.size();
+    std::string token = it->second.substr(from, comma - from);
+    token.erase(0, token.find_first_not_of(' '));
+    if (!token.empty() && token.substr(0, token.find_first_of(" ;")) != "br")
+      kept += (kept.empty() ? "" : ", ") + token;
+    from = comma + 1;
+  }
+  it->second = kept;
+}
+
+// Without the viewer's files "/" still says what is missing, instead of a
+// bare 404 that reads as a broken server.
+constexpr const char* kViewerMissingPage =
+    "<!doctype html><title>Ostrand trace server</title>"
+    "<p>This trace server serves the Trace Server Protocol under /tsp/api, but the viewer's "
+    "files were not found in %s. Build them with <code>cmake --build build --target "
+    "ostrand_viewer</code>.</p>";
+
+void mountViewer(httplib::Server& srv, const std::string& dir) {
+  for (const auto& [ext, type] :
+       {std::pair{"js", "text/javascript"}, {"mjs", "text/javascript"}, {"css", "text/css"},
+        {"html", "text/html"}, {"svg", "image/svg+xml"}, {"map", "application/json"}})
+    srv.set_file_extension_and_mimetype_mapping(ext, type);
+  // A rebuilt viewer must not be hidden by a browser's cache.
+  if (srv.set_mount_point("/", dir, {{"Cache-Control", "no-cache"}})) return;
+  QX_LOG_WARNING("TSP viewer files not found in %s", dir.c_str());
+  srv.Get("/", [dir](const httplib::Request&, httplib::Response& res) {
+    std::vector<char> page(std::strlen(kViewerMissingPage) + dir.size());
+    std::snprintf(page.data(), page.size(), kViewerMissingPage, dir.c_str());
+    res.set_content(page.data(), "text/html");
+  });
 }
 
 void errorPage(const httplib::Request&, httplib::Response& res) {
@@ -135,8 +193,9 @@ void TspServer::serve(httplib::Server& srv) {
   }
   srv.set_error_handler(errorPage);
   srv.set_logger(accessLog);
-  srv.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
-    lockForRequest();
+  srv.set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
+    offerNoBrotli(req);
+    if (needsModelLock(req.path)) lockForRequest();
     return httplib::Server::HandlerResponse::Unhandled;
   });
   srv.set_post_routing_handler(
@@ -160,6 +219,7 @@ void TspServer::serve(httplib::Server& srv) {
     theModelManager = ownManager_;
   }
   TspApi::registerRoutes(srv);
+  mountViewer(srv, viewerDirectory.empty() ? defaultViewerDirectory() : viewerDirectory);
   {
     std::lock_guard lock(tspMutex);
     ownManager_->setStatus("UP");
@@ -240,6 +300,16 @@ int TspServer::exportCaptureToCSV(std::string target, std::string type, std::str
   std::lock_guard lock(tspMutex);
   if (!theModelManager) return -1;
   return theModelManager->exportCaptureToCSV(std::move(target), std::move(type), std::move(file));
+}
+
+std::string TspServer::defaultViewerDirectory() {
+  namespace fs = std::filesystem;
+  const std::string base = QX_NLV::baseDirectory();
+  if (base.empty()) return "viewer";
+  // The module: "<prefix>/vsk_base/". A program linking the server:
+  // "<prefix>/bin/<program>".
+  if (base.back() == '/') return base + "viewer";
+  return (fs::path(base).parent_path().parent_path() / "vsk_base" / "viewer").string();
 }
 
 TspServer* createServer() noexcept {

@@ -8,6 +8,12 @@
 // and `exportCaptureToCSV` take the same mutex, so nothing touches the model
 // beside a request.
 //
+// Beside the protocol it serves the browser viewer: the files of
+// `viewerDirectory` under "/" (the page at "/", its assets beside it). The
+// viewer is a client like any other and reads everything through the
+// protocol routes; its files do not touch the model, so they are served
+// without `tspMutex` and a page loads while a long request runs.
+//
 // Errors: a route reports a known failure with a status code; any exception
 // becomes status 500 with the header EXCEPTION_WHAT; every status of 400 or
 // more goes out as one small HTML page.
@@ -79,7 +85,15 @@ class TspServer {
   // True while `run` is inside the listener.
   bool isListening() const;
 
+  // Where the viewer's files lie: the "viewer" folder of the install base,
+  // which a build tree has at <build>/vsk_base/viewer. A program that links
+  // the server (not the module) lives in <prefix>/bin, beside vsk_base.
+  static std::string defaultViewerDirectory();
+
   int port = kDefaultPort;
+  // The folder served under "/"; empty takes `defaultViewerDirectory()`.
+  // Set before `run`.
+  std::string viewerDirectory;
   // Written by the `run` thread, polled by the thread that started it.
   std::atomic<bool> started{false};
 

@@ -243,20 +243,4 @@ TEST_F(CTRACETest, ShutdownTwiceDestroysOnce) {
   EXPECT_FALSE(trace.decoderReady);
 }
 
-// The table has 1024 slots and no more: a full table gives no slot, and a
-// freed slot is the next one handed out.
-TEST(TraceTable, FullTableGivesNoSlot) {
-  CTraceApp::TraceTable& table = CTraceApp::traceTable();
-  std::vector<std::unique_ptr<CTRACE>> traces;
-  for (size_t i = 0; i < CTraceApp::kTraceTableSize; ++i) {
-    ASSERT_EQ(CTraceApp::freeSlot(), static_cast<int32_t>(i));
-    traces.push_back(std::make_unique<CTRACE>());
-    table[i] = traces.back().get();
-  }
-  EXPECT_EQ(CTraceApp::freeSlot(), -1);
-  table[517] = nullptr;
-  EXPECT_EQ(CTraceApp::freeSlot(), 517);
-  table.fill(nullptr);
-}
-
 }  // namespace

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "TspServer.hpp"
 
@@ -78,8 +79,10 @@ class PortBlocker {
 
 class RunningServer {
  public:
-  explicit RunningServer(int port = freeLoopbackPort()) : port_(port) {
+  explicit RunningServer(int port = freeLoopbackPort(), std::string viewerDirectory = {})
+      : port_(port) {
     server_.port = port_;
+    server_.viewerDirectory = std::move(viewerDirectory);
     thread_ = std::thread([this] { server_.run(); });
     // Bounded wait: listening, or given up on the port.
     for (int i = 0; i < 500 && !server_.isListening() && !server_.listenFailed(); ++i)

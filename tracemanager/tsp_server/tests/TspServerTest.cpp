@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -18,6 +21,7 @@ namespace {
 
 using testing::CaptureTree;
 using testing::errorPage;
+using testing::freeLoopbackPort;
 using testing::RunningServer;
 
 TEST(TspServerTest, HealthAnswersUpWithExactStatusAndContentType) {
@@ -191,6 +195,60 @@ TEST(TspServerTest, RequestsAndCaptureSideCallsAreSerialised) {
   }
   for (auto& c : clients) c.join();
   EXPECT_EQ(ok.load(), 40);
+}
+
+// The viewer's files under "/", beside protocol routes that answer as
+// before, and nothing outside the viewer's folder.
+TEST(TspServerTest, ViewerFilesAreServedBesideUnchangedProtocolRoutes) {
+  CaptureTree tree;
+  const auto dir = tree.root() / "viewer";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir / "index.html") << "<!doctype html><title>v</title>";
+  std::ofstream(dir / "app.js") << "export {};";
+  std::ofstream(tree.root() / "secret.txt") << "not for the web";
+  RunningServer running(freeLoopbackPort(), dir.string());
+  auto client = running.client();
+
+  struct Expect { const char* path; int status; const char* type; std::string body; };
+  const Expect expects[] = {
+      {"/", 200, "text/html", "<!doctype html><title>v</title>"},
+      {"/app.js", 200, "text/javascript", "export {};"},
+      {"/tsp/api/health", 200, "application/json", R"({"status":"UP"})"},
+      {"/tsp/api/nothing", 404, "text/html", errorPage(404)},
+      {"/missing.js", 404, "text/html", errorPage(404)},
+      {"/../secret.txt", 404, "text/html", errorPage(404)},
+  };
+  for (const auto& e : expects) {
+    auto res = client->Get(e.path);
+    ASSERT_TRUE(res) << e.path;
+    EXPECT_EQ(res->status, e.status) << e.path;
+    EXPECT_EQ(res->get_header_value("Content-Type"), e.type) << e.path;
+    EXPECT_EQ(res->body, e.body) << e.path;
+  }
+}
+
+TEST(TspServerTest, MissingViewerFilesAreNamedAtTheRoot) {
+  CaptureTree tree;
+  const auto dir = tree.root() / "no-viewer-here";
+  RunningServer running(freeLoopbackPort(), dir.string());
+  auto res = running.client()->Get("/");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_NE(res->body.find(dir.string()), std::string::npos);
+  EXPECT_NE(res->body.find("ostrand_viewer"), std::string::npos);
+}
+
+// Browsers offer brotli first; at the library's quality it took seconds
+// for a large answer, so such a client gets gzip, with the same body.
+TEST(TspServerTest, ClientOfferingBrotliGetsGzipOrPlainText) {
+  CaptureTree tree;
+  RunningServer running;
+  for (const char* offer : {"br", "gzip, deflate, br", "br;q=1.0, gzip;q=0.8"}) {
+    auto res = running.client()->Get("/tsp/api/health", {{"Accept-Encoding", offer}});
+    ASSERT_TRUE(res) << offer;
+    EXPECT_NE(res->get_header_value("Content-Encoding"), "br") << offer;
+    EXPECT_EQ(res->body, R"({"status":"UP"})") << offer;
+  }
 }
 
 }  // namespace

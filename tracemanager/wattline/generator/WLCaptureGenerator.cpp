@@ -18,12 +18,11 @@ namespace {
 
 using nlohmann::json;
 
-enum class Cpu { kActive, kSleep, kDeepSleep, kStop };
+using Cpu = WLCpuMode;
 // Radio states carry the numbers the version-4 description uses for them.
 enum class Radio : uint32_t { kOff = 0, kIdle = 1, kSynth = 2, kRxWait = 6, kTx = 10, kRx = 14 };
 
-// Peripheral bits of the simulated device.
-constexpr uint32_t kTimer = 1, kUart = 2, kAdc = 4, kSpi = 8;
+constexpr uint32_t kTimer = kWLTimer, kUart = kWLUart, kAdc = kWLAdc, kSpi = kWLSpi;
 
 // Interrupt numbers as the version-4 interrupt table numbers them.
 constexpr uint32_t kIrqRtc = 20, kIrqUart = 21, kIrqRfCore = 26, kIrqRfCommand = 27;
@@ -42,14 +41,9 @@ constexpr Function kRadioSend{0x00001200, 0x00001380};
 constexpr uint32_t kWaitForInterrupt = 0x000005A4;
 
 // One stretch of constant device state.
-struct Phase {
-  uint64_t end;  // microseconds
-  Cpu cpu;
-  Radio radio;
-  uint32_t peripherals;
-  uint32_t irq;  // interrupt being served, 0 for none
-  bool auxOn;    // the analog domain powered
-  Function code;
+struct Phase : WLDeviceState {
+  uint64_t end = 0;  // microseconds
+  Function code{};
 };
 
 class Rng {
@@ -88,7 +82,15 @@ class Firmware {
   void add(double microseconds, Cpu cpu, Radio radio, uint32_t peripherals, uint32_t irq,
            bool aux, Function code) {
     planned_ += static_cast<uint64_t>(std::max(1.0, microseconds));
-    phases_.push_back({planned_, cpu, radio, peripherals, irq, aux, code});
+    Phase p;
+    p.cpu = cpu;
+    p.radio = static_cast<uint32_t>(radio);
+    p.peripherals = peripherals;
+    p.irq = irq;
+    p.auxOn = aux;
+    p.end = planned_;
+    p.code = code;
+    phases_.push_back(p);
   }
 
   void planPeriod() {
@@ -137,7 +139,7 @@ double currentOf(const Phase& p) {
     case Cpu::kDeepSleep: mA = 0.0035; break;
     case Cpu::kStop: mA = 0.0009; break;
   }
-  switch (p.radio) {
+  switch (static_cast<Radio>(p.radio)) {
     case Radio::kOff: break;
     case Radio::kIdle: mA += 0.6; break;
     case Radio::kSynth: mA += 4.0; break;
@@ -150,49 +152,6 @@ double currentOf(const Phase& p) {
   if (p.peripherals & kAdc) mA += 0.45;
   if (p.auxOn) mA += 0.1;
   return mA;
-}
-
-// Lays the device state into the two state words as the layout's
-// description reads them.
-void encodeWords(WLStateLayout layout, const Phase& p, uint32_t pc, uint32_t w[2]) {
-  const bool radioOn = p.radio != Radio::kOff;
-  switch (layout) {
-    case WLStateLayout::kV2:
-    case WLStateLayout::kV2Enums: {
-      w[0] = ((p.peripherals & kTimer) ? 1u : 0u) | ((p.peripherals & kUart) ? 2u : 0u) |
-             ((p.peripherals & kAdc) ? 4u : 0u) | ((p.peripherals & kSpi) ? 8u : 0u) |
-             (radioOn ? 0x20u : 0u);
-      if (layout == WLStateLayout::kV2) {
-        // The default table: Active, LPM0 (needs bit 31 of word 0), LPM3, LPM4.
-        static constexpr uint32_t kMode[] = {0x03400000, 0x82400000, 0x80400000, 0x80000000};
-        w[1] = kMode[static_cast<int>(p.cpu)] | ((pc >> 1) & 0x000FFFFE);
-        if (p.cpu == Cpu::kSleep) w[0] |= 0x80000000u;
-      } else {
-        w[1] = (static_cast<uint32_t>(p.cpu) + 1) << 28 | (pc & 0x000FFFFE);
-      }
-      return;
-    }
-    case WLStateLayout::kV5: {
-      static constexpr uint32_t kMode[] = {0, 1, 2, 3};
-      w[0] = kMode[static_cast<int>(p.cpu)] | (p.radio == Radio::kTx ? 1u << 8 : 0) |
-             (p.radio == Radio::kRx || p.radio == Radio::kRxWait ? 1u << 9 : 0) |
-             ((p.peripherals & kAdc) ? 1u << 10 : 0) | ((p.peripherals & kUart) ? 1u << 11 : 0) |
-             ((p.peripherals & kSpi) ? 1u << 12 : 0) | ((p.peripherals & kTimer) ? 1u << 13 : 0);
-      w[1] = pc;
-      return;
-    }
-    case WLStateLayout::kNone:
-    case WLStateLayout::kV4: {
-      // Processor mode numbers: Active 0, DeepSleep 1, Sleep 2, Stop 3.
-      static constexpr uint32_t kMode[] = {0, 2, 1, 3};
-      w[0] = kMode[static_cast<int>(p.cpu)] | static_cast<uint32_t>(p.radio) << 4 | p.irq << 8 |
-             (p.auxOn ? 3u : 1u) << 14 | ((p.peripherals & kUart) ? 1u << 16 : 0) |
-             ((p.peripherals & kSpi) ? 1u << 17 : 0) | ((p.peripherals & kAdc) ? 1u << 18 : 0) |
-             ((p.peripherals & kTimer) ? 1u << 19 : 0);
-      w[1] = pc;
-      return;
-    }
-  }
 }
 
 json bit(const char* name, const char* description, int start, int end = -1) {
@@ -264,6 +223,91 @@ void writeJson(const std::string& path, const json& value) {
 }
 
 }  // namespace
+
+// Lays the device state into the two state words as the layout's
+// description reads them.
+void encodeStateWords(WLStateLayout layout, const WLDeviceState& p, uint32_t pc, uint32_t w[2]) {
+  const bool radioOn = p.radio != 0;
+  switch (layout) {
+    case WLStateLayout::kV2:
+    case WLStateLayout::kV2Enums: {
+      w[0] = ((p.peripherals & kTimer) ? 1u : 0u) | ((p.peripherals & kUart) ? 2u : 0u) |
+             ((p.peripherals & kAdc) ? 4u : 0u) | ((p.peripherals & kSpi) ? 8u : 0u) |
+             (radioOn ? 0x20u : 0u);
+      if (layout == WLStateLayout::kV2) {
+        // The default table: Active, LPM0 (needs bit 31 of word 0), LPM3, LPM4.
+        static constexpr uint32_t kMode[] = {0x03400000, 0x82400000, 0x80400000, 0x80000000};
+        w[1] = kMode[static_cast<int>(p.cpu)] | ((pc >> 1) & 0x000FFFFE);
+        if (p.cpu == Cpu::kSleep) w[0] |= 0x80000000u;
+      } else {
+        w[1] = (static_cast<uint32_t>(p.cpu) + 1) << 28 | (pc & 0x000FFFFE);
+      }
+      return;
+    }
+    case WLStateLayout::kV5: {
+      static constexpr uint32_t kMode[] = {0, 1, 2, 3};
+      w[0] = kMode[static_cast<int>(p.cpu)] | (p.radio == static_cast<uint32_t>(Radio::kTx) ? 1u << 8 : 0) |
+             (p.radio == static_cast<uint32_t>(Radio::kRx) || p.radio == static_cast<uint32_t>(Radio::kRxWait) ? 1u << 9 : 0) |
+             ((p.peripherals & kAdc) ? 1u << 10 : 0) | ((p.peripherals & kUart) ? 1u << 11 : 0) |
+             ((p.peripherals & kSpi) ? 1u << 12 : 0) | ((p.peripherals & kTimer) ? 1u << 13 : 0);
+      w[1] = pc;
+      return;
+    }
+    case WLStateLayout::kNone:
+    case WLStateLayout::kV4: {
+      // Processor mode numbers: Active 0, DeepSleep 1, Sleep 2, Stop 3.
+      static constexpr uint32_t kMode[] = {0, 2, 1, 3};
+      w[0] = kMode[static_cast<int>(p.cpu)] | p.radio << 4 | p.irq << 8 |
+             (p.auxOn ? 3u : 1u) << 14 | ((p.peripherals & kUart) ? 1u << 16 : 0) |
+             ((p.peripherals & kSpi) ? 1u << 17 : 0) | ((p.peripherals & kAdc) ? 1u << 18 : 0) |
+             ((p.peripherals & kTimer) ? 1u << 19 : 0);
+      w[1] = pc;
+      return;
+    }
+  }
+}
+
+struct WLStreamWriter::File : StreamFile {
+  using StreamFile::StreamFile;
+};
+
+WLStreamWriter::WLStreamWriter(const std::string& path, uint32_t recordType)
+    : file_(std::make_unique<File>(path)), withWords_(recordType == 7),
+      tag_(recordType == 7 ? 0x27 : 0x08) {
+  if (recordType != 7 && recordType != 8) throw std::invalid_argument("record type must be 7 or 8");
+}
+
+WLStreamWriter::~WLStreamWriter() = default;
+
+void WLStreamWriter::put(uint64_t timeUs, const uint32_t words[2], uint32_t current,
+                         uint16_t millivolts, uint32_t energy) {
+  file_->put(tag_ | (timeUs << 8), 8);
+  if (withWords_) {
+    file_->put(words[0], 4);
+    file_->put(words[1], 4);
+  }
+  file_->put(current, 4);
+  file_->put(millivolts, 2);
+  file_->put(energy, 4);
+  file_->flushIfFull();
+}
+
+void WLStreamWriter::close() { file_->close(); }
+
+void writeCaptureCompanions(const std::string& directory, uint32_t recordType,
+                            WLStateLayout layout, const std::string& device) {
+  const bool withWords = recordType == 7;
+  // As the capture side leaves it: `dataFile` is not known there.
+  const json metadata = {{"typeId", withWords ? "WL+" : "WL"}, {"device", device},
+                         {"deviceId", "unknown"},              {"source", "VSK Vireo"},
+                         {"time", utcNow()},                   {"dataFile", "unknown"},
+                         {"cpu", "unknown"},                   {"dFormat", "unknown"}};
+  json sup = json::object();
+  if (withWords && layout != WLStateLayout::kNone) sup["JState"] = stateDescription(layout);
+  writeJson(directory + "/metadataSup.json", sup);
+  // Written last: a directory becomes a trace by its metadata file.
+  writeJson(directory + "/metadata", metadata);
+}
 
 bool parseStateLayout(const std::string& text, WLStateLayout& layout) {
   if (text == "none") layout = WLStateLayout::kNone;
@@ -393,7 +437,7 @@ WLGeneratorResult writeStream(const std::string& path, const WLGeneratorOptions&
     if (p.cpu != Cpu::kActive) pc = kWaitForInterrupt;
 
     uint32_t words[2] = {0, 0};
-    if (withWords) encodeWords(options.layout, p, pc, words);
+    if (withWords) encodeStateWords(options.layout, p, pc, words);
     // The first sample is taken before the converters settle: no reading.
     const bool settled = i > 0;
     const uint32_t current = settled ? static_cast<uint32_t>(mA * 1e6) : 0xFFFFFFFFu;
@@ -416,20 +460,8 @@ WLGeneratorResult writeCaptureDirectory(const std::string& directory,
   std::error_code error;
   std::filesystem::create_directories(directory, error);
   if (error) throw std::runtime_error("Cannot make " + directory + ": " + error.message());
-  const bool withWords = options.recordType == 7;
-  // As the capture side leaves it: `dataFile` is not known there.
-  const json metadata = {{"typeId", withWords ? "WL+" : "WL"}, {"device", options.device},
-                         {"deviceId", "unknown"},              {"source", "VSK Vireo"},
-                         {"time", utcNow()},                   {"dataFile", "unknown"},
-                         {"cpu", "unknown"},                   {"dFormat", "unknown"}};
-  json sup = json::object();
-  if (withWords && options.layout != WLStateLayout::kNone) {
-    sup["JState"] = stateDescription(options.layout);
-  }
   WLGeneratorResult result = writeStream(directory + "/WLData.bin", options, progress);
-  writeJson(directory + "/metadataSup.json", sup);
-  // Written last: a directory becomes a trace by its metadata file.
-  writeJson(directory + "/metadata", metadata);
+  writeCaptureCompanions(directory, options.recordType, options.layout, options.device);
   return result;
 }
 

@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -30,6 +31,50 @@ enum class WLStateLayout {
   kV4,          // version 4 with placeholders for whole families of states
   kV5,          // version 5 with dotted names
 };
+
+// What a state word shows of a device: the processor's mode, the radio's
+// state (the version-4 numbers: 0 off, 1 idle, 2 synth, 6 rx-wait, 10 tx,
+// 14 rx), the peripherals on (kWL* bits), the interrupt being served (0
+// none) and the analog domain.
+enum class WLCpuMode { kActive, kSleep, kDeepSleep, kStop };
+inline constexpr uint32_t kWLTimer = 1, kWLUart = 2, kWLAdc = 4, kWLSpi = 8;
+struct WLDeviceState {
+  WLCpuMode cpu = WLCpuMode::kActive;
+  uint32_t radio = 0;
+  uint32_t peripherals = 0;
+  uint32_t irq = 0;
+  bool auxOn = false;
+};
+
+// Lays a device state and program counter into the two state words as the
+// layout's description (stateDescription) reads them.
+void encodeStateWords(WLStateLayout layout, const WLDeviceState& state, uint32_t pc,
+                      uint32_t words[2]);
+
+// The record writer of `WLData.bin`: records of type 7 (two state words)
+// or 8, buffered. The first record written is the stream's lead-in. Throws
+// std::runtime_error with the path on a write failure.
+class WLStreamWriter {
+ public:
+  WLStreamWriter(const std::string& path, uint32_t recordType);
+  ~WLStreamWriter();
+  WLStreamWriter(const WLStreamWriter&) = delete;
+  WLStreamWriter& operator=(const WLStreamWriter&) = delete;
+  // Time in microseconds (56 bits), current in nA, energy counter in 0.1 uJ.
+  void put(uint64_t timeUs, const uint32_t words[2], uint32_t current, uint16_t millivolts,
+           uint32_t energy);
+  void close();
+
+ private:
+  struct File;
+  std::unique_ptr<File> file_;
+  bool withWords_;
+  uint8_t tag_;
+};
+
+// Writes `metadata` and `metadataSup.json` of a capture into `directory`.
+void writeCaptureCompanions(const std::string& directory, uint32_t recordType,
+                            WLStateLayout layout, const std::string& device);
 
 struct WLGeneratorOptions {
   uint32_t recordType = 7;      // 7 (state words) or 8

@@ -1,0 +1,109 @@
+#include "PowerRecorder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "ExecTestSupport.hpp"
+#include "WLDataNode.hpp"
+#include "WLStateDecoders.hpp"
+
+namespace OstrandSim {
+namespace {
+
+using VSKTspServer::WLDataNode;
+
+class PowerRecorderTest : public ::testing::TestWithParam<test::Board> {};
+
+// The test programs sleep 5 of every 8 ticks of 200 us. A capture read back
+// with the module's own decoder shows that duty cycle, energy that is the
+// integral of the power it records, PCs in the program's code, and the UART
+// drawing current while it is on.
+TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
+  const std::string dir = ::testing::TempDir() + "/power-" + GetParam().machine + "-" +
+                          std::to_string(::getpid());
+  std::filesystem::remove_all(dir);
+  PowerConfig config;
+  config.directory = dir;
+  config.model = defaultPowerModel(GetParam().machine);
+  {
+    PowerRecorder power(config);
+    test::runBoard(GetParam(), 80000, power);
+    power.finish();
+    EXPECT_GT(power.samples(), 600u);
+  }
+
+  std::ifstream supFile(dir + "/metadataSup.json");
+  const nlohmann::json sup = nlohmann::json::parse(supFile);
+  WLDataNode node;
+  node.dsr = VSKTspServer::makeStateDecoder(node, sup["JState"]["version"].get<int>());
+  node.dsr->initDefaults();
+  node.dsr->loadBitFields(sup["JState"]);
+  ASSERT_TRUE(node.readFile(dir, "WLData.bin"));
+  node.decode();
+  node.evaluateStates();
+  ASSERT_TRUE(std::filesystem::exists(dir + "/metadata"));
+
+  // Sleep share over whole cycles of 1.6 ms, from the decoder's mode lists.
+  const auto& modes = node.dsr->powerModes;
+  const auto sleep = std::find_if(modes.begin(), modes.end(),
+                                  [](const auto& m) { return m.name == "CPU.Sleep"; });
+  ASSERT_NE(sleep, modes.end());
+  const size_t k = static_cast<size_t>(sleep - modes.begin());
+  std::vector<bool> asleep(node.recordCount, false);
+  const auto& changes = node.dsr->modeChanges[k];
+  for (size_t i = 0; i < changes.size(); ++i) {
+    const uint64_t end = i + 1 < changes.size() ? changes[i + 1] : node.recordCount;
+    for (uint64_t r = changes[i]; r < end; ++r) asleep[r] = node.dsr->modeBits[k][i];
+  }
+  uint64_t inWindow = 0, sleeping = 0;
+  double recorded = 0.0, uartMa = 0.0, otherMa = 0.0;
+  uint64_t uartSamples = 0, otherSamples = 0;
+  ProgramImage image(test::programPath(GetParam()));
+  for (uint64_t r = 1; r < node.recordCount; ++r) {
+    const uint64_t t = node.times[r];
+    if (t >= 1600 && t < 6400) {
+      ++inWindow;
+      sleeping += asleep[r];
+    }
+    recorded += node.currents[r] * 1e-9 * node.voltages[r] * 1e-3 *
+                static_cast<double>(t - node.times[r - 1]) * 1e-6;
+    const uint32_t pc = node.stateWords[1][r];
+    EXPECT_TRUE(pc >= image.codeStart() && pc < image.codeEnd()) << std::hex << pc;
+    const bool uart = (node.stateWords[0][r] >> 11 & 1u) != 0;
+    (uart ? uartMa : otherMa) += node.currents[r] * 1e-6;
+    ++(uart ? uartSamples : otherSamples);
+  }
+  ASSERT_GT(inWindow, 400u);
+  EXPECT_NEAR(static_cast<double>(sleeping) / static_cast<double>(inWindow), 5.0 / 8.0, 0.03);
+  const double counted =
+      (static_cast<double>(node.energies[node.recordCount - 1]) - node.energies[0]) * 1e-7;
+  EXPECT_NEAR(counted, recorded, recorded * 0.001 + 2e-7);
+  ASSERT_GT(uartSamples, 0u);
+  EXPECT_GT(uartMa / uartSamples, otherMa / otherSamples + 0.5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Boards, PowerRecorderTest, ::testing::ValuesIn(test::kBoards),
+                         [](const auto& info) {
+                           std::string name = info.param.machine;
+                           std::replace(name.begin(), name.end(), '-', '_');
+                           return name;
+                         });
+
+TEST(PowerRecorderErrors, RateAndDirectory) {
+  PowerConfig config;
+  config.directory = ::testing::TempDir() + "/power-bad";
+  config.sampleRateHz = 0;
+  EXPECT_THROW(PowerRecorder{config}, std::invalid_argument);
+  config.sampleRateHz = 1000;
+  config.directory = "/proc/no-such-place";
+  EXPECT_THROW(PowerRecorder{config}, std::runtime_error);
+}
+
+}  // namespace
+}  // namespace OstrandSim
