@@ -259,10 +259,11 @@ void TspServer::run() {
     running_ = true;
   }
   serve(*srv, srv6);
-  {
-    std::lock_guard lock(lifecycleMutex_);
-    running_ = false;
-  }
+  // Notified under the lock: a terminate that waits may destroy the object
+  // as soon as it has the lock back, and a detached run thread must not
+  // touch it after that.
+  std::lock_guard lock(lifecycleMutex_);
+  running_ = false;
   listenEnded_.notify_all();
 }
 

@@ -44,21 +44,6 @@ const std::vector<UsecaseRow>& usecaseTable() {
   return table;
 }
 
-// Copies `from` into `into` key by key, descending into objects.
-void mergeInto(Json::Value& into, const Json::Value& from) {
-  if (!from.isObject() || !into.isObject()) {
-    into = from;
-    return;
-  }
-  for (const auto& key : from.getMemberNames()) {
-    if (from[key].isObject() && into[key].isObject()) {
-      mergeInto(into[key], from[key]);
-    } else {
-      into[key] = from[key];
-    }
-  }
-}
-
 bool isEnabled(const Json::Value& value, const std::string& target, const char* kind) {
   if (!value.isObject() || !value[target].isObject() || !value[target][kind].isObject()) return false;
   const Json::Value& enable = value[target][kind]["enable"];
@@ -69,7 +54,7 @@ bool isEnabled(const Json::Value& value, const std::string& target, const char* 
 Json::Value freshMerge(const std::string& target, const Json::Value& session) {
   Json::Value fresh(Json::objectValue);
   fresh[target] = Json::Value(Json::objectValue);
-  mergeInto(fresh[target], session);
+  LocalOpManager::mergeSettings(fresh[target], session);
   return fresh;
 }
 
@@ -88,6 +73,7 @@ CloudTrace::~CloudTrace() {
   QX_TRACE_FUNCTION("CloudTrace::~CloudTrace");
   try {
     shutdown();
+    releaseRetired();
   } catch (const std::exception& e) {
     QX_LOG_ERROR("CloudTrace: shutdown failed: %s", e.what());
   }
@@ -143,7 +129,7 @@ Json::Value CloudTrace::GetListOfUsecases(const std::string& device) {
 
 Json::Value CloudTrace::GetLiveTraceReceivers(const std::string& filter) {
   QX_TRACE_NAME("CloudTrace::GetLiveTraceReceivers(%s)\n", filter.c_str());
-  std::vector<std::pair<std::string, std::string>> routes;
+  std::vector<TraceRoute> routes;
   Json::Value devices;  // device information by target, for the "WLplus" rule
   if (localOpManager) {
     std::lock_guard<std::mutex> guard(localOpManager->commandMutex);
@@ -156,7 +142,7 @@ Json::Value CloudTrace::GetLiveTraceReceivers(const std::string& filter) {
         for (const auto& route : device["device_info"]["trace_routes"]) {
           std::string source = route["source"].asString();
           if (!filter.empty() && filter != source) continue;
-          routes.emplace_back(source, route["receiver"].asString());
+          routes.push_back({source, route["receiver"].asString()});
           devices[source] = device["device_info"];
         }
       }
@@ -286,8 +272,12 @@ void CloudTrace::shutdown() {
   localOpManager->shutdown();
   for (auto& c : connections) c.disconnect();
   connections.clear();
-  localOpManager.reset();
+  // The manager is let go of by the caller once `lock` is free: its end
+  // waits for tool events in flight, which may be waiting for `lock`.
+  retired = std::move(localOpManager);
 }
+
+void CloudTrace::releaseRetired() { retired.reset(); }
 
 void CloudTrace::enableLiveTrace(const std::string& target, const std::vector<std::string>& kinds,
                                  bool enable) {
