@@ -89,7 +89,7 @@ class SecurityTest : public ::testing::Test {
   }
   fs::path addTdf(const std::string& target, int rows = 3) {
     auto dir = tree.addLiveCapture(target, "TDF");
-    CaptureTree::writeFile(dir / "tdf_data.json", CaptureTree::tdfDocument(rows).dump());
+    CaptureTree::writeFile(dir / "tdf_data.json", VSKTspServer::samples::tdfDocument(rows).dump());
     return dir;
   }
   httplib::Result postJson(const std::string& path, const json& body,
@@ -201,8 +201,8 @@ TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) {
   addTdf("Probe/A");
   // A capture just outside the tree, reachable by "..".
   const fs::path outside = tree.root() / "outside" / "TDF";
-  CaptureTree::writeFile(outside / "metadata", CaptureTree::defaultMetadata("X/Out", "TDF").dump());
-  CaptureTree::writeFile(outside / "tdf_data.json", CaptureTree::tdfDocument(1).dump());
+  CaptureTree::writeFile(outside / "metadata", VSKTspServer::samples::defaultMetadata("X/Out", "TDF").dump());
+  CaptureTree::writeFile(outside / "tdf_data.json", VSKTspServer::samples::tdfDocument(1).dump());
   serve();
   const std::vector<std::string> uris = {outside.string(),
                                          (tree.liveTargets() / "../../../outside/TDF").string(),
@@ -227,7 +227,7 @@ TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) {
 }
 
 TEST_F(SecurityTest, DataFilesThatLeaveTheCaptureDirectoryAreNotRead) {
-  CaptureTree::writeFile(tree.root() / "secret.json", CaptureTree::tdfDocument(7).dump());
+  CaptureTree::writeFile(tree.root() / "secret.json", VSKTspServer::samples::tdfDocument(7).dump());
   const fs::path outsideBin = tree.root() / "outside.bin";
   CaptureTree::writeFile(outsideBin, std::string(64, 'x'));
   addTdf("Probe/Good");
@@ -235,7 +235,7 @@ TEST_F(SecurityTest, DataFilesThatLeaveTheCaptureDirectoryAreNotRead) {
                                              "../../../../../../../../../../etc/passwd"};
   for (size_t i = 0; i < escapes.size(); ++i) {
     const std::string target = "Probe/Bad" + std::to_string(i);
-    auto meta = CaptureTree::defaultMetadata(target, "TDF");
+    auto meta = VSKTspServer::samples::defaultMetadata(target, "TDF");
     meta["dataFile"] = escapes[i];
     tree.addLiveCapture(target, "TDF", meta);
   }
@@ -266,15 +266,15 @@ TEST_F(SecurityTest, EachCaptureLoadsOrFailsOnItsOwnAndARepairIsPickedUp) {
   addTdf("Probe/Good1");
   addTdf("Probe/Good2");
   auto mtb = tree.addLiveCapture("Probe/Good3", "MTB");
-  CaptureTree::writeFile(mtb / "mtb_data.json", CaptureTree::mtbDocument(2, 2).dump());
-  const std::string good = CaptureTree::defaultMetadata("Probe/Broken", "TDF").dump();
+  CaptureTree::writeFile(mtb / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
+  const std::string good = VSKTspServer::samples::defaultMetadata("Probe/Broken", "TDF").dump();
   CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/metadata", good.substr(0, 20));
   CaptureTree::writeFile(tree.liveTargets() / "Probe/Garbage/TDF/metadata", "\x01\xff garbage");
   tree.addLiveCapture("Probe/NumberType", "TDF", {{"typeId", 7}, {"device", "Probe/NumberType"}});
   tree.addLiveCapture("Probe/Unknown", "TDF", {{"typeId", "BOGUS"}, {"device", "Probe/Unknown"}});
   tree.addLiveCapture("Probe/NoDevice", "TDF", {{"typeId", "TDF"}});
   auto truncated = tree.addLiveCapture("Probe/Truncated", "MTB");
-  CaptureTree::writeFile(truncated / "mtb_data.json", CaptureTree::mtbDocument(2, 2).dump().substr(0, 30));
+  CaptureTree::writeFile(truncated / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump().substr(0, 30));
   serve();
   running->server().refreshLive();
   EXPECT_EQ(experimentNames(),
@@ -283,8 +283,8 @@ TEST_F(SecurityTest, EachCaptureLoadsOrFailsOnItsOwnAndARepairIsPickedUp) {
   // Repaired on disk: the next scan brings both back, and answers with one.
   CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/metadata", good);
   CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/tdf_data.json",
-                         CaptureTree::tdfDocument(2).dump());
-  CaptureTree::writeFile(truncated / "mtb_data.json", CaptureTree::mtbDocument(2, 2).dump());
+                         VSKTspServer::samples::tdfDocument(2).dump());
+  CaptureTree::writeFile(truncated / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
   auto res = rescan();
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);

@@ -156,7 +156,7 @@ TEST(TspServerTest, RequestsAndCaptureSideCallsAreSerialised) {
   EXPECT_EQ(ok.load(), 40);
 }
 
-}  // namespace
+
 // The viewer's files under "/", beside protocol routes that answer as
 // before, and nothing outside the viewer's folder.
 TEST(TspServerTest, ViewerFilesAreServedBesideUnchangedProtocolRoutes) {
@@ -211,7 +211,5 @@ TEST(TspServerTest, ClientOfferingBrotliGetsGzipOrPlainText) {
   }
 }
 
- }  // namespace
- }  // namespace VSKTspServer
-
+}  // namespace
 }  // namespace VSKTspServer
