@@ -127,7 +127,8 @@ void SimWorld::eventLoop() {
       event = std::move(queue_.front());
       queue_.pop_front();
     }
-    std::lock_guard<std::recursive_mutex> deliver(listenersMutex_);
+    // No lock of the world is held here: a listener takes its own locks
+    // (the module's tool lock among them) and may call back into the world.
     try {
       event();
     } catch (...) {
@@ -137,9 +138,26 @@ void SimWorld::eventLoop() {
   }
 }
 
+// Each delivery copies its list under listenersMutex_ and calls without it,
+// so the listener's own locks never nest inside ours. Before each call the
+// listener is looked up again: one removed earlier in the same delivery, by
+// itself, another listener or another thread, is skipped.
+template <typename T>
+std::vector<T> SimWorld::snapshot(const std::vector<T>& list) const {
+  std::lock_guard<std::mutex> guard(listenersMutex_);
+  return list;
+}
+
+template <typename T>
+bool SimWorld::listed(const std::vector<T>& list, T item) const {
+  std::lock_guard<std::mutex> guard(listenersMutex_);
+  return std::find(list.begin(), list.end(), item) != list.end();
+}
+
 void SimWorld::fireAdapter(bool added, const std::string& cpu) {
   post([this, added, cpu] {
-    for (auto* l : std::vector(adapterListeners_)) {
+    for (auto* l : snapshot(adapterListeners_)) {
+      if (!listed(adapterListeners_, l)) continue;
       added ? l->adapterAdded(cpu.c_str()) : l->adapterRemoved(cpu.c_str());
     }
   });
@@ -147,7 +165,9 @@ void SimWorld::fireAdapter(bool added, const std::string& cpu) {
 
 void SimWorld::fireTargetState(const std::string& target, int32_t state) {
   post([this, target, state] {
-    for (auto* l : std::vector(targetListeners_)) l->OnTargetStateChanged(target.c_str(), state);
+    for (auto* l : snapshot(targetListeners_)) {
+      if (listed(targetListeners_, l)) l->OnTargetStateChanged(target.c_str(), state);
+    }
   });
 }
 
@@ -157,53 +177,62 @@ void SimWorld::fireChannel(const std::string& cpu, int32_t kind, const std::stri
     event.kind = kind;
     event.text = text;
     std::vector<Qx::Nlv::Trace::ChannelClient*> hearers;
-    for (const auto& entry : channelListeners_) addOnce(hearers, entry.first);
-    for (auto* l : hearers) l->OnChannelEvent(cpu.c_str(), event);
+    for (const auto& entry : snapshot(channelListeners_)) addOnce(hearers, entry.first);
+    for (auto* l : hearers) {
+      bool stillHeard = false;
+      {
+        std::lock_guard<std::mutex> guard(listenersMutex_);
+        for (const auto& entry : channelListeners_) stillHeard = stillHeard || entry.first == l;
+      }
+      if (stillHeard) l->OnChannelEvent(cpu.c_str(), event);
+    }
   });
 }
 
 void SimWorld::fireCleanup() {
   post([this] {
-    for (auto* c : std::vector(cleanups_)) c->cleanup();
+    for (auto* c : snapshot(cleanups_)) {
+      if (listed(cleanups_, c)) c->cleanup();
+    }
   });
 }
 
 // ---- listeners --------------------------------------------------------------
 
 void SimWorld::addAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListener* l) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   addOnce(adapterListeners_, l);
 }
 void SimWorld::removeAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListener* l) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   removeAll(adapterListeners_, l);
 }
 void SimWorld::clearAdapterListeners() {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   adapterListeners_.clear();
 }
 void SimWorld::addTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   addOnce(targetListeners_, l);
 }
 void SimWorld::removeTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   removeAll(targetListeners_, l);
 }
 void SimWorld::clearTargetListeners() {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   targetListeners_.clear();
 }
 void SimWorld::addCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   addOnce(cleanups_, c);
 }
 void SimWorld::removeCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   removeAll(cleanups_, c);
 }
 void SimWorld::addChannelListener(Qx::Nlv::Trace::ChannelClient* l, const void* server) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   if (l == nullptr) return;
   auto entry = std::make_pair(l, server);
   if (std::find(channelListeners_.begin(), channelListeners_.end(), entry) == channelListeners_.end()) {
@@ -211,7 +240,7 @@ void SimWorld::addChannelListener(Qx::Nlv::Trace::ChannelClient* l, const void* 
   }
 }
 void SimWorld::removeChannelListeners(const void* server) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   channelListeners_.erase(std::remove_if(channelListeners_.begin(), channelListeners_.end(),
                                          [server](const auto& e) { return e.second == server; }),
                           channelListeners_.end());
@@ -219,13 +248,13 @@ void SimWorld::removeChannelListeners(const void* server) {
 
 int32_t SimWorld::registerClient(Qx::Nlv::Hemlock::HLClientBaseIF* client, int32_t id) {
   if (client == nullptr) return -1;
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   clients_.insert({client, id});
   return 0;
 }
 
 int32_t SimWorld::unregisterClient(Qx::Nlv::Hemlock::HLClientBaseIF* client, int32_t id) {
-  std::lock_guard<std::recursive_mutex> guard(listenersMutex_);
+  std::lock_guard<std::mutex> guard(listenersMutex_);
   return clients_.erase({client, id}) == 1 ? 0 : -1;
 }
 
@@ -481,10 +510,20 @@ int32_t SimWorld::run(const std::string& name, uint64_t limit, std::string& erro
   // the clients of the target, the trace channel recording, then running.
   post([this, id] {
     std::vector<Qx::Nlv::Hemlock::HLClientBaseIF*> hearers;
-    for (const auto& [client, clientId] : clients_) {
-      if (clientId == id) hearers.push_back(client);
+    {
+      std::lock_guard<std::mutex> guard(listenersMutex_);
+      for (const auto& [client, clientId] : clients_) {
+        if (clientId == id) hearers.push_back(client);
+      }
     }
-    for (auto* c : hearers) c->onJobEvent(Qx::Nlv::Hemlock::kJobRunSetup, static_cast<uint64_t>(id));
+    for (auto* c : hearers) {
+      bool stillRegistered = false;
+      {
+        std::lock_guard<std::mutex> guard(listenersMutex_);
+        stillRegistered = clients_.count({c, id}) == 1;
+      }
+      if (stillRegistered) c->onJobEvent(Qx::Nlv::Hemlock::kJobRunSetup, static_cast<uint64_t>(id));
+    }
   });
   if (!receiver.empty()) fireChannel(name, Qx::Nlv::Trace::kChannelRecording, channelText(6));
   fireTargetState(name, Qx::Nlv::Trace::kStateRunning);

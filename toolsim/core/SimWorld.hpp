@@ -6,10 +6,14 @@
 //
 // Threads: every operation is thread-safe. Events are queued and delivered
 // by the event thread, never inside the call that caused them, so a
-// listener may call back into any operation. Lock order: listenersMutex_
-// (held while an event is delivered and while a listener is removed, so a
-// removed listener is never called afterwards), then mutex_ (the world's
-// state), then the queue's own lock. mutex_ is never held while calling out.
+// listener may call back into any operation. No lock of the world is held
+// while a listener, client or cleanup callback is called: a delivery copies
+// the list under listenersMutex_ and looks each entry up again just before
+// calling it, so one removed before its turn is skipped. A removal returns at
+// once; a call to that listener already under way on the event thread may
+// still be finishing. Lock order: mutex_ (the world's state), then the
+// queue's own lock (an event is posted under mutex_); listenersMutex_ is
+// taken alone.
 #pragma once
 
 #include <atomic>
@@ -127,7 +131,14 @@ class __attribute__((visibility("default"))) SimWorld {
   void fireChannel(const std::string& cpu, int32_t kind, const std::string& text);
   void fireCleanup();
 
-  mutable std::recursive_mutex listenersMutex_;  // guards the listener lists below
+  // Copy of a listener list, taken under listenersMutex_ (event thread).
+  template <typename T>
+  std::vector<T> snapshot(const std::vector<T>& list) const;
+  // Whether item is still in list, looked up under listenersMutex_.
+  template <typename T>
+  bool listed(const std::vector<T>& list, T item) const;
+
+  mutable std::mutex listenersMutex_;  // guards the listener lists and clients_ below
   std::vector<Qx::Nlv::Hemlock::PBATargetAdapterEventListener*> adapterListeners_;
   std::vector<Qx::Nlv::Trace::CTargetStateNotification*> targetListeners_;
   std::vector<Qx::Nlv::Hemlock::CleanupCallbackIF*> cleanups_;

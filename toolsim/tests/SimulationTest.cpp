@@ -270,6 +270,55 @@ TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread
   entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
 }
 
+// A tool holds its own lock both in cleanup() and while it registers with
+// the registry; the simulation must call out with none of its locks held, or
+// the two orders deadlock (ThreadSanitizer reports the inversion). A callback
+// removed by an earlier one in the same delivery is not called.
+TEST_F(SimulationTest, CleanupCallsHoldNoSimulationLockAndSkipCallbacksRemovedMeanwhile) {
+  Hemlock::ICleanupRegistry* registry = nullptr;
+  entry<GetHemlockCleanupRegistryIF_t>("hemlock", "GetHemlockCleanupRegistryIF")(&registry);
+  ASSERT_NE(registry, nullptr);
+  std::mutex toolMutex;
+  std::condition_variable cleaned;
+  struct Tool final : Hemlock::CleanupCallbackIF {
+    Tool(std::mutex& m, std::condition_variable& c, Hemlock::ICleanupRegistry* r) : lock(m), done(c), reg(r) {}
+    void cleanup() override {
+      std::lock_guard<std::mutex> guard(lock);
+      ++calls;
+      if (victim != nullptr) reg->remove(victim);
+      done.notify_all();
+    }
+    std::mutex& lock;
+    std::condition_variable& done;
+    Hemlock::ICleanupRegistry* reg;
+    Tool* victim = nullptr;
+    int calls = 0;  // guarded by lock
+  };
+  Tool first(toolMutex, cleaned, registry), second(toolMutex, cleaned, registry);
+  first.victim = &second;
+  {
+    std::lock_guard<std::mutex> guard(toolMutex);  // the tool's order: its lock, then the registry
+    registry->add(&first);
+    registry->add(&second);
+  }
+  ASSERT_EQ(loadScenario(""), 0) << lastError();  // ends the session: cleanup goes out
+  {
+    std::unique_lock<std::mutex> lock(toolMutex);
+    EXPECT_TRUE(cleaned.wait_for(lock, std::chrono::seconds(10), [&] { return first.calls == 1; }));
+    EXPECT_EQ(second.calls, 0);
+  }
+  // Flush the event thread before the callbacks go out of scope.
+  registry->remove(&first);
+  Recorder rec;
+  entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer")(&rec);
+  ASSERT_EQ(simConnect("CM0P"), 0) << lastError();
+  rec.until("added CM0P");
+  entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer")(&rec);
+  std::lock_guard<std::mutex> guard(toolMutex);
+  EXPECT_EQ(first.calls, 1);
+  EXPECT_EQ(second.calls, 0);
+}
+
 TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   char error[Xevt::kErrorTextSize] = {};
   Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
