@@ -20,6 +20,7 @@
 #include "ExitCodes.hpp"
 #include "HostConnection.hpp"
 #include "ModuleLoader.hpp"
+#include "ShellSim.hpp"
 #include "Subcommands.hpp"
 
 #pragma GCC diagnostic push
@@ -30,7 +31,7 @@ namespace ostrand {
 namespace {
 
 constexpr const char* kHelp =
-    "usage: ostrand shell [--module PATH] [--wait SECONDS]\n"
+    "usage: ostrand shell [--module PATH] [--wait SECONDS] [--sim [SCENARIO]]\n"
     "\n"
     "Loads the trace module, opens a connection and sends it one JSON message per\n"
     "line of standard input. Every reply and event is printed on its own line to\n"
@@ -46,11 +47,23 @@ constexpr const char* kHelp =
     "                   program, or $OSTRAND_MODULE)\n"
     "  --wait SECONDS   at end of input, how long to wait for replies still owed\n"
     "                   (default 10)\n"
+    "  --sim [SCENARIO] activate a scenario of the simulated debug environment\n"
+    "                   (a JSON file; without one, the default scenario beside\n"
+    "                   the tool libraries) and accept host lines\n"
     "  --help           this text\n"
+    "\n"
+    "Host lines (with --sim; never sent to the module):\n"
+    "  :targets              the scenario's CPUs and their state, as JSON\n"
+    "  :connect CPU          connect a CPU (adapter and target events)\n"
+    "  :disconnect CPU       disconnect it\n"
+    "  :run CPU [N]          run it until halted, or for N instructions\n"
+    "  :halt CPU             halt it\n"
+    "  :wait TEXT [SECONDS]  wait until a printed line holds TEXT (default 10 s)\n"
+    "  :sleep MS             pause reading input\n"
     "\n"
     "Exit codes: 0 all lines sent and answered; 2 bad options; 3 module not found\n"
     "or not loadable; 4 a line could not be sent; 1 replies still owed when the\n"
-    "wait ran out.\n";
+    "wait ran out, or a host line failed (a :wait that timed out, an unknown CPU).\n";
 
 // Replies still owed, by id. A command expects one reply; a cancel of an id
 // still owed removes that debt (a cancelled command never answers).
@@ -116,11 +129,18 @@ std::string defaultModulePath() {
 int runShell(int argc, char** argv) {
   std::string modulePath = defaultModulePath();
   double waitSeconds = 10;
+  bool simulate = false;
+  std::string scenario;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
       std::fputs(kHelp, stdout);
       return kExitOk;
+    }
+    if (arg == "--sim") {
+      simulate = true;
+      if (i + 1 < argc && std::strncmp(argv[i + 1], "--", 2) != 0) scenario = argv[++i];
+      continue;
     }
     if ((arg == "--module" || arg == "--wait") && i + 1 < argc) {
       std::string value = argv[++i];
@@ -138,6 +158,15 @@ int runShell(int argc, char** argv) {
     }
     std::fprintf(stderr, "ostrand shell: unknown option '%s' (see ostrand shell --help)\n", arg.c_str());
     return kExitUsage;
+  }
+
+  ShellSim sim;
+  if (simulate) {
+    std::string error;
+    if (!sim.open(ShellSim::toolDirOf(modulePath), scenario, error)) {
+      std::fprintf(stderr, "ostrand shell: %s\n", error.c_str());
+      return error.rfind("--sim:", 0) == 0 ? kExitBadInput : kExitNoModule;
+    }
   }
 
   hostkit::ModuleLoader loader;
@@ -169,6 +198,7 @@ int runShell(int argc, char** argv) {
         std::fwrite(text->data(), 1, text->size(), stdout);
         std::fputc('\n', stdout);
         std::fflush(stdout);
+        sim.printed(*text);
       }
     }
   });
@@ -186,6 +216,14 @@ int runShell(int argc, char** argv) {
       exitCode = kExitBadInput;
       continue;
     }
+    if (line[first] == ':') {
+      std::string error;
+      if (!sim.hostLine(line.substr(first), error)) {
+        std::fprintf(stderr, "ostrand shell: line %zu: %s\n", lineNumber, error.c_str());
+        if (exitCode == kExitOk) exitCode = kExitFailure;
+      }
+      continue;
+    }
     ledger.sent(line);
     connection->send(line.c_str());
   }
@@ -195,6 +233,7 @@ int runShell(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   size_t owed = ledger.owed();
+  sim.finish();
   connection->release();
   // Texts that arrived before release are still printed.
   while (auto text = host.next(std::chrono::milliseconds(0))) {

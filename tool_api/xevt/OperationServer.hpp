@@ -18,8 +18,10 @@ namespace Qx::Nlv::Xevt {
 
 class IOperationServer {
  public:
-  // The server's operation (the same object on every call until it is
-  // released), or null.
+  // A new operation on each call, or null: one target carries several
+  // operations at once (a trace unit and a power probe; an ETB's trace-on,
+  // range and trigger units), each configured, enabled and released on its
+  // own.
   virtual TargetOperations::IOperation* getOperation() = 0;
   virtual IProperty* makeAddress64(const char* name, uint64_t address, uint32_t page) = 0;
   virtual IProperty* makeAddress(const char* name, uint32_t address, uint32_t page) = 0;

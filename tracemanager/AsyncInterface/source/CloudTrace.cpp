@@ -44,21 +44,6 @@ const std::vector<UsecaseRow>& usecaseTable() {
   return table;
 }
 
-// Copies `from` into `into` key by key, descending into objects.
-void mergeInto(Json::Value& into, const Json::Value& from) {
-  if (!from.isObject() || !into.isObject()) {
-    into = from;
-    return;
-  }
-  for (const auto& key : from.getMemberNames()) {
-    if (from[key].isObject() && into[key].isObject()) {
-      mergeInto(into[key], from[key]);
-    } else {
-      into[key] = from[key];
-    }
-  }
-}
-
 bool isEnabled(const Json::Value& value, const std::string& target, const char* kind) {
   if (!value.isObject() || !value[target].isObject() || !value[target][kind].isObject()) return false;
   const Json::Value& enable = value[target][kind]["enable"];
@@ -69,7 +54,7 @@ bool isEnabled(const Json::Value& value, const std::string& target, const char* 
 Json::Value freshMerge(const std::string& target, const Json::Value& session) {
   Json::Value fresh(Json::objectValue);
   fresh[target] = Json::Value(Json::objectValue);
-  mergeInto(fresh[target], session);
+  LocalOpManager::mergeSettings(fresh[target], session);
   return fresh;
 }
 
@@ -88,11 +73,23 @@ CloudTrace::~CloudTrace() {
   QX_TRACE_FUNCTION("CloudTrace::~CloudTrace");
   try {
     shutdown();
+    releaseRetired();
   } catch (const std::exception& e) {
     QX_LOG_ERROR("CloudTrace: shutdown failed: %s", e.what());
   }
   for (auto& c : connections) c.disconnect();
-  if (hemlock != nullptr) CloudHemlock::Release(hemlock);
+  if (hemlock != nullptr && hemlock == CloudHemlock::current()) CloudHemlock::Release();
+}
+
+// The tool gate deletes itself when the last debug session ends and nobody
+// else is counted, so a pointer kept from the constructor may be stale: each
+// use takes the current instance, and acquires one again if it went.
+// A module that never had its tools does not try again.
+CloudHemlock* CloudTrace::tools() {
+  if (hemlock == nullptr) return nullptr;
+  CloudHemlock* now = CloudHemlock::current();
+  hemlock = now != nullptr ? now : CloudHemlock::Acquire(QX_NLV::baseDirectory());
+  return hemlock;
 }
 
 LocalOpManager& CloudTrace::manager() {
@@ -109,11 +106,12 @@ std::string CloudTrace::getTestString(const std::string& text) {
 Json::Value CloudTrace::GetDevices(bool live, const std::string& tdfName) {
   QX_TRACE_NAME("CloudTrace::GetDevices(%d, %s)\n", live ? 1 : 0, tdfName.c_str());
   if (!live && tdfName.empty()) throw std::runtime_error("Missing tdf name for non-live session");
-  if (hemlock == nullptr) throw std::runtime_error("Failed to acquire hemlock");
-  std::lock_guard<std::recursive_mutex> guard(hemlock->toolMutex);
+  CloudHemlock* gate = tools();
+  if (gate == nullptr) throw std::runtime_error("Failed to acquire hemlock");
+  std::lock_guard<std::recursive_mutex> guard(gate->toolMutex);
   Json::Value devices;
-  if (hemlock->getDevices(live, tdfName, devices) < 0) {
-    throw std::runtime_error("Failed to get devices: " + hemlock->getLastError());
+  if (gate->getDevices(live, tdfName, devices) < 0) {
+    throw std::runtime_error("Failed to get devices: " + gate->getLastError());
   }
   return devices;
 }
@@ -131,20 +129,20 @@ Json::Value CloudTrace::GetListOfUsecases(const std::string& device) {
 
 Json::Value CloudTrace::GetLiveTraceReceivers(const std::string& filter) {
   QX_TRACE_NAME("CloudTrace::GetLiveTraceReceivers(%s)\n", filter.c_str());
-  std::vector<std::pair<std::string, std::string>> routes;
+  std::vector<TraceRoute> routes;
   Json::Value devices;  // device information by target, for the "WLplus" rule
   if (localOpManager) {
     std::lock_guard<std::mutex> guard(localOpManager->commandMutex);
     routes = localOpManager->getLiveTraceRoutes(filter);
-  } else if (hemlock != nullptr) {
-    std::lock_guard<std::recursive_mutex> guard(hemlock->toolMutex);
+  } else if (CloudHemlock* gate = tools()) {
+    std::lock_guard<std::recursive_mutex> guard(gate->toolMutex);
     Json::Value list;
-    if (hemlock->getDevices(true, "", list) >= 0 && list.isArray()) {
+    if (gate->getDevices(true, "", list) >= 0 && list.isArray()) {
       for (const auto& device : list) {
         for (const auto& route : device["device_info"]["trace_routes"]) {
           std::string source = route["source"].asString();
           if (!filter.empty() && filter != source) continue;
-          routes.emplace_back(source, route["receiver"].asString());
+          routes.push_back({source, route["receiver"].asString()});
           devices[source] = device["device_info"];
         }
       }
@@ -188,17 +186,18 @@ Json::Value CloudTrace::ConfigureTargetSession(const std::string& target,
   sessions[target] = session;
 
   boost::lock_guard<boost::mutex> guard(lock);
-  if (hemlock == nullptr) return result;  // no tools: no targets
+  CloudHemlock* gate = tools();
+  if (gate == nullptr) return result;  // no tools: no targets
   std::vector<std::string> cpus;
   {
-    std::lock_guard<std::recursive_mutex> tools(hemlock->toolMutex);
-    hemlock->getCpuNames(cpus);
+    std::lock_guard<std::recursive_mutex> toolLock(gate->toolMutex);
+    gate->getCpuNames(cpus);
   }
   if (cpus.empty()) return result;
   bool connected = false;
   {
-    std::lock_guard<std::recursive_mutex> tools(hemlock->toolMutex);
-    if (hemlock->isTargetConnected(target, connected) < 0 || !connected) return result;
+    std::lock_guard<std::recursive_mutex> toolLock(gate->toolMutex);
+    if (gate->isTargetConnected(target, connected) < 0 || !connected) return result;
   }
   Json::Value fresh = freshMerge(target, session);
   if (!localOpManager && !isEnabled(fresh, target, "Wattline") && !isEnabled(fresh, target, "MTB") &&
@@ -237,11 +236,12 @@ Json::Value CloudTrace::ConfigureTDFSession(const std::string& target,
 }
 
 Json::Value CloudTrace::configureSession(const std::string& configuration) {
-  if (hemlock == nullptr) return Json::Value(Json::objectValue);
+  CloudHemlock* gate = tools();
+  if (gate == nullptr) return Json::Value(Json::objectValue);
   std::vector<std::string> cpus;
   {
-    std::lock_guard<std::recursive_mutex> tools(hemlock->toolMutex);
-    hemlock->getCpuNames(cpus);
+    std::lock_guard<std::recursive_mutex> toolLock(gate->toolMutex);
+    gate->getCpuNames(cpus);
   }
   for (const auto& name : cpus) {
     if (name.find("DAP") == std::string::npos) return ConfigureTargetSession(name, configuration);
@@ -272,8 +272,12 @@ void CloudTrace::shutdown() {
   localOpManager->shutdown();
   for (auto& c : connections) c.disconnect();
   connections.clear();
-  localOpManager.reset();
+  // The manager is let go of by the caller once `lock` is free: its end
+  // waits for tool events in flight, which may be waiting for `lock`.
+  retired = std::move(localOpManager);
 }
+
+void CloudTrace::releaseRetired() { retired.reset(); }
 
 void CloudTrace::enableLiveTrace(const std::string& target, const std::vector<std::string>& kinds,
                                  bool enable) {

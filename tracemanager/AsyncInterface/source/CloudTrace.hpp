@@ -46,7 +46,10 @@ class CloudTrace {
   Json::Value ConfigureTargetSession(const std::string& target, const std::string& configuration);
   Json::Value ConfigureTDFSession(const std::string& target, const std::string& configuration);
   Json::Value configureSession(const std::string& configuration);
+  // Ends the session (under `lock` when a command asks); the manager is
+  // released by releaseRetired, called without `lock`.
   void shutdown();
+  void releaseRetired();
 
   // The manager, raising "Trace has not been configured" when there is none.
   LocalOpManager& manager();
@@ -67,8 +70,11 @@ class CloudTrace {
   // Held while a session is set up or stopped and while a trace event
   // passes through.
   boost::mutex lock;
+  // The tool gate as last seen; read it through tools().
   CloudHemlock* hemlock = nullptr;
+  CloudHemlock* tools();
   std::shared_ptr<LocalOpManager> localOpManager;
+  std::shared_ptr<LocalOpManager> retired;  // ended, to be let go of outside `lock`
   Json::Value sessions;
   std::vector<boost::signals2::connection> connections;
 };

@@ -98,6 +98,7 @@ void CloudTrace::registerCommands(Translator& t) {
       boost::lock_guard<boost::mutex> guard(lock);
       shutdown();
     }
+    releaseRetired();
     t.sendResponse(id);
   });
   t.addCommand("cloudTrace.exportCaptureToCSV", [this, &t](unsigned int id, const Json::Value& m) {

@@ -1,7 +1,15 @@
 // The trace and scripting commands as a host sees them on a machine without
 // tool libraries and before any session.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "ScriptingConfig.hpp"
 #include "TestSink.hpp"
@@ -102,14 +110,45 @@ TEST_F(CommandSurfaceTest, ArgumentsAreDecodedFromTheLastToTheFirst) {
             R"({"data":{"message":"Cannot convert [] to string"},"error":5})");
 }
 
-TEST_F(CommandSurfaceTest, TdfSessionNeedsTheCaptureSide) {
-  // The TDF road starts a session even without a connected target; the
-  // capture side is what refuses in this build.
-  EXPECT_EQ(reply(R"({"command":"cloudTrace.configureTargetSession","id":1,"data":["cpu",)"
-                  R"("{\"traceSession\":{\"TDF\":{\"enable\":true}}}"]})"),
-            R"({"data":{"message":"Trace capture is not available in this build"},"error":1})");
-  EXPECT_EQ(reply(R"({"command":"cloudTrace.configureTDFSession","id":2,"data":["cpu","{}"]})"),
-            R"({"data":{},"response":2})");
+// A port that was free a moment ago, for the module's trace server.
+int freeLoopbackPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+TEST_F(CommandSurfaceTest, TdfSessionStartsWithoutATarget) {
+  // The TDF road starts a session even without a connected target; without
+  // a file capture in this build its thread reports that it cannot enable.
+  ::setenv("OSTRAND_TSP_PORT", std::to_string(freeLoopbackPort()).c_str(), 1);
+  Json::Value answer;
+  for (const auto& text : run(R"({"command":"cloudTrace.configureTargetSession","id":1,"data":["cpu",)"
+                              R"("{\"traceSession\":{\"TDF\":{\"enable\":true}}}"]})")) {
+    if (text.find(R"("response":1)") != std::string::npos) Json::Reader().parse(text, answer);
+  }
+  const Json::Value& location = answer["data"]["dataLocation"][0];
+  EXPECT_EQ(location["target"].asString(), "cpu");
+  EXPECT_EQ(location["traceType"].asString(), "TDF");
+  EXPECT_EQ(location["uri"].asString().rfind("file:///", 0), 0u);
+  EXPECT_NE(location["uri"].asString().find("/.QX-trace/data/file-targets/cpu/TDF"), std::string::npos);
+  const std::string refused =
+      R"({"data":{"description":"{\"showStatusMsg\":true,\"statusMsg\":\"Cannot enable TDF\"}\n",)"
+      R"("eventName":"Collecting","handle":"","target":"cpu"},"event":"cloudTrace.traceEvent"})";
+  auto seen = [&] {
+    auto texts = out.texts();
+    return std::find(texts.begin(), texts.end(), refused) != texts.end();
+  };
+  for (int i = 0; i < 500 && !seen(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(seen());
+  EXPECT_EQ(reply(R"({"command":"cloudTrace.stopSession","id":2})"), R"({"response":2})");
+  EXPECT_EQ(reply(R"({"command":"cloudTrace.configureTDFSession","id":3,"data":["cpu","{}"]})"),
+            R"({"data":{},"response":3})");
 }
 
 TEST_F(CommandSurfaceTest, ScriptingConfigureTraceDecodingErrors) {

@@ -1,0 +1,151 @@
+// SimWorld: the one simulated debug environment of a process. Every tool
+// library of the simulation reaches the same world: the active scenario,
+// the state of each CPU (connected, running, its executor and trace
+// recording), the registered listeners and clients, and the one event
+// thread on which every event goes out, in the order it was caused.
+//
+// Threads: every operation is thread-safe. Events are queued and delivered
+// by the event thread, never inside the call that caused them, so a
+// listener may call back into any operation. Lock order: listenersMutex_
+// (held while an event is delivered and while a listener is removed, so a
+// removed listener is never called afterwards), then mutex_ (the world's
+// state), then the queue's own lock. mutex_ is never held while calling out.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "RunSettings.hpp"
+#include "Scenario.hpp"
+#include "SimStep.hpp"
+#include "TraceRecorder.hpp"
+#include "hemlock/CleanupRegistry.hpp"
+#include "hemlock/HLClient.hpp"
+#include "hemlock/TargetAdapter.hpp"
+#include "trace/ChannelClient.hpp"
+
+namespace OstrandSim {
+
+// An operation's part in the next run of its CPU.
+struct OperationState {
+  bool sub = false;            // a sub-operation (kind 1)
+  std::string receiver;        // main: "MTB", "ETB", "WL"; "" until configured
+  std::vector<PropNode> props;
+  bool enabled = false;
+};
+
+class __attribute__((visibility("default"))) SimWorld {
+ public:
+  // The world; made on first use, with the scenario of OSTRAND_SIM_SCENARIO
+  // if that is set.
+  static SimWorld& instance();
+  ~SimWorld();
+
+  // Control: 0, or a negative result with the reason in `error`.
+  int32_t loadScenario(const std::string& path, std::string& error);
+  int32_t connect(const std::string& cpu, std::string& error);
+  int32_t disconnect(const std::string& cpu, std::string& error);
+  int32_t run(const std::string& cpu, uint64_t limit, std::string& error);
+  int32_t halt(const std::string& cpu, std::string& error);
+  int32_t waitHalted(const std::string& cpu, uint32_t timeoutMs, std::string& error);
+  std::string stateJson();
+  // Ends every run and the event thread; the world stays usable afterwards
+  // only for answers (used at process end).
+  void shutdown();
+
+  std::shared_ptr<const Scenario> scenario() const;
+  std::string defaultScenarioPath() const;
+
+  // Adapter library.
+  int32_t numCpu() const;
+  bool cpuName(int32_t index, std::string& name) const;
+  bool isConnected(const std::string& target) const;
+  // The CPU whose device holds `node` below `cpu`'s tree ("" if none).
+  std::string cpuOfNode(const std::string& cpu, const std::string& node) const;
+
+  void addAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListener* l);
+  void removeAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListener* l);
+  void clearAdapterListeners();
+  void addTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l);
+  void removeTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l);
+  void clearTargetListeners();
+  void addCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c);
+  void removeCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c);
+  void addChannelListener(Qx::Nlv::Trace::ChannelClient* l, const void* server);
+  void removeChannelListeners(const void* server);
+
+  // Job manager and manager. targetId throws SimError for an unknown name.
+  int32_t targetId(const std::string& name) const;
+  int32_t registerClient(Qx::Nlv::Hemlock::HLClientBaseIF* client, int32_t id);
+  int32_t unregisterClient(Qx::Nlv::Hemlock::HLClientBaseIF* client, int32_t id);
+
+  // Operations of a CPU: made by operation servers, kept here so a run
+  // can read them. The id is valid until releaseOperation.
+  uint64_t addOperation(const std::string& cpu, bool sub);
+  void updateOperation(uint64_t id, const std::function<void(OperationState&)>& change);
+  void releaseOperation(uint64_t id);
+
+  // Channel. stopRecording answers with a "stopped" channel event.
+  std::string stopRecording(const std::string& cpu);
+  // What the CPU's trace holds now: the recording of the last (or current)
+  // run, or an empty table of the receiver's columns.
+  std::shared_ptr<const RowSource> capture(const std::string& cpu);
+
+ private:
+  struct Cpu {
+    std::unique_ptr<CpuExecutor> executor;
+    bool connected = false;
+    bool running = false;
+    uint64_t runs = 0;
+    std::string lastError;
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> halt;
+    std::shared_ptr<TraceRecorder> recorder;
+  };
+
+  SimWorld();
+  void post(std::function<void()> event);
+  void eventLoop();
+  void runThread(std::string cpu, uint64_t limit, std::shared_ptr<std::atomic<bool>> halt,
+                 std::shared_ptr<TraceRecorder> recorder, Cpu* state);
+  TraceSettings traceSettingsOf(const std::string& cpu, const std::string& receiver);
+  Cpu* findCpu(const std::string& name, std::string& error);  // caller holds mutex_
+  void unloadLocked(std::unique_lock<std::mutex>& lock);
+
+  void fireAdapter(bool added, const std::string& cpu);
+  void fireTargetState(const std::string& target, int32_t state);
+  void fireChannel(const std::string& cpu, int32_t kind, const std::string& text);
+  void fireCleanup();
+
+  mutable std::recursive_mutex listenersMutex_;  // guards the listener lists below
+  std::vector<Qx::Nlv::Hemlock::PBATargetAdapterEventListener*> adapterListeners_;
+  std::vector<Qx::Nlv::Trace::CTargetStateNotification*> targetListeners_;
+  std::vector<Qx::Nlv::Hemlock::CleanupCallbackIF*> cleanups_;
+  std::vector<std::pair<Qx::Nlv::Trace::ChannelClient*, const void*>> channelListeners_;
+  std::set<std::pair<Qx::Nlv::Hemlock::HLClientBaseIF*, int32_t>> clients_;
+
+  mutable std::mutex mutex_;  // guards the scenario, cpus_, operations_ and nextOperation_
+  std::condition_variable changed_;
+  std::shared_ptr<const Scenario> scenario_;
+  std::map<std::string, Cpu> cpus_;
+  std::map<uint64_t, std::pair<std::string, OperationState>> operations_;
+  uint64_t nextOperation_ = 1;
+
+  std::mutex queueMutex_;  // guards queue_ and stopping_
+  std::condition_variable queueChanged_;
+  std::deque<std::function<void()>> queue_;
+  bool stopping_ = false;
+  std::thread eventThread_;
+};
+
+}  // namespace OstrandSim

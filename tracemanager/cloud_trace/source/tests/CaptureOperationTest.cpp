@@ -1,0 +1,204 @@
+// Capture directories and URIs, the settings overlay, and what a power
+// capture writes and moves, without tools.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <filesystem>
+
+#include "CaptureTestDirs.hpp"
+#include "DataBrokerRouter.hpp"
+#include "LocalOpManager.hpp"
+#include "WLCaptureOperation.hpp"
+#include "WorkQueue.hpp"
+
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace fs = std::filesystem;
+using WL = LocalOpManager::WLCaptureOperation;
+
+namespace {
+
+Json::Value parse(const std::string& text) {
+  Json::Value value;
+  Json::Reader().parse(text, value);
+  return value;
+}
+
+// The receiver's own properties of a settings tree.
+const Json::Value& receiverList(const Json::Value& settings) {
+  return settings[0]["sub_properties"][0]["sub_properties"];
+}
+
+Json::Value userProps(const std::string& receiverList) {
+  return parse(R"([{"name":"Receiver Settings","sub_properties":[{"name":"Receiver",)"
+               R"("type":"String","value":"WL","sub_properties":)" +
+               receiverList + "}]}]");
+}
+
+struct DirCase {
+  const char* target;
+  const char* feature;
+  const char* below;  // expected path below <data>
+};
+
+class TargetDirTest : public ::testing::TestWithParam<DirCase> {
+ protected:
+  TempUserDir home;
+};
+
+TEST_P(TargetDirTest, NamesAndCreatesTheCaptureDirectory) {
+  const DirCase& c = GetParam();
+  std::string dir = LocalOpManager::getTargetDir(c.target, c.feature);
+  EXPECT_EQ(dir, home.data() + "/" + c.below);
+  EXPECT_TRUE(fs::is_directory(dir));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layout, TargetDirTest,
+    ::testing::Values(DirCase{"cpu", "Wattline", "live-targets/cpu/Wattline"},
+                      DirCase{"", "MTB", "live-targets"},  // no target: the feature is not joined
+                      DirCase{"a//b", "ETB", "live-targets/a/b/ETB"},
+                      DirCase{"file/x", "MTB", "file-targets/file/x/MTB"},
+                      DirCase{"x/file/a", "MTB", "live-targets/x/file/a/MTB"},
+                      DirCase{"file/a/file/b", "MTB", "live-targets/file/a/file/b/MTB"},
+                      DirCase{"board/core0", "TDF", "file-targets/board/core0/TDF"}));
+
+TEST(CaptureUriTest, AbsolutePathsGetThreeSlashes) {
+  EXPECT_EQ(LocalOpManager::directoryUri("/home/u/x"), "file:///home/u/x");
+  EXPECT_EQ(LocalOpManager::directoryUri("C:/data/x"), "file:///C:/data/x");
+}
+
+TEST(CopyDirFilesTest, MovesFilesOverwritingAndKeepsOthers) {
+  TempUserDir home;
+  const std::string from = home.root() + "/from", to = home.root() + "/deep/to";
+  fs::create_directories(from);
+  LocalOpManager::copyDirFiles(from, to);  // empty source: only the target is made
+  EXPECT_TRUE(fs::is_directory(to));
+  writeText(from + "/WLData.bin", "new");
+  writeText(to + "/WLData.bin", "old");
+  writeText(to + "/older.txt", "kept");
+  LocalOpManager::copyDirFiles(from, to);
+  EXPECT_EQ(readText(to + "/WLData.bin"), "new");
+  EXPECT_EQ(readText(to + "/older.txt"), "kept");
+  EXPECT_FALSE(fs::exists(from + "/WLData.bin"));
+  // A source that does not exist is logged, not thrown.
+  EXPECT_NO_THROW(LocalOpManager::copyDirFiles(home.root() + "/missing", to));
+}
+
+TEST(SettingsMergeTest, ObjectsByMemberArraysOnlyOfTheSameSize) {
+  Json::Value dst = parse(R"({"a":{"x":1,"y":2},"l":[1,{"k":1}],"s":5})");
+  // A member that is no object in the settings is replaced whole.
+  LocalOpManager::mergeSettings(dst, parse(R"({"a":{"y":3,"z":4},"l":[9],"s":{"o":1},"t":true})"));
+  EXPECT_EQ(Json::FastWriter().write(dst),
+            R"({"a":{"x":1,"y":3,"z":4},"l":[9],"s":{"o":1},"t":true})" "\n");
+  // Two arrays of one size merge element by element; scalars in them stay.
+  Json::Value list = parse(R"([1,{"k":1}])");
+  LocalOpManager::mergeSettings(list, parse(R"([9,{"k":2,"n":3}])"));
+  EXPECT_EQ(Json::FastWriter().write(list), R"([1,{"k":2,"n":3}])" "\n");
+  LocalOpManager::mergeSettings(list, parse("[7]"));
+  EXPECT_EQ(Json::FastWriter().write(list), R"([1,{"k":2,"n":3}])" "\n");
+}
+
+struct FormatCase {
+  const char* target;
+  const char* format;
+};
+class WLFormatTest : public ::testing::TestWithParam<FormatCase> {};
+
+TEST_P(WLFormatTest, FormatFollowsTheCore) {
+  TempUserDir home;
+  WL op(0, nullptr, GetParam().target, Json::Value());
+  op.configure(Json::Value(), nullptr);
+  EXPECT_EQ(op.getReceiverProperty("Format")["value"].asString(), GetParam().format);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cores, WLFormatTest,
+                         ::testing::Values(FormatCase{"LYNX16_CORE", "LYNX"},
+                                           FormatCase{"sim/Cortex_M0plus", "LYNX"},
+                                           FormatCase{"cortex_m4_0", "LPRF"},
+                                           FormatCase{"ArmV6M0", "LYNX"}));
+
+TEST(WLSettingsTest, UserPropertiesReplaceInPlaceOrAppend) {
+  TempUserDir home;
+  WL op(0, nullptr, "cpu", Json::Value());
+  op.configure(userProps(R"([{"name":"Duration","type":"Number","value":5},)"
+                         R"({"name":"Extra","type":"Boolean","value":true}])"),
+               nullptr);
+  const Json::Value& list = receiverList(op.getSettings());
+  ASSERT_EQ(list.size(), 8u);
+  EXPECT_EQ(list[2]["name"].asString(), "Duration");
+  EXPECT_EQ(list[2]["value"].asInt(), 5);
+  EXPECT_EQ(list[7]["name"].asString(), "Extra");
+  EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["value"].asString(), "WL");
+
+  // "Receiver Settings" at another index than the defaults: nothing overlaid.
+  Json::Value shifted(Json::arrayValue);
+  shifted.append(parse(R"({"name":"Other"})"));
+  shifted.append(userProps(R"([{"name":"Duration","type":"Number","value":5}])")[0]);
+  for (const Json::Value& ignored : {shifted, Json::Value(), parse("{}"), parse("[1,2]")}) {
+    op.configure(ignored, nullptr);
+    EXPECT_EQ(receiverList(op.getSettings())[2]["value"].asInt(), 20000);
+    EXPECT_EQ(receiverList(op.getSettings()).size(), 7u);
+  }
+}
+
+TEST(WLMetadataTest, WritesMetadataAndAnEmptySupplementToDiskOrBroker) {
+  TempUserDir home;
+  WL op(3, nullptr, "board/cpu", Json::Value());
+  // WLplus as the text "true" is no boolean: the capture stays a plain one.
+  op.configure(userProps(R"([{"name":"WLplus","type":"Boolean","value":"true"}])"), nullptr);
+  op.exportMetaData();
+  const std::string dir = home.data() + "/live-targets/board/cpu/Wattline";
+  EXPECT_EQ(op.getCaptureDir(), dir);
+  Json::Value metadata = parse(readText(dir + "/metadata"));
+  EXPECT_EQ(metadata["typeId"].asString(), "WL");
+  EXPECT_EQ(metadata["device"].asString(), "board/cpu");
+  EXPECT_EQ(metadata["dataFile"].asString(), "unknown");
+  EXPECT_EQ(metadata["time"].asString().size(), 20u);  // 2026-01-02T03:04:05Z
+  EXPECT_EQ(readText(dir + "/metadataSup.json"), "{}\n");
+  // Styled text: three blanks, keys in order.
+  EXPECT_NE(readText(dir + "/metadata").find("{\n   \"cpu\" : \"unknown\",\n"),
+            std::string::npos);
+
+  // WLplus true without tools: "WL+", and no state description to add.
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  VSKTspServer::DataBrokerRouter broker;
+  op.configure(userProps(R"([{"name":"WLplus","type":"Boolean","value":true}])"), &broker);
+  op.exportMetaData();
+  EXPECT_EQ(parse(readText(dir + "/metadata"))["typeId"].asString(), "WL+");
+  EXPECT_EQ(readText(dir + "/metadataSup.json"), "{}\n");
+}
+
+TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
+  TempUserDir home;
+  WL op(0, nullptr, "cpu", Json::Value());
+  op.configure(Json::Value(), nullptr);
+  const std::string scratch = LocalOpManager::getScratchDir(".Wattline");
+  writeText(scratch + "/WLData.bin", "stream");
+
+  op.onDataReady();  // never armed: nothing moves
+  EXPECT_EQ(op.getState(), WL::Idle);
+  EXPECT_TRUE(fs::exists(scratch + "/WLData.bin"));
+
+  low::promise<void> ready = op.getDataReady();
+  op.enable(true);  // no tools: the start fails, the state is Armed all the same
+  EXPECT_EQ(op.getState(), WL::Armed);
+  EXPECT_TRUE(ready.sameState(op.getDataReady()));
+  op.onDataReady();  // Armed, not Collecting
+  EXPECT_TRUE(fs::exists(scratch + "/WLData.bin"));
+  op.onDataCollecting();
+  op.onDataCollecting();
+  EXPECT_EQ(op.getState(), WL::Collecting);
+  op.onDataReady();
+  EXPECT_EQ(op.getState(), WL::Idle);
+  EXPECT_EQ(readText(op.getCaptureDir() + "/WLData.bin"), "stream");
+  EXPECT_FALSE(fs::exists(scratch + "/WLData.bin"));
+  // The promise is settled on the worker, never on the stopping thread.
+  WorkQueue::instance().drain();
+  EXPECT_EQ(ready.status(), low::promise<void>::resolved);
+  op.enable(true);  // a settled promise is replaced at the next arming
+  EXPECT_FALSE(ready.sameState(op.getDataReady()));
+}
+
+}  // namespace

@@ -1,0 +1,289 @@
+// The manager on the simulated debug environment: lock order and the order
+// of events when tool threads and commands meet. The tool entries are
+// called on threads of the test as the tool library calls them.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "CaptureTestDirs.hpp"
+#include "CloudHemlock.hpp"
+#include "LocalOpManager.hpp"
+#include "WLCaptureOperation.hpp"
+#include "WorkQueue.hpp"
+#include "sim/SimControl.hpp"
+
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base/";
+
+// The simulation's control entry points, from the tool library the module
+// loads.
+struct Sim {
+  Sim() {
+    handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
+    load = reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
+    connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
+  }
+  ~Sim() {
+    if (handle != nullptr) dlclose(handle);
+  }
+  void* handle = nullptr;
+  OstrandSim_LoadScenario_t load = nullptr;
+  OstrandSim_Connect_t connect = nullptr;
+};
+
+class LocalOpManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(sim.handle, nullptr) << dlerror();
+    ASSERT_EQ(sim.load(""), 0);
+    ASSERT_EQ(sim.connect("CM0P"), 0);
+    ASSERT_EQ(sim.connect("CM4"), 0);
+    LocalOpManager::setInstallBase(kBase);
+    ::setenv("OSTRAND_TSP_PORT", std::to_string(freePort()).c_str(), 1);
+    manager = LocalOpManager::instance();
+    ASSERT_NE(manager->getTools(), nullptr);
+    connections = manager->connect(nullptr, nullptr, nullptr,
+                                   [this](const std::string& t, const std::string&,
+                                          const std::string& e, const std::string& d) {
+                                     std::lock_guard<std::mutex> guard(eventsMutex);
+                                     events.push_back(t + " " + e + " " + d);
+                                   });
+    waitConnected("CM0P");
+    waitConnected("CM4");
+  }
+  void TearDown() override {
+    for (auto& c : connections) c.disconnect();
+    if (manager) {
+      std::lock_guard<std::mutex> guard(manager->commandMutex);
+      manager->shutdown();
+    }
+    manager.reset();
+    WorkQueue::instance().drain();
+  }
+
+  static int freePort() {
+    static std::atomic<int> next{39100 + static_cast<int>(::getpid() % 500) * 2};
+    return next++;
+  }
+  void waitConnected(const std::string& cpu) {
+    for (int i = 0; i < 200; ++i) {
+      bool connected = false;
+      {
+        std::lock_guard<std::recursive_mutex> guard(manager->getTools()->toolMutex);
+        manager->getTools()->isTargetConnected(cpu, connected);
+      }
+      if (connected) return;
+      std::this_thread::sleep_for(10ms);
+    }
+    FAIL() << cpu << " never connected";
+  }
+  void configure(const std::string& target, const std::string& features) {
+    Json::Value config;
+    Json::Reader().parse("{\"" + target + "\":" + features + "}", config);
+    std::lock_guard<std::mutex> guard(manager->commandMutex);
+    manager->configure(target, config);
+  }
+  std::vector<std::string> takeEvents() {
+    std::lock_guard<std::mutex> guard(eventsMutex);
+    return std::exchange(events, {});
+  }
+
+  TempUserDir home;
+  Sim sim;
+  std::shared_ptr<LocalOpManager> manager;
+  std::vector<boost::signals2::connection> connections;
+  std::mutex eventsMutex;
+  std::vector<std::string> events;  // guarded by eventsMutex
+};
+
+const char* const kStatusOn = R"({"showStatusMsg":true,"statusMsg":"Collecting data"})"
+                              "\n";
+const char* const kStatusOff = R"({"showStatusMsg":false,"statusMsg":""})"
+                               "\n";
+
+TEST_F(LocalOpManagerTest, ChannelEventDuringRunSetupIsHandledAfterRecording) {
+  configure("CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
+  // The ETB status of the run setup's arming is raised while it holds
+  // eventMutex; a stop that the tool reports right then must wait.
+  std::atomic<bool> injected{false};
+  auto inject = manager->connect(nullptr, nullptr, nullptr,
+                                 [&](const std::string&, const std::string&, const std::string&,
+                                     const std::string& d) {
+                                   if (d.find("ETB Trace enabled") == std::string::npos &&
+                                       d.find("Trace Enabled") == std::string::npos) {
+                                     return;
+                                   }
+                                   if (injected.exchange(true)) return;
+                                   std::thread([&] {
+                                     manager->deliverChannelEvent(
+                                         {"CM4", "traceChannelStoppedUserRequest", ""});
+                                   }).join();
+                                   EXPECT_EQ(manager->deferredCount(), 1u);
+                                 });
+  takeEvents();
+  EXPECT_EQ(manager->doRunSetup("CM4"), 0);
+  for (auto& c : inject) c.disconnect();
+  ASSERT_TRUE(injected);
+  EXPECT_EQ(manager->deferredCount(), 0u);
+  EXPECT_EQ(manager->captureState("CM4", kFeatureWattline), 0);  // Collecting, then Idle
+  std::vector<std::string> seen = takeEvents();
+  ASSERT_GE(seen.size(), 4u);
+  // ..., the ETB status, "Collecting data", "DataReady", status off.
+  EXPECT_EQ(seen[seen.size() - 3], std::string("CM4 Collecting ") + kStatusOn);
+  EXPECT_EQ(seen[seen.size() - 2], "CM4 DataReady UserRequest");
+  EXPECT_EQ(seen[seen.size() - 1], std::string("CM4 Collecting ") + kStatusOff);
+  EXPECT_TRUE(fs::exists(home.data() + "/live-targets/CM4/Wattline/metadata"));
+}
+
+TEST_F(LocalOpManagerTest, SecondRunSetupDropsWhatTheLastRunQueued) {
+  configure("CM0P", R"({"Wattline":{"enable":true}})");
+  manager->doRunSetup("CM0P");
+  EXPECT_EQ(manager->captureState("CM0P", kFeatureWattline), 2);
+  takeEvents();
+  std::future<int32_t> setup;
+  {
+    std::lock_guard<std::mutex> running(manager->eventMutex);  // a run setup in progress
+    manager->deliverChannelEvent({"CM0P", "traceChannelStoppedFull", ""});
+    EXPECT_EQ(manager->deferredCount(), 1u);
+    setup = std::async(std::launch::async, [&] { return manager->doRunSetup("CM0P"); });
+    std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_EQ(setup.get(), 0);
+  // The stop of the former run was dropped: the new capture collects.
+  EXPECT_EQ(manager->captureState("CM0P", kFeatureWattline), 2);
+  for (const auto& e : takeEvents()) EXPECT_EQ(e.find("DataReady"), std::string::npos) << e;
+}
+
+TEST_F(LocalOpManagerTest, HaltDuringEnableFeatureWaitsForTheNewCapture) {
+  configure("CM0P", R"({"Wattline":{"enable":false}})");
+  // A power capture that stops inside createHlOperation until released.
+  struct Gated : LocalOpManager::WLCaptureOperation {
+    using WLCaptureOperation::WLCaptureOperation;
+    uint32_t createHlOperation() override {
+      uint32_t handle = WLCaptureOperation::createHlOperation();
+      inside->set_value();
+      release->wait();
+      return handle;
+    }
+    int32_t enableImpl(bool on) override {
+      if (on) *armed = true;
+      return WLCaptureOperation::enableImpl(on);
+    }
+    std::promise<void>* inside = nullptr;
+    std::shared_future<void>* release = nullptr;
+    std::atomic<bool>* armed = nullptr;
+  };
+  std::promise<void> inside, release;
+  std::atomic<bool> armed{false}, haltDone{false}, haltSawArmed{false};
+  std::shared_future<void> released = release.get_future().share();
+  LocalOpManager::registerCaptureOperation(
+      kFeatureWattline, [&](int32_t id, CloudHemlock* tools, const std::string& target,
+                            const Json::Value& s, LocalOpManager*) {
+        auto op = std::make_unique<Gated>(id, tools, target, s);
+        op->inside = &inside;
+        op->release = &released;
+        op->armed = &armed;
+        return std::unique_ptr<LocalOpManager::CaptureOperation>(std::move(op));
+      });
+  std::thread command([&] {
+    std::lock_guard<std::mutex> guard(manager->commandMutex);
+    manager->enableWL("CM0P");
+  });
+  inside.get_future().wait();
+  std::thread tool([&] {
+    manager->onTargetEvent("CM0P", 7);
+    haltSawArmed = armed.load();  // the halt got in only after the arming ended
+    haltDone = true;
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(haltDone);
+  release.set_value();
+  command.join();
+  tool.join();
+  EXPECT_TRUE(haltSawArmed);
+  LocalOpManager::registerCaptureOperation(
+      kFeatureWattline, [](int32_t id, CloudHemlock* tools, const std::string& target,
+                           const Json::Value& s, LocalOpManager*) {
+        return std::unique_ptr<LocalOpManager::CaptureOperation>(
+            std::make_unique<LocalOpManager::WLCaptureOperation>(id, tools, target, s));
+      });
+}
+
+TEST_F(LocalOpManagerTest, ToolEventsWhileCommandsRun) {
+  configure("CM0P", R"({"Wattline":{"enable":true}})");
+  configure("CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
+  std::atomic<bool> stop{false};
+  std::thread tool([&] {
+    const char* words[] = {"traceChannelRecording", "traceChannelStoppedUserRequest",
+                           "traceChannelReading", "traceChannelStoppedFull"};
+    for (int i = 0; !stop; ++i) {
+      const char* cpu = i % 2 ? "CM0P" : "CM4";
+      if (i % 7 == 0) manager->doRunSetup(cpu);
+      manager->deliverChannelEvent({cpu, words[i % 4], ""});
+      if (i % 5 == 0) manager->onTargetEvent(cpu, 7);
+      manager->onSessionEvent("DebugSessionUpdated", Json::Value());
+    }
+  });
+  for (int i = 0; i < 40; ++i) {
+    std::lock_guard<std::mutex> guard(manager->commandMutex);
+    try {
+      switch (i % 4) {
+        case 0:
+          manager->enableWL("CM0P");
+          break;
+        case 1:
+          manager->enableLiveTraces("");
+          break;
+        case 2:
+          manager->disableWL("CM4");
+          break;
+        default:
+          manager->disableLiveTraces("");
+      }
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << e.what();
+    }
+  }
+  stop = true;
+  tool.join();
+  // Nothing was lost on the way: the queue is empty once no run setup runs.
+  EXPECT_EQ(manager->deferredCount(), 0u);
+}
+
+TEST_F(LocalOpManagerTest, EmptyTargetArmsEveryConnectedTarget) {
+  configure("CM0P", R"({"Wattline":{"enable":true}})");
+  configure("CM4", R"({"Wattline":{"enable":true}})");
+  std::lock_guard<std::mutex> guard(manager->commandMutex);
+  manager->enableLiveTraces("");
+  EXPECT_EQ(manager->captureState("CM0P", kFeatureWattline), 1);
+  EXPECT_EQ(manager->captureState("CM4", kFeatureWattline), 1);
+  manager->disableLiveTraces("CM4");
+  EXPECT_EQ(manager->captureState("CM4", kFeatureWattline), -1);
+  EXPECT_TRUE(manager->hasOperationEntry("CM4"));  // an empty entry stays
+  // Features without a capture kind in this build fail as refused ones.
+  EXPECT_THROW(
+      {
+        try {
+          manager->enableMTB("CM0P");
+        } catch (const std::runtime_error& e) {
+          EXPECT_STREQ(e.what(), "Cannot enable MTB");
+          throw;
+        }
+      },
+      std::runtime_error);
+  EXPECT_EQ(manager->enableFeature("CM0P", kFeatureETB, false), -1);
+}
+
+}  // namespace

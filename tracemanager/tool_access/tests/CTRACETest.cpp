@@ -1,0 +1,262 @@
+// The .tdf header reader and the decoder wrapper, on headers written here
+// and a decoder library made in the test.
+#include "CTRACE.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "CTraceApp.hpp"
+#include "FakeDecoderLibrary.hpp"
+#include "TdfWriter.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class CTRACETest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir = fs::temp_directory_path() / ("ctrace_" + std::to_string(::getpid()) + "_" +
+                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::create_directories(dir);
+    CTraceApp::useFoundry(&foundry, nullptr);
+  }
+  void TearDown() override {
+    CTraceApp::useFoundry(nullptr, nullptr);
+    fs::remove_all(dir);
+  }
+  std::string write(const std::string& name, const std::string& content) {
+    std::string path = (dir / name).string();
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+  }
+
+  fs::path dir;
+  fake::Foundry foundry;
+};
+
+struct HeaderCase {
+  const char* name;
+  std::function<void(TdfHeader&)> change;
+  bool valid;
+};
+
+class TdfHeaderCases : public CTRACETest, public ::testing::WithParamInterface<HeaderCase> {};
+
+TEST_P(TdfHeaderCases, ReadsOrRefuses) {
+  TdfHeader header;
+  GetParam().change(header);
+  CTRACE trace;
+  EXPECT_EQ(trace.readHeader(write("t.tdf", header.bytes())), GetParam().valid);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bounds, TdfHeaderCases,
+    ::testing::Values(
+        HeaderCase{"Current", [](TdfHeader&) {}, true},
+        HeaderCase{"Older", [](TdfHeader& h) { h.current = false; }, true},
+        HeaderCase{"Version4", [](TdfHeader& h) { h.version = 4; }, true},
+        HeaderCase{"Version20", [](TdfHeader& h) { h.version = 20; }, true},
+        HeaderCase{"Version3", [](TdfHeader& h) { h.version = 3; }, false},
+        HeaderCase{"Version21", [](TdfHeader& h) { h.version = 21; }, false},
+        HeaderCase{"OlderVersion21", [](TdfHeader& h) { h.current = false; h.version = 21; },
+                   false},
+        HeaderCase{"HeaderSizeZero", [](TdfHeader& h) { h.headerSize = 0; }, false},
+        HeaderCase{"OlderFirstWordZero", [](TdfHeader& h) { h.current = false; h.headerSize = 0; },
+                   false},
+        HeaderCase{"WrongSignature", [](TdfHeader& h) { h.current = false; h.signature = "X"; },
+                   false},
+        HeaderCase{"SignatureInCurrentFormIsComponent",
+                   [](TdfHeader& h) { h.component = "TraceDataFile"; }, false},
+        HeaderCase{"WrongComponent", [](TdfHeader& h) { h.component = "TraceQx"; }, false},
+        HeaderCase{"String10239", [](TdfHeader& h) { h.sourcePaths.assign(10239, 's'); }, true},
+        HeaderCase{"String10240", [](TdfHeader& h) { h.sourcePaths.assign(10240, 's'); }, false},
+        HeaderCase{"EmptyCoff", [](TdfHeader& h) { h.coff.clear(); }, true},
+        HeaderCase{"NoClockForNonStm", [](TdfHeader& h) { h.clock = false; }, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(CTRACETest, HeaderFieldsReachTheDecoderInputs) {
+  TdfHeader header;
+  header.coff = std::string("/p/prog.elf\0junk", 16);  // taken up to the first NUL
+  CTRACE trace;
+  std::string path = write("t.tdf", header.bytes());
+  ASSERT_TRUE(trace.readHeader(path));
+  EXPECT_EQ(trace.tdfFile, path);
+  EXPECT_EQ(trace.receiverName, "ETB");
+  ASSERT_NE(trace.cpuInfo, nullptr);
+  EXPECT_STREQ(trace.cpuInfo->name, "core0");
+  EXPECT_EQ(trace.cpuInfo->processorId, 0x75801C00u);
+  EXPECT_EQ(trace.cpuInfo->options, 1u);
+  EXPECT_EQ(trace.coffFileName, "/p/prog.elf");
+  EXPECT_EQ(trace.headerFlags, 0x55u);
+  EXPECT_EQ(trace.sourcePaths, "/src");
+  EXPECT_DOUBLE_EQ(trace.clockHz, 48e6);
+}
+
+TEST_F(CTRACETest, StmHeaderHasNoClock) {
+  TdfHeader header;
+  header.values[2] = Qx::Nlv::Trace::kProtocolStm;
+  header.clock = false;
+  CTRACE trace;
+  ASSERT_TRUE(trace.readHeader(write("t.tdf", header.bytes())));
+  EXPECT_EQ(trace.clockHz, 0);
+}
+
+TEST_F(CTRACETest, CutInTableCFailsAndKeepsWhatWasRead) {
+  TdfHeader header;
+  std::string bytes = header.bytes();
+  CTRACE trace;
+  EXPECT_FALSE(trace.readHeader(write("t.tdf", bytes.substr(0, header.tableCOffset + 10))));
+  EXPECT_EQ(trace.receiverName, "ETB");
+  EXPECT_EQ(trace.sourcePaths, "/src");
+}
+
+TEST_F(CTRACETest, NameTestAndMissingFile) {
+  for (const char* good : {"TRACE.TDF", "a.tdf", ".tdf", "dir/x.TdF"}) {
+    EXPECT_TRUE(CTRACE::hasTdfExtension(good)) << good;
+  }
+  for (const char* bad : {"tdf", "a.tdfx", "atdf", "a.tdf ", ""}) {
+    EXPECT_FALSE(CTRACE::hasTdfExtension(bad)) << bad;
+  }
+  CTRACE trace;
+  EXPECT_FALSE(trace.readHeader(write("t.bin", TdfHeader().bytes())));
+  EXPECT_FALSE(trace.readHeader((dir / "absent.tdf").string()));
+}
+
+TEST_F(CTRACETest, FileDecoderOfCurrentForm) {
+  TdfHeader header;
+  header.values[2] = Qx::Nlv::Trace::kProtocolStm;
+  header.clock = false;
+  foundry.config.afterLoad["STM_DTC_target_clock_hz"] = 25000000;
+  std::string path = write("rec.tdf", header.bytes());
+  CTRACE trace;
+  EXPECT_EQ(trace.CreateDecoder(TdfFileName{path}), "");
+  EXPECT_TRUE(trace.decoderReady);
+  EXPECT_EQ(foundry.decoder.loadedPath, path);
+  EXPECT_EQ(foundry.config.loadedPath, path);
+  EXPECT_EQ(foundry.coffGiven, "(null)");
+  // The clock of an STM source is read again once the configuration is in.
+  EXPECT_DOUBLE_EQ(trace.clockHz, 25e6);
+}
+
+TEST_F(CTRACETest, FileDecoderRefusals) {
+  TdfHeader older;
+  older.current = false;
+  CTRACE v1;
+  EXPECT_EQ(v1.CreateDecoder(TdfFileName{write("old.tdf", older.bytes())}),
+            "Unsupported TDF file format v1");
+  EXPECT_FALSE(v1.decoderReady);
+  EXPECT_EQ(foundry.decodersDestroyed, 1);  // shut down again
+  EXPECT_EQ(foundry.driversDestroyed, 1);
+
+  TdfHeader broken;
+  broken.version = 2;
+  CTRACE unread;
+  EXPECT_EQ(unread.CreateDecoder(TdfFileName{write("b.tdf", broken.bytes())}),
+            "Could not read TDF header");
+
+  foundry.decoder.loadFailure = "trace data damaged";
+  CTRACE failing;
+  EXPECT_EQ(failing.CreateDecoder(TdfFileName{write("f.tdf", TdfHeader().bytes())}),
+            "trace data damaged");
+  EXPECT_EQ(failing.decoder, nullptr);
+}
+
+TEST_F(CTRACETest, ProgramFileMovedWithTheRecording) {
+  TdfHeader header;
+  header.coff = "/nowhere/build/prog.elf";
+  std::string path = write("rec.tdf", header.bytes());
+  CTRACE missing;
+  EXPECT_EQ(missing.CreateDecoder(TdfFileName{path}),
+            "Could not open coff file '/nowhere/build/prog.elf'");
+  write("prog.elf", "ELF");
+  CTRACE found;
+  EXPECT_EQ(found.CreateDecoder(TdfFileName{path}), "");
+  EXPECT_EQ(found.coffFileName, (dir / "prog.elf").string());
+  EXPECT_EQ(foundry.coffGiven, (dir / "prog.elf").string());
+}
+
+TEST_F(CTRACETest, ColumnModel) {
+  for (int i = 0; i < 10; ++i) {
+    foundry.decoder.columns.push_back({"c" + std::to_string(i), i == 9 ? 1u : 32u, i == 3});
+  }
+  ASSERT_EQ(CTRACE().getColumnCount(), 0u);
+  CTRACE trace;
+  ASSERT_EQ(trace.CreateDecoder(TdfFileName{write("t.tdf", TdfHeader().bytes())}), "");
+  std::vector<std::string> names;
+  std::vector<uint32_t> sizes, offsets, ids;
+  std::vector<bool> isString;
+  ASSERT_TRUE(trace.readColumnInfo(names, sizes, isString, offsets, ids));
+  EXPECT_EQ(trace.getColumnCount(), 10u);
+  EXPECT_EQ(sizes[3], 6u);
+  EXPECT_EQ(trace.columns[3].bitWidth, 48u);
+  EXPECT_EQ(offsets[4], 4u * 3 + 6);
+  EXPECT_EQ(sizes[9], 1u);
+  EXPECT_EQ(trace.columns[9].valueMask, 1u);
+  EXPECT_EQ(trace.columns[0].valueMask, 0xFFFFFFFFu);
+  EXPECT_EQ(trace.columns[9].validByte, 1u);
+  EXPECT_EQ(trace.columns[9].validBit, 2u);
+  EXPECT_EQ(trace.columns[9].sizeText, "Size = 1");
+  EXPECT_EQ(trace.rowSize, 4u * 8 + 6 + 1);
+  EXPECT_EQ(ids[2], 102u);
+  EXPECT_EQ(foundry.decoder.prepared, 10);
+}
+
+TEST_F(CTRACETest, DecodeFailuresGiveNoRows) {
+  CTRACE trace;
+  std::vector<uint8_t> data(64), valid(8);
+  std::vector<Qx::Nlv::Trace::TracePosition> positions(8);
+  EXPECT_EQ(trace.DecodeTraceData(0, 0, {}, 8, data.data(), valid.data(), positions.data()), 0u);
+  ASSERT_EQ(trace.CreateDecoder(TdfFileName{write("t.tdf", TdfHeader().bytes())}), "");
+  EXPECT_EQ(trace.DecodeTraceData(0, 0, {}, 8, nullptr, valid.data(), positions.data()), 0u);
+  EXPECT_EQ(trace.DecodeTraceData(0, 0, {}, 8, data.data(), valid.data(), positions.data()), 4u);
+  EXPECT_EQ(trace.stringData, "abc");
+  foundry.decoder.seekFailure = [] { throw std::string("end of buffer"); };
+  EXPECT_EQ(trace.DecodeTraceData(3, 0, {}, 8, data.data(), valid.data(), positions.data()), 0u);
+  foundry.decoder.seekFailure = [] { throw CloudHLError("bad packet", CloudHLError::Error); };
+  EXPECT_EQ(trace.DecodeTraceData(3, 0, {}, 8, data.data(), valid.data(), positions.data()), 0u);
+}
+
+TEST_F(CTRACETest, StopRecordingAnswersWithText) {
+  CTRACE trace;
+  EXPECT_EQ(trace.StopRecording(), "");
+  trace.channelDriver = &foundry.driver;
+  foundry.driver.answer = "already stopped";
+  EXPECT_EQ(trace.StopRecording(), "already stopped");
+  foundry.driver.failure = [] { throw CloudHLError("probe lost", CloudHLError::Error); };
+  EXPECT_EQ(trace.StopRecording(), "probe lost");
+  foundry.driver.failure = [] { throw 42; };
+  EXPECT_EQ(trace.StopRecording(), "Unexpected exception");
+}
+
+TEST_F(CTRACETest, ShutdownTwiceDestroysOnce) {
+  CTRACE trace;
+  ASSERT_EQ(trace.CreateDecoder(TdfFileName{write("t.tdf", TdfHeader().bytes())}), "");
+  trace.ShutdownDecoder();
+  trace.ShutdownDecoder();
+  EXPECT_EQ(foundry.decodersDestroyed, 1);
+  EXPECT_EQ(trace.cpuInfo, nullptr);
+  EXPECT_FALSE(trace.decoderReady);
+}
+
+// The table has 1024 slots and no more: a full table gives no slot, and a
+// freed slot is the next one handed out.
+TEST(TraceTable, FullTableGivesNoSlot) {
+  CTraceApp::TraceTable& table = CTraceApp::traceTable();
+  std::vector<std::unique_ptr<CTRACE>> traces;
+  for (size_t i = 0; i < CTraceApp::kTraceTableSize; ++i) {
+    ASSERT_EQ(CTraceApp::freeSlot(), static_cast<int32_t>(i));
+    traces.push_back(std::make_unique<CTRACE>());
+    table[i] = traces.back().get();
+  }
+  EXPECT_EQ(CTraceApp::freeSlot(), -1);
+  table[517] = nullptr;
+  EXPECT_EQ(CTraceApp::freeSlot(), 517);
+  table.fill(nullptr);
+}
+
+}  // namespace

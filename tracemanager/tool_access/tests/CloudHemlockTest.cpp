@@ -1,0 +1,236 @@
+// The tool gate on the simulated tool libraries of the build: what a broken
+// install tree gives (each required library and entry point missing in
+// turn, each in a process of its own), and the gate's operations on the
+// default scenario.
+#include "CloudHemlock.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "SourceUtilitiesError.hpp"
+#include "ToolInstall.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Runs `body` in a child process and gives what it returned: the libraries
+// a broken tree loads stay loaded, so no case sees another's.
+std::string inChild(const std::function<std::string()>& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return "pipe failed";
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    std::string out;
+    try {
+      out = body();
+    } catch (const std::exception& e) {
+      out = std::string("exception: ") + e.what();
+    }
+    ssize_t written = write(fds[1], out.data(), out.size());
+    _exit(written == static_cast<ssize_t>(out.size()) ? 0 : 1);
+  }
+  close(fds[1]);
+  std::string result;
+  char buffer[512];
+  ssize_t n = 0;
+  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) result.append(buffer, n);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return result;
+}
+
+// What the gate makes of the tree at `base`: the refusal's text, or
+// "loaded" and the answer of a device query on a file.
+std::string gateOn(const std::string& base) {
+  try {
+    CloudHemlock gate(base);
+    Json::Value devices;
+    int32_t result = gate.getDevices(false, base + "none.tdf", devices);
+    return "loaded " + std::to_string(result) + " " + gate.getLastError();
+  } catch (const CloudHemlockException& e) {
+    // Acquire turns the same refusal into null (unless an instance of the
+    // parent process came along into the child).
+    bool refused = CloudHemlock::current() != nullptr || CloudHemlock::Acquire(base) == nullptr;
+    return std::string(e.what()) + (refused ? "" : " (acquired)");
+  }
+}
+
+struct BrokenTree {
+  const char* name;
+  const char* removed;  // under vsk_base/
+  const char* expected;  // "{}" stands for the removed file's path
+};
+
+class BrokenTrees : public ::testing::TestWithParam<BrokenTree> {};
+
+TEST_P(BrokenTrees, GateAnswer) {
+  fs::path dir = fs::temp_directory_path() / ("gate_" + std::to_string(getpid()) + GetParam().name);
+  std::string base = toolinstall::copyTree(dir);
+  std::string removed = base + GetParam().removed;
+  ASSERT_TRUE(fs::remove(removed)) << removed;
+  std::string expected = GetParam().expected;
+  if (size_t at = expected.find("{}"); at != std::string::npos) expected.replace(at, 2, removed);
+  EXPECT_EQ(inChild([&] { return gateOn(base); }), expected);
+  fs::remove_all(dir);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachLibrary, BrokenTrees,
+    ::testing::Values(
+        BrokenTree{"hemlock", "emulation/analysis/bin/libhemlock.so",
+                   "Unable to load hemlock library: {}"},
+        BrokenTree{"marlfile9", "ProbeHost/bin/libmarlfile9.so",
+                   "Unable to load marlfile9 library: {}"},
+        BrokenTree{"XEVProperties", "emulation/analysis/bin/libXEVProperties.so",
+                   "Unable to load XEVProperties library: {}"},
+        BrokenTree{"XEVPropertyHelper", "emulation/analysis/bin/libXEVPropertyHelper.so",
+                   "Unable to load XEVPropertyHelper library: {}"},
+        BrokenTree{"PBATargetAdapter", "emulation/analysis/bin/libPBATargetAdapter.so",
+                   "Unable to load PbaTargetAdapter library: {}"},
+        BrokenTree{"setup_manager", "emulation/analysis/bin/libqx_xevt_setup_manager.so",
+                   "Unable to load qx_xevt libraries"},
+        BrokenTree{"database", "emulation/analysis/bin/libqx_xevt_database.so",
+                   "Unable to load qx_xevt libraries"},
+        // Optional: the gate loads, without devices.
+        BrokenTree{"session", "emulation/analysis/bin/libqx_xevt_session.so",
+                   "loaded -1 Cannot get devices, qx_xevt_setup_manager not available"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+class MissingEntryPoint : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(MissingEntryPoint, AdapterRefused) {
+  fs::path dir = fs::temp_directory_path() / ("gate_" + std::to_string(getpid()) + GetParam());
+  std::string base = toolinstall::copyTree(dir);
+  fs::copy_file(std::string(OSTRAND_FIXTURE_DIR) + "/" + GetParam() + "/libPBATargetAdapter.so",
+                base + "emulation/analysis/bin/libPBATargetAdapter.so",
+                fs::copy_options::overwrite_existing);
+  EXPECT_EQ(inChild([&] { return gateOn(base); }),
+            "Unable to load function from PbaTargetAdapter library");
+  fs::remove_all(dir);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachAdapterEntry, MissingEntryPoint,
+                         ::testing::Values("GetNumCpu", "GetCpuName", "NewTargetAdapter",
+                                           "FreeTargetAdapter", "AddTargetEventConsumer",
+                                           "ClearTargetEventConsumer", "AddAdapterEventConsumer",
+                                           "RemoveAdapterEventConsumer",
+                                           "ClearAdapterEventConsumer"));
+
+// Polls `condition` for up to five seconds: the simulation reports on
+// threads of its own.
+bool eventually(const std::function<bool()>& condition) {
+  for (int i = 0; i < 500; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return condition();
+}
+
+Json::Value readJson(const std::string& path) {
+  Json::Value value;
+  std::ifstream in(path);
+  Json::Reader().parse(in, value);
+  return value;
+}
+
+TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
+  unsetenv("OSTRAND_SIM_SCENARIO");
+  CloudHemlock* gate = CloudHemlock::Acquire(toolinstall::base());
+  ASSERT_NE(gate, nullptr);
+  std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+  // No session: the first user is not counted, so its Release changes
+  // nothing; a second user is counted.
+  EXPECT_EQ(CloudHemlock::count(), 0u);
+  CloudHemlock::Release();
+  EXPECT_EQ(CloudHemlock::current(), gate);
+  EXPECT_EQ(CloudHemlock::Acquire(toolinstall::base()), gate);
+  EXPECT_EQ(CloudHemlock::count(), 1u);
+  Json::Value devices;
+  EXPECT_EQ(gate->getDevices(true, "", devices), -1);
+  EXPECT_EQ(gate->getLastError(), "Debug session not available");
+  bool connected = true;
+  EXPECT_EQ(gate->isTargetConnected("CM4", connected), -1);
+  EXPECT_EQ(gate->getLastError(), "Failed to obtain target adapter for: CM4");
+
+  auto load = toolinstall::control<OstrandSim_LoadScenario_t>("OstrandSim_LoadScenario");
+  ASSERT_NE(load, nullptr);
+  ASSERT_EQ(load(nullptr), 0);
+  std::vector<std::string> cpus;
+  ASSERT_TRUE(eventually([&] { return gate->getCpuNames(cpus) == 0 && cpus.size() == 2; }));
+
+  ASSERT_EQ(gate->getDevices(true, "", devices), 0) << gate->getLastError();
+  std::string golden = std::string(OSTRAND_SOURCE_DIR) +
+                       "/tracemanager/tool_access/tests/golden/default_devices.json";
+  // Program files are named from the install tree, wherever it lies.
+  std::string text = devices.toStyledString();
+  for (size_t at; (at = text.find(toolinstall::base())) != std::string::npos;) {
+    text.replace(at, toolinstall::base().size(), "<base>/");
+  }
+  Json::Reader().parse(text, devices);
+  if (getenv("OSTRAND_UPDATE_GOLDEN") != nullptr) std::ofstream(golden) << text;
+  EXPECT_EQ(devices, readJson(golden)) << devices.toStyledString();
+  const Json::Value* program = CloudHemlock::findOutFileNode(devices[1]["device_info"]);
+  ASSERT_NE(program, nullptr);
+  EXPECT_EQ((*program)["name"].asString(), "CM4");
+
+  EXPECT_EQ(gate->isTargetConnected("CM4", connected), 0);
+  EXPECT_FALSE(connected);
+  auto connect = toolinstall::control<OstrandSim_Connect_t>("OstrandSim_Connect");
+  ASSERT_EQ(connect("CM4"), 0);
+  EXPECT_TRUE(eventually([&] { return gate->isTargetConnected("CM4", connected) == 0 && connected; }));
+
+  Json::Value jstate;
+  ASSERT_EQ(gate->getJState("CM4", jstate), 0) << gate->getLastError();
+  EXPECT_EQ(jstate["name"].asString(), "M4_STATES");
+  EXPECT_EQ(jstate["version"].asInt(), 5);
+  EXPECT_EQ(jstate["bitFields"][0]["Enums"][1]["Choice"].asString(), "CPU.Sleep");
+  EXPECT_EQ(jstate["bitFields"][1]["Enums"].size(), 0u);
+}
+
+TEST(CloudHemlockOnTheSimulation, OperationRecordsAndProperties) {
+  unsetenv("OSTRAND_SIM_SCENARIO");
+  CloudHemlock* gate = CloudHemlock::Acquire(toolinstall::base());
+  ASSERT_NE(gate, nullptr);
+  ASSERT_EQ(toolinstall::control<OstrandSim_LoadScenario_t>("OstrandSim_LoadScenario")(nullptr), 0);
+  std::vector<std::string> cpus;
+  ASSERT_TRUE(eventually([&] { return gate->getCpuNames(cpus) == 0 && !cpus.empty(); }));
+  std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+
+  uint32_t handle = 0;
+  ASSERT_EQ(gate->createTraceOperation(7, "CM4", handle, CloudHemlock::kLiveOperation), 0)
+      << gate->getLastError();
+  Json::Value tree = readJson(std::string(OSTRAND_SOURCE_DIR) +
+                              "/tracemanager/tool_access/tests/golden/etb_properties.json");
+  EXPECT_EQ(gate->setOperationProperties(handle, tree), 0) << gate->getLastError();
+  EXPECT_EQ(gate->setOperationProperties(handle, Json::Value(Json::arrayValue)), -6);
+  Json::Value unknown = tree;
+  unknown[0]["type"] = "Colour";
+  EXPECT_EQ(gate->setOperationProperties(handle, unknown), -7);
+  EXPECT_EQ(gate->getLastError(), "Unable to create property for: " + tree[0]["name"].asString());
+  EXPECT_EQ(gate->enableOperation(handle, true, true), 0);  // keep: nothing is sent
+  EXPECT_EQ(gate->enableOperation(handle, true, false), 0) << gate->getLastError();
+  EXPECT_EQ(gate->releaseOperation(handle), 0);
+  EXPECT_EQ(gate->enableOperation(handle, true, false), -1);
+  EXPECT_EQ(gate->getLastError(), "Invalid operation handle");
+
+  uint32_t file = 0;
+  ASSERT_EQ(gate->createTraceOperation(7, "/nowhere/x.tdf", file, CloudHemlock::kTdfOperation), 0);
+  EXPECT_EQ(gate->getLastError(), "Cannot open tdf file '/nowhere/x.tdf'");
+  EXPECT_EQ(gate->setOperationProperties(file, tree), 0);  // nothing to send for a file
+  EXPECT_EQ(gate->enableOperation(file, true, true), -1);  // keep still tests the file
+  EXPECT_EQ(gate->createTraceApp(file), -5);
+  EXPECT_EQ(gate->createTraceApp(file), -2);
+  EXPECT_EQ(gate->getLastError(), "Trace already exists for operation");
+  EXPECT_EQ(gate->destroyTraceApp(file), 0);
+  EXPECT_EQ(gate->destroyTraceApp(file), -1);
+}
+
+}  // namespace

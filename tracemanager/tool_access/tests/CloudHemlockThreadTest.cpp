@@ -1,0 +1,157 @@
+// The tool gate under threads: channel events walking the listeners while
+// another thread changes them, tool events while commands run, and a full
+// trace table. Runs under ThreadSanitizer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "CTRACE.hpp"
+#include "CTraceApp.hpp"
+#include "CloudHemlock.hpp"
+#include "CloudTraceEventHandler.hpp"
+#include "FakeDecoderLibrary.hpp"
+#include "TdfWriter.hpp"
+#include "ToolInstall.hpp"
+
+namespace {
+
+class Counter : public CloudHemlockNotificationIF {
+ public:
+  void tableSizeChanged(uint32_t, uint32_t, bool, uint32_t) override {}
+  void notify(const std::string&, const std::string&, const std::string&) override {
+    ++heard;
+  }
+  void setAdapterPresent(bool) override {}
+  std::atomic<int> heard{0};
+};
+
+Qx::Nlv::Trace::ChannelEvent channelEvent(int32_t kind) {
+  Qx::Nlv::Trace::ChannelEvent e;
+  e.kind = kind;
+  e.text = "sim";
+  return e;
+}
+
+class GateThreads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    unsetenv("OSTRAND_SIM_SCENARIO");
+    gate = CloudHemlock::Acquire(toolinstall::base());
+    ASSERT_NE(gate, nullptr);
+    ASSERT_NE(CTraceApp::eventHandler(), nullptr);
+  }
+  CloudHemlock* gate = nullptr;
+};
+
+// One thread raises channel events while another adds and removes
+// listeners; a listener that stays hears every event, and one removed
+// before an event does not hear it.
+TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
+  constexpr int kEvents = 2000;
+  Counter stable;
+  std::vector<std::unique_ptr<Counter>> passing(8);
+  for (auto& p : passing) p = std::make_unique<Counter>();
+  {
+    std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+    gate->addListener(&stable);
+  }
+  std::atomic<bool> stop{false};
+  std::thread changer([&] {
+    for (size_t i = 0; !stop; ++i) {
+      std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+      gate->addListener(passing[i % passing.size()].get());
+      gate->removeListener(passing[(i + 3) % passing.size()].get());
+    }
+  });
+  std::thread raiser([&] {
+    for (int i = 0; i < kEvents; ++i) {
+      CTraceApp::eventHandler()->OnChannelEvent("CM4", channelEvent(6));
+    }
+  });
+  raiser.join();
+  stop = true;
+  changer.join();
+  EXPECT_EQ(stable.heard.load(), kEvents);
+
+  {
+    std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+    for (auto& p : passing) gate->removeListener(p.get());
+    gate->removeListener(&stable);
+  }
+  CloudHemlock::waitForChannelEvents();
+  int before = stable.heard.load();
+  CTraceApp::eventHandler()->OnChannelEvent("CM4", channelEvent(6));
+  EXPECT_EQ(stable.heard.load(), before);
+}
+
+// The simulation's threads report connections while this thread queries
+// the gate under its lock.
+TEST_F(GateThreads, ToolEventsWhileCommandsRun) {
+  ASSERT_EQ(toolinstall::control<OstrandSim_LoadScenario_t>("OstrandSim_LoadScenario")(nullptr), 0);
+  auto connect = toolinstall::control<OstrandSim_Connect_t>("OstrandSim_Connect");
+  auto disconnect = toolinstall::control<OstrandSim_Disconnect_t>("OstrandSim_Disconnect");
+  std::atomic<bool> stop{false};
+  std::thread driver([&] {
+    while (!stop) {
+      connect("CM0P");
+      disconnect("CM0P");
+    }
+  });
+  int answered = 0;
+  for (int i = 0; i < 200; ++i) {
+    std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+    Json::Value devices;
+    std::vector<std::string> cpus;
+    bool connected = false;
+    gate->getCpuNames(cpus);
+    if (gate->getDevices(true, "", devices) == 0 && devices.size() == 2) ++answered;
+    gate->isTargetConnected("CM0P", connected);
+  }
+  stop = true;
+  driver.join();
+  EXPECT_GT(answered, 0);
+}
+
+void keepFoundry(Qx::Nlv::Trace::IChannelFoundry*) {}
+
+// Every one of the 1024 slots can hold a decoder; the next asks for a free
+// one and is refused without a change, until one is given back.
+TEST_F(GateThreads, FullTraceTable) {
+  fake::Foundry foundry;
+  Qx::Nlv::Trace::IChannelFoundry* saved = CTraceApp::foundry();
+  CTraceApp::useFoundry(&foundry, keepFoundry);
+  std::string path = (std::filesystem::temp_directory_path() /
+                      ("full_" + std::to_string(getpid()) + ".tdf")).string();
+  std::ofstream(path, std::ios::binary) << TdfHeader().bytes();
+
+  std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
+  std::vector<uint32_t> handles(CTraceApp::kTraceTableSize + 1);
+  for (uint32_t& handle : handles) {
+    ASSERT_EQ(gate->createTraceOperation(1, path, handle, CloudHemlock::kTdfOperation), 0);
+  }
+  for (size_t i = 0; i < CTraceApp::kTraceTableSize; ++i) {
+    ASSERT_EQ(gate->createTraceApp(handles[i]), 0) << i << gate->getLastError();
+  }
+  EXPECT_EQ(gate->createTraceApp(handles.back()), CloudHemlock::kTraceTableFull);
+  EXPECT_EQ(gate->getLastError(),
+            "No free trace slot: all 1024 trace applications are in use");
+  EXPECT_EQ(gate->destroyTraceApp(handles.back()), -2);  // it got no slot
+  EXPECT_EQ(gate->destroyTraceApp(handles[300]), 0);
+  EXPECT_EQ(gate->createTraceApp(handles.back()), 0);
+  EXPECT_EQ(CTraceApp::freeSlot(), -1);
+  for (size_t i = 0; i < handles.size(); ++i) {
+    if (i != 300) {
+      EXPECT_EQ(gate->destroyTraceApp(handles[i]), 0);
+    }
+  }
+  EXPECT_EQ(CTraceApp::freeSlot(), 0);
+  EXPECT_EQ(foundry.decodersDestroyed, static_cast<int>(CTraceApp::kTraceTableSize) + 1);
+  CTraceApp::useFoundry(saved, nullptr);
+  std::filesystem::remove(path);
+}
+
+}  // namespace
