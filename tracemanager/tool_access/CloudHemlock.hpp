@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "CloudHemlockNotificationIF.hpp"
+#include "TraceLookupCaches.hpp"
 #include "hemlock/CleanupRegistry.hpp"
 #include "hemlock/TargetAdapter.hpp"
 #include "hemlock/ToolEntryPoints.hpp"
@@ -43,6 +44,9 @@
 #include "xevt/Session.hpp"
 
 class CloudOperation;
+namespace VSKTspServer {
+class EtbRecordStore;
+}
 
 class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
                      public CloudHemlockNotificationIF,
@@ -105,6 +109,21 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
   int32_t stopRecording(uint32_t handle);
   bool lookupSymbol(uint32_t handle, const std::string& name, uint64_t& address);
 
+  // Trace table reading (CloudHemlockTables.cpp): the readers on a record.
+  int32_t readTraceColumnNames(CloudOperation& record);
+  int32_t setupColumnProcessing(uint32_t handle, const Json::Value& columns);
+  int32_t fetchTraceData(uint32_t handle);
+  int32_t getReducedGraphData(uint32_t handle, uint32_t ignored, Json::Value& rows);
+  // Failures after the record was found are thrown.
+  int32_t readTdfTable(Qx::Nlv::Xevt::ISession* session, uint32_t handle, Json::Value& out,
+                       Json::Value& data);
+  int32_t decodeMTBTrace(uint32_t handle, uint32_t& count, Json::Value& data, bool compact);
+  int32_t decodeETBTrace(uint32_t handle, uint32_t& count, Json::Value& data,
+                         VSKTspServer::EtbRecordStore& store);
+  void clearLookupCaches();
+  // Per-address symbol, line and disassembly answers of the readers.
+  TraceLookupCaches lookupCaches;
+
   // The first node of a device tree (an element of `children` or a
   // `device_info`) that has an `out_file_name`, depth first; null for none
   // and for an array.
@@ -158,6 +177,8 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
   void traceSetup();
   int32_t fail(int32_t code, const std::string& text);
   CloudOperation* record(uint32_t handle);
+  // Attaches the program of a .tdf file's only device to the record.
+  void attachTdfProgram(Qx::Nlv::Xevt::ISession* session, CloudOperation& operation);
 
   std::string basePath;
   std::string binDir;

@@ -1,0 +1,381 @@
+// The three table readers on rows that an in-test decoder serves through the
+// real row-block format, with the test firmware's symbols and disassembly
+// from the host kit. Documents are compared with golden files
+// (OSTRAND_UPDATE_GOLDEN=1 rewrites them); functions and lines are checked
+// against the GNU binutils where that is cheap.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <variant>
+
+#include "CTRACE.hpp"
+#include "CapstoneDisasmManager.hpp"
+#include "ElfSymbolManager.hpp"
+#include "HostApis.hpp"
+#include "InstructionTraceDecoder.hpp"
+#include "TdfTableReader.hpp"
+
+namespace {
+
+using namespace Qx::Nlv::Trace;
+using Cell = std::variant<uint64_t, std::string>;
+using Row = std::map<std::string, Cell>;
+const std::string kFirmware = OSTRAND_SOURCE_DIR "/testdata/firmware/m0plus.elf";
+
+struct Column {
+  std::string name;
+  uint32_t bits;
+  bool isString = false;
+};
+
+// Serves `rows` by the column layout the module computes: sizes in column
+// order, strings as offset and length into the block's strings.
+class RowDecoder final : public IDecoder {
+ public:
+  std::vector<Column> columns;
+  std::vector<Row> rows;
+  uint32_t cursor = 0;
+  int reads = 0;
+
+  void getColumnCount(uint32_t& count) override { count = static_cast<uint32_t>(columns.size()); }
+  void getColumnInfo(uint32_t index, uint32_t& id, uint32_t& bitWidth, bool& isString,
+                     const char*& name, const char*& text1, const char*& text2) override {
+    id = index;
+    bitWidth = columns[index].bits;
+    isString = columns[index].isString;
+    name = columns[index].name.c_str();
+    text1 = text2 = "";
+  }
+  void bitsToBytes(uint32_t bitWidth, uint32_t& size) override { size = (bitWidth + 7) / 8; }
+  void prepareColumn(uint32_t, bool) override {}
+  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& read,
+                uint8_t* data, TracePosition* positions, uint8_t* valid,
+                std::string& strings) override {
+    ++reads;
+    if (seek == kSeekStart) cursor = 0;
+    strings.clear();
+    const size_t validBytes = (columns.size() + 7) / 8;
+    read = 0;
+    for (; read < count && cursor < rows.size(); ++read, ++cursor) {
+      std::fill_n(valid + read * validBytes, validBytes, 0);
+      positions[read].row = cursor;
+      for (size_t c = 0; c < columns.size(); ++c) {
+        const uint32_t size = columns[c].isString ? 6 : (columns[c].bits + 7) / 8;
+        auto cell = rows[cursor].find(columns[c].name);
+        uint64_t value = 0xA5A5A5A5A5A5A5A5;
+        const bool present = cell != rows[cursor].end();
+        if (!present) {
+          // Keeps the filler: what an absent value holds must not matter.
+        } else if (auto* text = std::get_if<std::string>(&cell->second)) {
+          value = strings.size() | uint64_t{text->size()} << 32;
+          strings += *text + '\0';
+        } else {
+          value = std::get<uint64_t>(cell->second);
+        }
+        if (present) valid[read * validBytes + c / 8] |= static_cast<uint8_t>(1 << (c % 8));
+        for (uint32_t b = 0; b < size; ++b) *data++ = static_cast<uint8_t>(value >> (8 * b));
+      }
+    }
+  }
+  void LoadFile(const char*, uint32_t, uint32_t) override {}
+  IOverlayInfo* getOverlayInfo() override { return nullptr; }
+};
+
+class TraceTableReaderTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
+    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
+  }
+  static void TearDownTestSuite() {
+    QX_NLV::setSymbolManagerApi(nullptr);
+    QX_NLV::setDisAsmManagerApi(nullptr);
+  }
+  static hostkit::ElfSymbolManager& symbols() {
+    static hostkit::ElfSymbolManager manager;
+    return manager;
+  }
+  static hostkit::CapstoneDisasmManager& disassembly() {
+    static hostkit::CapstoneDisasmManager manager;
+    return manager;
+  }
+
+  void SetUp() override { trace.decoder = &decoder; }
+  void TearDown() override { trace.decoder = nullptr; }
+
+  void withProgram() {
+    record.objectInfo = ObjectFileInfo::create(kFirmware);
+    ASSERT_TRUE(record.objectInfo);
+    record.disassembler = std::make_shared<CloudDisasm>(record.objectInfo, 0x75803800);
+  }
+
+  static void expectGolden(const Json::Value& document, const std::string& name) {
+    const std::string path = OSTRAND_SOURCE_DIR "/tracemanager/tool_access/tests/golden/" + name;
+    const std::string text = document.toStyledString();
+    if (getenv("OSTRAND_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text;
+    std::ifstream in(path);
+    std::stringstream expected;
+    expected << in.rdbuf();
+    EXPECT_EQ(text, expected.str()) << "golden file " << name;
+  }
+
+  RowDecoder decoder;
+  CTRACE trace;
+  CloudOperation record;
+  TraceLookupCaches caches;
+  std::string lastError;
+  TraceReadContext context{record, &trace, caches, lastError};
+};
+
+// Every format by every size, string cells (the status column in lower
+// case, NUL-ended and out-of-range references), and the symbol columns.
+TEST_F(TraceTableReaderTest, TdfTableGolden) {
+  decoder.columns = {{"Program Address", 32},     {"Trace Status", 48, true},
+                     {"Message", 48, true},       {"Byte", 8},
+                     {"Half", 16},                {"Triple", 24},
+                     {"Wide", 64}};
+  decoder.rows = {
+      {{"Program Address", uint64_t{0xE6}}, {"Trace Status", std::string("RUNNING Ok")},
+       {"Message", std::string("Keep CASE")}, {"Byte", uint64_t{7}}, {"Half", uint64_t{0xBEEF}},
+       {"Triple", uint64_t{0x123456}}, {"Wide", uint64_t{0x0123456789ABCDEF}}},
+      {{"Program Address", uint64_t{0x142}}, {"Message", std::string("cut\0here", 8)}},
+      {{"Byte", uint64_t{255}}, {"Message", std::string()}},
+  };
+  withProgram();
+  Json::Value data;
+  Json::Value out = "untouched";
+  ASSERT_EQ(readTdfTable(context, data, nullptr), 0);
+  EXPECT_EQ(out, "untouched");
+  expectGolden(data, "tdf_table.json");
+  EXPECT_EQ(data["Rows"][0][7].asString(), "main");
+  EXPECT_EQ(data["Rows"][1][7].asString(), "sensor_record");
+}
+
+TEST_F(TraceTableReaderTest, TdfAddressAboveSignedRangeEndsTheTable) {
+  decoder.columns = {{"Program Address", 32}};
+  decoder.rows = {{{"Program Address", uint64_t{0x80000000}}}};
+  Json::Value data;
+  EXPECT_THROW(readTdfTable(context, data, nullptr), std::out_of_range);
+}
+
+TEST_F(TraceTableReaderTest, TdfWithoutProgramColumnHasNoSymbolColumns) {
+  decoder.columns = {{"Value", 16}};
+  decoder.rows = {};
+  Json::Value data;
+  ASSERT_EQ(readTdfTable(context, data, [] { FAIL() << "no program to look for"; }), 0);
+  EXPECT_EQ(data["Columns"].size(), 1u);
+  EXPECT_TRUE(data["Rows"].isArray());
+  EXPECT_EQ(data["Rows"].size(), 0u);
+  EXPECT_TRUE(record.done);
+}
+
+// Every transform, the unsigned format, and a 6-byte column read as a
+// 48-bit number.
+TEST_F(TraceTableReaderTest, TransformsGolden) {
+  decoder.columns = {{"Zero", 8}, {"Program Address", 32}, {"Stamp", 48}, {"Count", 64}};
+  decoder.rows = {{{"Zero", uint64_t{9}}, {"Program Address", uint64_t{0xE6}},
+                   {"Stamp", uint64_t{0x0000123456789A}}, {"Count", uint64_t{1} << 63}},
+                  {{"Zero", uint64_t{9}}, {"Program Address", uint64_t{0x142}}},
+                  {{"Program Address", uint64_t{0x10000000}}}};
+  trace.clockHz = 1000000;
+  withProgram();
+  Json::Value spec;
+  ASSERT_TRUE(Json::Reader().parse(R"([
+    {"name":"zero","index":0,"format":"hex","transform":{"type":"timeMs"}},
+    {"name":"index","index":1,"format":"hex","transform":{"type":"functionInfoIndex"}},
+    {"name":"function","index":1,"format":"hex","transform":{"type":"functionName"}},
+    {"name":"file","index":1,"format":"hex","transform":{"type":"fileName","using":[1]}},
+    {"name":"dir","index":1,"format":"hex","transform":{"type":"directoryName"}},
+    {"name":"line","index":1,"format":"hex","transform":{"type":"lineNumber"}},
+    {"name":"asm","index":1,"format":"hex","transform":{"type":"disassemble"}},
+    {"name":"row","index":1,"format":"hex","transform":{"type":"rowNumber"}},
+    {"name":"ms","index":2,"format":"hex","transform":{"type":"timeMs"}},
+    {"name":"stamp","index":2,"format":"unsigned","datatype":"Number"},
+    {"name":"count","index":3,"format":"unsigned"},
+    {"name":"missing","index":9,"format":"default"}])",
+                                   spec));
+  ASSERT_EQ(readTraceColumnNames(record, trace, lastError), 0);
+  ASSERT_EQ(setupColumnProcessing(record, spec, lastError), 0);
+  ASSERT_EQ(fetchTraceData(context), 0);
+  Json::Value rows;
+  ASSERT_EQ(getReducedGraphData(context, rows), 0);
+  expectGolden(rows, "transforms.json");
+  EXPECT_EQ(rows[0][0], 0.0) << "column 0 gives the value 0 to a transform";
+  EXPECT_DOUBLE_EQ(rows[0][8].asDouble(), 0x123456789AULL * 1000.0 / 1e6);
+}
+
+TEST_F(TraceTableReaderTest, ProcessingErrorsKeepTheEarlierSetup) {
+  Json::Value good;
+  Json::Reader().parse(R"([{"name":"a","index":0,"format":"hex"}])", good);
+  ASSERT_EQ(setupColumnProcessing(record, good, lastError), 0);
+  EXPECT_EQ(setupColumnProcessing(record, Json::Value("x"), lastError), -3);
+  EXPECT_EQ(lastError, "Column info parameter is not a JSON array");
+  Json::Value badFormat, badTransform;
+  Json::Reader().parse(R"([{"name":"a","index":0,"format":"octal"}])", badFormat);
+  EXPECT_EQ(setupColumnProcessing(record, badFormat, lastError), -4);
+  EXPECT_EQ(lastError, "Illegal format specified 'octal'");
+  Json::Reader().parse(R"([{"index":0,"format":"hex","transform":{"type":"x"}}])", badTransform);
+  EXPECT_EQ(setupColumnProcessing(record, badTransform, lastError), -4);
+  EXPECT_EQ(lastError, "Illegal transform specified 'x'");
+  EXPECT_EQ(record.columnProcessing->names, std::vector<std::string>{"a"});
+  EXPECT_EQ(setupColumnProcessing(record, Json::Value(Json::arrayValue), lastError), 0);
+  EXPECT_EQ(record.columnProcessing->count, 0u);
+
+  Json::Value rows = "untouched";
+  EXPECT_EQ(getReducedGraphData(context, rows), -3);
+  EXPECT_EQ(rows, "untouched");
+  EXPECT_EQ(readRows(context), -1);
+  EXPECT_EQ(lastError, "Missing column information");
+}
+
+// Blocks of 32768: a short read ends the table, and an exactly full table
+// needs one more, empty, read.
+class ChunkTest : public TraceTableReaderTest,
+                  public ::testing::WithParamInterface<std::pair<uint32_t, size_t>> {};
+
+TEST_P(ChunkTest, RowsAndChunks) {
+  const auto [rowCount, chunkCount] = GetParam();
+  decoder.columns = {{"Value", 32}};
+  for (uint32_t i = 0; i < rowCount; ++i) decoder.rows.push_back({{"Value", uint64_t{i}}});
+  Json::Value data;
+  ASSERT_EQ(readTdfTable(context, data, nullptr), 0);
+  ASSERT_EQ(data["Rows"].size(), rowCount);
+  EXPECT_EQ(record.chunks.size(), chunkCount);
+  EXPECT_EQ(decoder.reads, static_cast<int>(rowCount / 32768 + 1));
+  if (rowCount > 0) {
+    EXPECT_EQ(data["Rows"][rowCount - 1][0].asString(), hex8(rowCount - 1));
+  }
+  EXPECT_EQ(fetchTraceData(context), 0);
+  EXPECT_EQ(decoder.reads, static_cast<int>(rowCount / 32768 + 1)) << "read only once";
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ChunkTest,
+                         ::testing::Values(std::pair<uint32_t, size_t>{0, 0},
+                                           std::pair<uint32_t, size_t>{32768, 1},
+                                           std::pair<uint32_t, size_t>{40000, 2}));
+
+const std::vector<Column> kInstructionColumns = {{"Read Address", 32},
+                                                 {"Write Address", 32},
+                                                 {"Program Address", 32},
+                                                 {"Program Data", 16},
+                                                 {"Cycles", 32}};
+
+Row run(uint64_t from, uint64_t to) { return {{"Read Address", from}, {"Write Address", to}}; }
+Row instruction(uint64_t address, uint64_t opcode) {
+  return {{"Program Address", address}, {"Program Data", opcode}, {"Cycles", uint64_t{3}}};
+}
+
+// Instruction rows before the first run, a plain run, both ends blocked, a
+// blocked start, a blocked end, a run with one address, and an opcode
+// without an address.
+std::vector<Row> branchTrace() {
+  return {instruction(0xE4, 0xB570),
+          run(0xE4, 0xEA),
+          instruction(0xE6, 0x4B11),
+          instruction(0xE8, 0x4A11),
+          instruction(0xEA, 0x601A),
+          run(kSecureAddress, kSecureAddress),
+          run(kSecureAddress, 0x142),
+          run(0x140, kSecureAddress),
+          {{"Read Address", uint64_t{0x1A0}}},
+          {{"Program Data", uint64_t{0xBF00}}}};
+}
+
+class MtbTest : public TraceTableReaderTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(MtbTest, BranchTraceGolden) {
+  const bool compact = GetParam();
+  decoder.columns = kInstructionColumns;
+  decoder.rows = branchTrace();
+  withProgram();
+  uint32_t count = 0;
+  Json::Value data;
+  ASSERT_EQ(decodeMTBTrace(context, count, data, compact), 0);
+  EXPECT_EQ(count, 5u);
+  expectGolden(data, compact ? "mtb_compact.json" : "mtb_data.json");
+  EXPECT_EQ(data["code"][1][0]["asm"], "Dst Address (Branch To)");
+  EXPECT_EQ(data["code"][1][1]["asm"], "Src Address (Branch From)");
+  EXPECT_EQ(data["code"][1].size(), 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, MtbTest, ::testing::Bool());
+
+TEST_F(TraceTableReaderTest, MtbWithoutSymbolsShowsOpcodes) {
+  decoder.columns = kInstructionColumns;
+  decoder.rows = branchTrace();
+  uint32_t count = 0;
+  Json::Value data;
+  ASSERT_EQ(decodeMTBTrace(context, count, data, false), 0);
+  EXPECT_EQ(data["code"][0].size(), 3u) << "three instruction rows, no disassembled lines";
+  EXPECT_EQ(data["code"][0][0]["asm"], "4B11");
+  EXPECT_EQ(data["data"][0]["function"], "n/a");
+}
+
+TEST_F(TraceTableReaderTest, EtbRecordsGolden) {
+  decoder.columns = kInstructionColumns;
+  decoder.rows = branchTrace();
+  withProgram();
+  VSKTspServer::EtbRecordStore store;
+  store.append(VSKTspServer::EtbRecordStore::Record{{"stale", "record"}});
+  uint32_t count = 0;
+  Json::Value data;
+  ASSERT_EQ(decodeETBTrace(context, count, data, store), 0);
+  EXPECT_EQ(count, 5u);
+  Json::Value document;
+  document["data"] = data;
+  for (const auto& record : store.snapshot()) {
+    Json::Value& entry = document["records"].append(Json::Value(Json::objectValue));
+    for (const auto& [key, value] : record) entry[key] = value;
+  }
+  expectGolden(document, "etb_data.json");
+  EXPECT_EQ(data["data"][1]["first"], "FFFFBAD1") << "no secure form in instruction trace";
+}
+
+std::string binutils(const std::string& command) {
+  std::string text;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return text;
+  char buffer[256];
+  while (fgets(buffer, sizeof buffer, pipe) != nullptr) text += buffer;
+  pclose(pipe);
+  return text;
+}
+
+// The readers' symbol answers agree with the GNU tools on the firmware.
+TEST_F(TraceTableReaderTest, SymbolsAgreeWithBinutils) {
+  withProgram();
+  for (uint32_t address : {0xE6u, 0xF0u, 0x142u, 0x1A0u}) {
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "0x%x", address);
+    std::istringstream answer(
+        binutils("arm-none-eabi-addr2line -f -e " + kFirmware + " " + hex + " 2>/dev/null"));
+    std::string function, place;
+    std::getline(answer, function);
+    std::getline(answer, place);
+    if (function.empty()) GTEST_SKIP() << "arm-none-eabi-addr2line is not installed";
+    const FunctionInfo& info = caches.lookupFunctionInfo(address, record.objectInfo.get());
+    const LineInfo& line = caches.lookupLine(address, record.objectInfo.get());
+    EXPECT_EQ(info.function, function) << hex;
+    const std::string lineText = place.substr(place.rfind(':') + 1);
+    EXPECT_EQ(std::to_string(line.line), lineText.substr(0, lineText.find(' '))) << hex;
+    EXPECT_NE(place.find(info.file.substr(info.file.rfind('/') + 1)), std::string::npos) << hex;
+  }
+}
+
+TEST(InstructionText, FromTheFirstRunOfFourBlanks) {
+  EXPECT_EQ(mtbInstructionText("000000E4 B570    push {r4, r5, r6, lr}"),
+            "    push {r4, r5, r6, lr}");
+  EXPECT_EQ(mtbInstructionText(".word 0x20000000"), ".word 0x20000000") << "kept whole";
+}
+
+TEST(ColumnValue, SixBytesAreA48BitNumber) {
+  const uint8_t bytes[8] = {0x9A, 0x78, 0x56, 0x34, 0x12, 0x00, 0xFF, 0xFF};
+  EXPECT_EQ(RowView::readColumnValue(bytes, 6), 0x123456789AULL);
+  EXPECT_EQ(RowView::readColumnValue(bytes, 3), 0u);
+  EXPECT_EQ(hexBySize(0x123456, 3), "Illegal width");
+}
+
+}  // namespace
