@@ -100,13 +100,16 @@ EventHandler::~EventHandler() {
     if (removeAdapterEventConsumer != nullptr) removeAdapterEventConsumer(this);
     if (removeTargetEventConsumer != nullptr) removeTargetEventConsumer(this);
     consumersAdded = false;
-    std::lock_guard<std::mutex> lock(clientMutex);
-    client.reset();
+    {
+      std::lock_guard<std::mutex> lock(clientMutex);
+      client.reset();
+    }
     if (adapterPresent && getHemlockCleanupRegistryIF != nullptr) {
       Qx::Nlv::Hemlock::ICleanupRegistry* registry = nullptr;
       getHemlockCleanupRegistryIF(&registry);
       if (registry != nullptr) registry->remove(this);
     }
+    std::lock_guard<std::mutex> lock(targetsMutex);
     watchedHandles.clear();
     forwardedTargets.clear();
     clientTargets.clear();
@@ -148,20 +151,36 @@ void EventHandler::resolveAdapter(const std::string& name) {
   }
 }
 
+bool EventHandler::inSet(const std::set<std::string>& set, const std::string& name) {
+  std::lock_guard<std::mutex> lock(targetsMutex);
+  return set.count(name) != 0;
+}
+
+void EventHandler::dropClientLocked() {
+  hasClient = false;
+  manager = nullptr;
+  jobManager = nullptr;
+  client.reset();
+  consumersAdded = false;
+}
+
 void EventHandler::addTarget(const std::string& name) {
   if (!adapterPresent) return;
   std::lock_guard<std::mutex> lock(clientMutex);
+  if (cleanupPending.exchange(false)) dropClientLocked();
   if (!hasClient) createClientLocked();
   if (!client) return;
-  // One attachment serves both sets: the client registers a target once.
-  if (forwardedTargets.count(name) == 0) {
+  // The client registers a target once; the second attach only confirms.
+  if (!inSet(forwardedTargets, name)) {
     resolveAdapter(name);
     client->attachTarget(name.c_str(), false);
+    std::lock_guard<std::mutex> targets(targetsMutex);
     forwardedTargets.insert(name);
   }
-  if (clientTargets.count(name) == 0) {
+  if (!inSet(clientTargets, name)) {
     resolveAdapter(name);
     client->attachTarget(name.c_str(), false);
+    std::lock_guard<std::mutex> targets(targetsMutex);
     clientTargets.insert(name);
   }
 }
@@ -169,22 +188,21 @@ void EventHandler::addTarget(const std::string& name) {
 void EventHandler::removeTarget(const std::string& name) {
   if (!adapterPresent) return;
   std::lock_guard<std::mutex> lock(clientMutex);
+  if (cleanupPending.exchange(false)) dropClientLocked();
   if (!hasClient) createClientLocked();
   if (!client) return;
-  forwardedTargets.erase(name);
-  if (clientTargets.count(name) == 0) client->detachTarget(name.c_str());
-  if (clientTargets.count(name) != 0) {
+  {
+    std::lock_guard<std::mutex> targets(targetsMutex);
+    forwardedTargets.erase(name);
     clientTargets.erase(name);
-    if (forwardedTargets.count(name) == 0) client->detachTarget(name.c_str());
   }
+  // Out of both sets now: the client lets go of the target once.
+  client->detachTarget(name.c_str());
 }
 
 bool EventHandler::isForwarded(const std::string& target) { return forwarded(target); }
 
-bool EventHandler::forwarded(const std::string& target) {
-  std::lock_guard<std::mutex> lock(clientMutex);
-  return forwardedTargets.count(target) != 0;
-}
+bool EventHandler::forwarded(const std::string& target) { return inSet(forwardedTargets, target); }
 
 void EventHandler::OnTargetStateChanged(const char* target, int32_t state) {
   static const char* const kEvents[][2] = {
@@ -225,7 +243,7 @@ void EventHandler::tableSizeChanged(uint32_t handle, uint32_t size, bool final, 
     std::lock_guard<std::mutex> lock(eventLock);
     bool watched = false;
     {
-      std::lock_guard<std::mutex> clientLock(clientMutex);
+      std::lock_guard<std::mutex> targets(targetsMutex);
       watched = watchedHandles.count(handle) != 0;
     }
     if (watched && tableSizeEvent) tableSizeEvent(handle, size, final, gaps);
@@ -289,13 +307,18 @@ void EventHandler::onAdapterRemoved(const char* name) {
 
 void EventHandler::onCleanup() {
   guarded("onCleanup", [&] {
-    std::lock_guard<std::mutex> lock(clientMutex);
-    hasClient = false;
-    watchedHandles.clear();
-    clientTargets.clear();
-    manager = nullptr;
-    jobManager = nullptr;
-    client.reset();
-    consumersAdded = false;
+    {
+      std::lock_guard<std::mutex> targets(targetsMutex);
+      watchedHandles.clear();
+      clientTargets.clear();
+    }
+    // The cleanup comes on the tool's event road: it must not wait for a
+    // command that is inside the client, which may be waiting for the tool.
+    if (clientMutex.try_lock()) {
+      dropClientLocked();
+      clientMutex.unlock();
+    } else {
+      cleanupPending = true;
+    }
   });
 }

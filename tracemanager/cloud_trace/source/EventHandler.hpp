@@ -13,8 +13,12 @@
 // eventLock may come back into an operation that takes it.
 // addTarget and removeTarget come from commands, which may hold the command
 // layer's lock that a trace event raised under eventLock waits for; so they
-// do not take eventLock: the client and the target sets have `clientMutex`,
-// which event handling takes only briefly and never across a call out.
+// do not take eventLock. The tool library delivers events holding a lock of
+// its own that its registration calls take too, so no lock of the event
+// road may be held across a call into the client: `clientMutex` (the client
+// and its interfaces) is held across those calls and never waited for on
+// the event road; `targetsMutex` (the sets) is held only briefly and across
+// no call out.
 //
 // Failures: the constructor throws EventHandlerException when a library
 // cannot be loaded. Entries from the tool side never let an exception out.
@@ -103,6 +107,8 @@ class EventHandler : public CloudHemlockNotificationIF,
   void raiseSessionEventLocked(const char* name, const Json::Value& info);
   bool forwarded(const std::string& target);
   void createClientLocked();
+  void dropClientLocked();
+  bool inSet(const std::set<std::string>& set, const std::string& name);
 
   uint32_t instance;
   std::unique_ptr<CloudHLClientBase> client;  // guarded by clientMutex
@@ -123,9 +129,9 @@ class EventHandler : public CloudHemlockNotificationIF,
   ClearAdapterEventConsumer_t clearAdapterEventConsumer = nullptr;
   std::atomic<bool> hasClient{false};
   std::atomic<bool> adapterPresent{false};
-  std::set<uint32_t> watchedHandles;       // guarded by clientMutex
-  std::set<std::string> forwardedTargets;  // guarded by clientMutex
-  std::set<std::string> clientTargets;     // guarded by clientMutex
+  std::set<uint32_t> watchedHandles;       // guarded by targetsMutex
+  std::set<std::string> forwardedTargets;  // guarded by targetsMutex
+  std::set<std::string> clientTargets;     // guarded by targetsMutex
   TargetEventFn targetEvent;
   SystemEventFn systemEvent;
   TableSizeFn tableSizeEvent;
@@ -133,7 +139,11 @@ class EventHandler : public CloudHemlockNotificationIF,
   Qx::Nlv::Hemlock::IHemlockManager* manager = nullptr;        // guarded by clientMutex
   Qx::Nlv::Hemlock::IHemlockJobManager* jobManager = nullptr;  // guarded by clientMutex
   std::mutex eventLock;    // serialises event handling
-  std::mutex clientMutex;  // guards the client, its interfaces and the target sets
+  std::mutex clientMutex;   // guards the client and its interfaces
+  std::mutex targetsMutex;  // guards the three sets
+  // A cleanup came while a command used the client; the command drops the
+  // client when it is done.
+  std::atomic<bool> cleanupPending{false};
   LocalOpManager* owner;
-  bool consumersAdded = false;
+  std::atomic<bool> consumersAdded{false};
 };
