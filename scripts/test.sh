@@ -58,6 +58,7 @@ step "all tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 configure build-asan -DOSTRAND_SANITIZE=ON -DOSTRAND_BENCH=OFF -DOSTRAND_WERROR=OFF
 cmake --build build-asan -j"$jobs"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+export LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 (cd build-asan && ctest -j"$jobs" --output-on-failure --timeout 600)
 

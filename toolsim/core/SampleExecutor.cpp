@@ -55,8 +55,8 @@ class SampleExecutor final : public CpuExecutor {
     if (steps_.empty()) error_ = cpu.sample + ": no instructions";
   }
 
-  RunEnd run(uint64_t limit, const std::atomic<bool>& halt, StepSink& sink) override {
-    RunEnd end;
+  RunOutcome run(uint64_t limit, const std::atomic<bool>& halt, StepSink& sink) override {
+    RunOutcome end;
     if (!error_.empty()) {
       end.error = error_;
       end.timeNs = timeNs();

@@ -30,7 +30,7 @@ class StepSink {
   virtual void onStep(const SimStep& step) = 0;
 };
 
-struct RunEnd {
+struct RunOutcome {
   uint64_t instructions = 0;  // executed in this run
   uint64_t timeNs = 0;        // virtual time at the end (since the CPU's reset)
   bool programEnded = false;
@@ -42,7 +42,7 @@ class CpuExecutor {
   virtual ~CpuExecutor() = default;
   // Runs until `halt` becomes true, `limit` more instructions have executed
   // (0: no limit) or the program ends. Called on one run thread at a time.
-  virtual RunEnd run(uint64_t limit, const std::atomic<bool>& halt, StepSink& sink) = 0;
+  virtual RunOutcome run(uint64_t limit, const std::atomic<bool>& halt, StepSink& sink) = 0;
   // Instructions executed and virtual time since reset.
   virtual uint64_t instructions() const = 0;
   virtual uint64_t timeNs() const = 0;

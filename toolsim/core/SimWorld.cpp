@@ -496,7 +496,7 @@ void SimWorld::runThread(std::string name, uint64_t limit, std::shared_ptr<std::
   struct NoTrace final : StepSink {
     void onStep(const SimStep&) override {}
   } noTrace;
-  RunEnd end;
+  RunOutcome end;
   try {
     end = cpu->executor->run(limit, *halt, recorder ? static_cast<StepSink&>(*recorder) : noTrace);
   } catch (const std::exception& e) {

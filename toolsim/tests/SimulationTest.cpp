@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hemlock/ToolEntryPoints.hpp"
+#include "hemlock/hemlockErrorIF.hpp"
 #include "sim/SimControl.hpp"
 
 namespace {
@@ -360,7 +361,8 @@ TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
     ++instructions;
     uint32_t address = std::stoul(row[1], nullptr, 16);
     EXPECT_TRUE(address >= 0x60 && address <= 0x7F) << row[1];
-    EXPECT_EQ(row[3], "1");  // cycles
+    EXPECT_NE(row[3], "0");  // cycles since the last traced instruction
+    EXPECT_NE(row[3], "");
   }
   EXPECT_GT(instructions, 10u);
   rangeOp->release();
