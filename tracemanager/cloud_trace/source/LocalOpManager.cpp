@@ -17,6 +17,7 @@
 #include "ExperimentKinds.hpp"
 #include "Logger.hpp"
 #include "TspServer.hpp"
+#include "MtbCaptureOperation.hpp"
 #include "WLCaptureOperation.hpp"
 #include "WLExperimentKind.hpp"
 #include "uDll.hpp"
@@ -40,6 +41,11 @@ std::map<std::string, LocalOpManager::OperationMaker>& makers() {
        [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
           LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
          return std::make_unique<LocalOpManager::WLCaptureOperation>(id, tools, target, s);
+       }},
+      {kFeatureMTB,
+       [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
+          LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
+         return std::make_unique<LocalOpManager::MtbCaptureOperation>(id, tools, target, s);
        }},
   };
   return table;
