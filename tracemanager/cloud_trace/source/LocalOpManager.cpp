@@ -18,6 +18,7 @@
 #include "Logger.hpp"
 #include "TspServer.hpp"
 #include "MtbCaptureOperation.hpp"
+#include "TdfCaptureOperation.hpp"
 #include "WLCaptureOperation.hpp"
 #include "WLExperimentKind.hpp"
 #include "uDll.hpp"
@@ -46,6 +47,11 @@ std::map<std::string, LocalOpManager::OperationMaker>& makers() {
        [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
           LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
          return std::make_unique<LocalOpManager::MtbCaptureOperation>(id, tools, target, s);
+       }},
+      {kFeatureTDF,
+       [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
+          LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
+         return std::make_unique<LocalOpManager::TdfCaptureOperation>(id, tools, target, s);
        }},
   };
   return table;

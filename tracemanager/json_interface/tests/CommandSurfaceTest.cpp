@@ -138,7 +138,7 @@ TEST_F(CommandSurfaceTest, TdfSessionStartsWithoutATarget) {
   EXPECT_EQ(location["uri"].asString().rfind("file:///", 0), 0u);
   EXPECT_NE(location["uri"].asString().find("/.QX-trace/data/file-targets/cpu/TDF"), std::string::npos);
   const std::string refused =
-      R"({"data":{"description":"{\"showStatusMsg\":true,\"statusMsg\":\"Cannot enable TDF\"}\n",)"
+      R"({"data":{"description":"{\"showStatusMsg\":true,\"statusMsg\":\"Invalid TDF file name: \"}\n",)"
       R"("eventName":"Collecting","handle":"","target":"cpu"},"event":"cloudTrace.traceEvent"})";
   auto seen = [&] {
     auto texts = out.texts();
