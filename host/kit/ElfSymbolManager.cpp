@@ -158,9 +158,20 @@ sym_lite::ISymbolPackage* ElfSymbolManager::createPackage(sym_lite::DebugEnviron
   return package;
 }
 
+void ElfSymbolManager::addProgram(const std::string& name, const std::string& path) {
+  std::lock_guard lock(mutex_);
+  programs_[name] = path;
+}
+
 sym_lite::ISymbolPackage* ElfSymbolManager::openPackage(const char* path) {
+  std::string file = path ? path : "";
+  {
+    std::lock_guard lock(mutex_);
+    auto found = programs_.find(file);
+    if (found != programs_.end()) file = found->second;
+  }
   auto package = std::make_unique<ElfSymbolPackage>();
-  const uint32_t status = path ? package->load(path) : sym_lite::kLoadNotFound;
+  const uint32_t status = path ? package->load(file) : sym_lite::kLoadNotFound;
   std::lock_guard lock(mutex_);
   lastStatus_ = status;
   if (status != 0) return nullptr;

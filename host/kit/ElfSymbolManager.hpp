@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -69,11 +70,15 @@ class ElfSymbolManager final : public sym_lite::ISymbolManager {
 
   // Why the last openPackage failed, as a sym_lite::kLoad* status.
   uint32_t lastStatus() const;
+  // The module opens a target's symbols by the target's name: openPackage
+  // of `name` then loads `path`.
+  void addProgram(const std::string& name, const std::string& path);
 
  private:
   mutable std::mutex mutex_;  // guards packages_ and lastStatus_
   std::unordered_set<ElfSymbolPackage*> packages_;
   uint32_t lastStatus_ = 0;
+  std::unordered_map<std::string, std::string> programs_;  // target name -> program; guarded
 };
 
 // Text for a load status, for messages to a user.

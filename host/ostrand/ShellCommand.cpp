@@ -11,13 +11,18 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "CapstoneDisasmManager.hpp"
+#include "ElfSymbolManager.hpp"
 #include "ExitCodes.hpp"
 #include "HostConnection.hpp"
 #include "ModuleLoader.hpp"
@@ -30,6 +35,29 @@
 namespace ostrand {
 
 namespace {
+
+// Tells the symbol manager the program of every CPU of a scenario, so that
+// the module finds a target's symbols by its name as it does in a debug
+// host. Program paths are relative to the scenario file.
+void addScenarioPrograms(::hostkit::ElfSymbolManager& symbols, const std::string& scenarioFile) {
+  std::ifstream in(scenarioFile);
+  Json::Value root;
+  if (!in || !Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) return;
+  const std::filesystem::path base = std::filesystem::path(scenarioFile).parent_path();
+  std::vector<const Json::Value*> pending{&root};
+  while (!pending.empty()) {
+    const Json::Value& node = *pending.back();
+    pending.pop_back();
+    if (node.isObject() && node["name"].isString() && node["program"].isString()) {
+      std::filesystem::path program(node["program"].asString());
+      if (program.is_relative()) program = base / program;
+      symbols.addProgram(node["name"].asString(), program.lexically_normal().string());
+    }
+    if (node.isObject() || node.isArray()) {
+      for (const Json::Value& child : node) pending.push_back(&child);
+    }
+  }
+}
 
 constexpr const char* kHelp =
     "usage: ostrand shell [--module PATH] [--wait SECONDS] [--sim [SCENARIO]]\n"
@@ -193,8 +221,16 @@ int runShell(int argc, char** argv) {
     return kExitUsage;
   }
 
+  // The host's symbol and disassembly managers, as a debug host hands them
+  // in: instruction captures decode with them. Declared before the loader,
+  // they outlive the module.
+  ::hostkit::ElfSymbolManager symbols;
+  ::hostkit::CapstoneDisasmManager disassembly;
   ShellSim sim;
   if (simulate) {
+    addScenarioPrograms(symbols, scenario.empty()
+                                     ? ShellSim::toolDirOf(modulePath) + "/scenarios/default.json"
+                                     : scenario);
     std::string error;
     if (!sim.open(ShellSim::toolDirOf(modulePath), scenario, error)) {
       std::fprintf(stderr, "ostrand shell: %s\n", error.c_str());
@@ -208,6 +244,8 @@ int runShell(int argc, char** argv) {
                  loader.error().c_str());
     return kExitNoModule;
   }
+  loader.initializeSymbolManager(static_cast<sym_lite::ISymbolManager*>(&symbols));
+  loader.initializeDisAsmManager(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly));
   uint32_t count = 0;
   const char* const* names = loader.listModules(&count);
   if (count == 0 || names == nullptr || names[0] == nullptr) {

@@ -1,6 +1,6 @@
-// A power capture through `ostrand shell --sim`, as a debug host drives it:
-// the replies and events against a golden transcript (the temporary home
-// normalised), and what the capture leaves on disk.
+// Captures through `ostrand shell --sim`, as a debug host drives them: the
+// replies and events against golden transcripts (the temporary home
+// normalised), and what each capture leaves on disk.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -56,6 +56,25 @@ TEST(PowerCaptureTest, ShellTranscriptAndCaptureDirectory) {
   EXPECT_EQ(metadata["device"].asString(), "CM0P");
   EXPECT_EQ(readFile(dir + "/metadataSup.json"), "{}\n");
   EXPECT_TRUE(std::filesystem::is_empty(runner.dir() + "/.QX-trace/data/.Wattline"));
+}
+
+// The MTB buffer of the Cortex-M0+ decoded at the halt: the rows name the
+// firmware's own functions and files.
+TEST(PowerCaptureTest, MtbCaptureTranscriptAndDecodedBuffer) {
+  ostrand_test::ProgramRunner runner;
+  ProgramRun r = runner.run("shell --sim", readFile(kGolden + "mtb_capture.jsonl"), "",
+                            "OSTRAND_TSP_PORT=" + std::to_string(freeLoopbackPort()));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(replaceAll(r.out, runner.dir(), "<home>"), readFile(kGolden + "mtb_capture.expected"));
+
+  const std::string dir = runner.dir() + "/.QX-trace/data/live-targets/CM0P/MTB";
+  Json::Value metadata;
+  ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadata"), metadata)) << dir;
+  EXPECT_EQ(metadata["typeId"].asString(), "MTB");
+  EXPECT_EQ(metadata["dataFile"].asString(), "mtb_data.json");
+  const std::string data = readFile(dir + "/mtb_data.json");
+  EXPECT_NE(data.find("\"function\" : \"Default_Handler\""), std::string::npos);
+  EXPECT_NE(data.find("\"file\" : \"startup.c\""), std::string::npos);
 }
 
 }  // namespace

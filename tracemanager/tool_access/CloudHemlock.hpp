@@ -87,6 +87,12 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
   int32_t getLastError(std::string& text) const;
   std::string getLastError() const { return lastError; }
 
+  // The tool side's session manager (file sessions of recordings), or null
+  // when the libraries offer none. The caller holds toolMutex.
+  Qx::Nlv::Xevt::ISessionManager* sessionManager() {
+    return xevtAvailable ? xevtGetSessionManager() : nullptr;
+  }
+
   // Devices of the debug session (live) or of the stored configuration of a
   // .tdf file, as a JSON array of {name, id, device_info}.
   int32_t getDevices(bool live, const std::string& fileName, Json::Value& devices);

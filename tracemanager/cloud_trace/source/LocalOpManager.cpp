@@ -17,6 +17,8 @@
 #include "ExperimentKinds.hpp"
 #include "Logger.hpp"
 #include "TspServer.hpp"
+#include "MtbCaptureOperation.hpp"
+#include "TdfCaptureOperation.hpp"
 #include "WLCaptureOperation.hpp"
 #include "WLExperimentKind.hpp"
 #include "uDll.hpp"
@@ -40,6 +42,16 @@ std::map<std::string, LocalOpManager::OperationMaker>& makers() {
        [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
           LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
          return std::make_unique<LocalOpManager::WLCaptureOperation>(id, tools, target, s);
+       }},
+      {kFeatureMTB,
+       [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
+          LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
+         return std::make_unique<LocalOpManager::MtbCaptureOperation>(id, tools, target, s);
+       }},
+      {kFeatureTDF,
+       [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
+          LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
+         return std::make_unique<LocalOpManager::TdfCaptureOperation>(id, tools, target, s);
        }},
   };
   return table;

@@ -74,6 +74,8 @@ class LocalOpManager : public std::enable_shared_from_this<LocalOpManager> {
  public:
   class CaptureOperation;
   class WLCaptureOperation;
+  class MtbCaptureOperation;
+  class TdfCaptureOperation;
 
   using TargetEventFn =
       std::function<void(const std::string&, const std::string&, const std::string&)>;

@@ -1,0 +1,124 @@
+#include "MtbCaptureOperation.hpp"
+
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "CloudHemlock.hpp"
+#include "Logger.hpp"
+
+using Mtb = LocalOpManager::MtbCaptureOperation;
+
+namespace {
+
+Json::Value property(const char* name, const char* type, Json::Value value) {
+  Json::Value p(Json::objectValue);
+  p["name"] = name;
+  p["type"] = type;
+  p["value"] = std::move(value);
+  return p;
+}
+
+}  // namespace
+
+Mtb::MtbCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
+                         Json::Value sessionSettings)
+    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings)) {
+  type = kFeatureMTB;
+  captureDir = getTargetDir(this->target, kFeatureMTB);
+}
+
+Mtb::~MtbCaptureOperation() { data = Json::Value(); }
+
+void Mtb::createDefaultSettings() {
+  // The tool reads these by position: a user property replaces its entry in
+  // place, so the order here is the order the tool sees.
+  Json::Value list(Json::arrayValue);
+  list.append(property("Trace Buffer Type", "String", "Circular"));
+  list.append(property("Trace On", "Boolean", true));
+  list.append(property("Start triggers", "Boolean", false));
+  list.append(property("Stop triggers", "Boolean", false));
+  list.append(property("Buffer Size", "String", "32 Bytes"));
+  list.append(property("Watermark level", "Number", 0));
+  list.append(property("Stop at watermark", "Boolean", false));
+  list.append(property("Halt at watermark", "Boolean", false));
+  list.append(property("Synchronize with target", "Boolean", true));
+  list.append(property("Hierarchical Decode", "Boolean", true));
+  setReceiverSettings("MTB", list);
+}
+
+uint32_t Mtb::createHlOperation() {
+  QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::createHlOperation");
+  created = false;
+  if (tools == nullptr) throw std::runtime_error("Cannot enable MTB: No target selected");
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  if (tools->createTraceOperation(clientId, target, operationHandle, 2) != 0) {
+    throw std::runtime_error("Failed to create operation: " + tools->getLastError());
+  }
+  if (tools->setOperationProperties(operationHandle, settings) != 0) {
+    throw std::runtime_error("Failed to set properties: " + tools->getLastError());
+  }
+  created = true;
+  return operationHandle;
+}
+
+int32_t Mtb::enableImpl(bool on) {
+  enabled = on;
+  if (tools == nullptr) return -1;
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  if (!on) {
+    int32_t r = tools->enableOperation(operationHandle, false, false);
+    tools->destroyTraceApp(operationHandle);
+    return r;
+  }
+  int32_t r = tools->enableOperation(operationHandle, true, false);
+  if (r != 0) return r;
+  r = tools->createTraceApp(operationHandle);
+  if (r != 0) {
+    tools->enableOperation(operationHandle, false, false);
+    return r;
+  }
+  // Without an object file the rows still decode, only without symbols; the
+  // attach step reports whether the decoder got one.
+  tools->loadObjectInfo(operationHandle);
+  return tools->attachObjectInfo(operationHandle);
+}
+
+void Mtb::onDataReady() {
+  QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::onDataReady");
+  if (state != Collecting) {
+    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING",
+                   stateText(state));
+    return;
+  }
+  state = Idle;
+  if (tools == nullptr) return;
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  // The compact row form belongs to the cores whose names carry "Dsa"; the
+  // match is case-sensitive as the tool names them.
+  bool compact = target.find("Dsa") != std::string::npos;
+  uint32_t count = 0;
+  if (tools->decodeMTBTrace(operationHandle, count, data, compact) != 0) {
+    throw std::runtime_error("DecodeMTBTrace failed: " + tools->getLastError());
+  }
+  resolveDataReady();
+  exportMetaData();
+  exportData();
+}
+
+void Mtb::exportMetaData() {
+  QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::exportMetaData");
+  metadata = Json::Value(Json::objectValue);
+  metadata["typeId"] = type;
+  metadata["time"] = timeStamp();
+  metadata["source"] = "VSK Vireo";
+  metadata["device"] = target;
+  metadata["deviceId"] = "unknown";
+  metadata["dataFile"] = "mtb_data.json";
+  deliver("metadata", metadata, "LocalOpManager::MtbCaptureOperation::exportMetaData");
+}
+
+void Mtb::exportData() {
+  QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::exportData");
+  deliver("mtb_data.json", data, "LocalOpManager::MtbCaptureOperation::exportData");
+}
