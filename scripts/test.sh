@@ -56,7 +56,7 @@ OSTRAND_JOBS="$jobs" bash scripts/fuzz.sh --smoke
 step "threaded tests under ThreadSanitizer"
 configure build-tsan -DOSTRAND_TSAN=ON -DOSTRAND_BENCH=OFF
 cmake --build build-tsan -j"$jobs" --target tsan_tests
-export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp"
 while read -r t; do
   [[ -n "$t" ]] || continue
   echo "-- $t"
