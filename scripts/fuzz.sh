@@ -26,7 +26,8 @@ case "${1:-}" in
      limit=(-max_total_time="$1") ;;
 esac
 
-targets=(${FUZZ_TARGETS:-fuzz_translator fuzz_tsp_request fuzz_metadata fuzz_wldata})
+targets=(${FUZZ_TARGETS:-fuzz_translator fuzz_tsp_request fuzz_metadata fuzz_wldata fuzz_tdf_header
+  fuzz_mtb_decode})
 
 launcher=()
 if command -v ccache >/dev/null; then
