@@ -16,11 +16,11 @@
 #include <random>
 #include <unordered_map>
 
-#include "CapstoneDisasmManager.hpp"
-#include "CloudDisasm.hpp"
-#include "ElfSymbolManager.hpp"
-#include "HostApis.hpp"
-#include "ObjectFileInfo.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "symbols/CloudDisasm.hpp"
+#include "symbols/ObjectFileInfo.hpp"
 
 namespace {
 

@@ -23,12 +23,12 @@
 #include <random>
 #include <string>
 
-#include "CTRACE.hpp"
-#include "CapstoneDisasmManager.hpp"
-#include "ElfSymbolManager.hpp"
-#include "HostApis.hpp"
-#include "InstructionTraceDecoder.hpp"
-#include "TdfTableReader.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/InstructionTraceDecoder.hpp"
+#include "tool_access/TdfTableReader.hpp"
 
 namespace {
 

@@ -31,10 +31,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ModelManager.hpp"
-#include "TableLinesWriter.hpp"
-#include "TspServer.hpp"
-#include "VSKExperiment.hpp"
+#include "experiments/VSKExperiment.hpp"
+#include "tsp_server/ModelManager.hpp"
+#include "tsp_server/TspServer.hpp"
+#include "tsp_server/models/TableLinesWriter.hpp"
 
 namespace {
 

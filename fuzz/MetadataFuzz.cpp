@@ -9,9 +9,9 @@
 #include <fstream>
 #include <string>
 
-#include "DataTree.hpp"
-#include "ModelManager.hpp"
-#include "VSKTrace.hpp"
+#include "experiments/DataTree.hpp"
+#include "experiments/VSKTrace.hpp"
+#include "tsp_server/ModelManager.hpp"
 
 namespace {
 

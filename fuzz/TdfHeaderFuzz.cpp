@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "CTRACE.hpp"
+#include "tool_access/CTRACE.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The reader takes a path; one file per process, rewritten each time.

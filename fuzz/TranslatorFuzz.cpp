@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "Translator.hpp"
+#include "json_interface/Translator.hpp"
 
 namespace {
 

@@ -8,9 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "RequestGuard.hpp"
-#include "TspApi.hpp"
-#include "TspRequests.hpp"
+#include "tsp_server/RequestGuard.hpp"
+#include "tsp_server/TspApi.hpp"
+#include "tsp_server/models/TspRequests.hpp"
 
 namespace {
 

@@ -9,10 +9,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "WLDataNode.hpp"
-#include "WLStateDecoders.hpp"
-#include "WLStateGraph.hpp"
-#include "WLViews.hpp"
+#include "wattline/WLDataNode.hpp"
+#include "wattline/WLStateDecoders.hpp"
+#include "wattline/WLStateGraph.hpp"
+#include "wattline/WLViews.hpp"
 
 using namespace VSKTspServer;
 

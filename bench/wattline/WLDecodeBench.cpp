@@ -29,8 +29,8 @@
 #include <string>
 #include <vector>
 
-#include "WLCaptureGenerator.hpp"
-#include "WLDataNode.hpp"
+#include "wattline/WLDataNode.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 using namespace VSKTspServer;
 

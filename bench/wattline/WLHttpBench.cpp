@@ -26,10 +26,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ExperimentKinds.hpp"
 #include "ServerFixture.hpp"
-#include "WLCaptureGenerator.hpp"
-#include "WLExperimentKind.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "wattline/WLExperimentKind.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 using namespace VSKTspServer;
 using nlohmann::json;

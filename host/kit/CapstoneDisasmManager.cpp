@@ -1,4 +1,4 @@
-#include "CapstoneDisasmManager.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
 
 #include <capstone/capstone.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "ElfSymbolManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
 
 namespace hostkit {
 

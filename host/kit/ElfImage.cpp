@@ -1,4 +1,4 @@
-#include "ElfImage.hpp"
+#include "kit/ElfImage.hpp"
 
 #include <dwarf.h>
 #include <elfutils/libdw.h>

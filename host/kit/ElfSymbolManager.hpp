@@ -18,7 +18,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "ElfImage.hpp"
+#include "kit/ElfImage.hpp"
 #include "sym_lite/SymbolManager.hpp"
 
 namespace hostkit {

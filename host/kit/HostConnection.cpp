@@ -1,4 +1,4 @@
-#include "HostConnection.hpp"
+#include "kit/HostConnection.hpp"
 
 namespace ostrand::hostkit {
 

@@ -1,4 +1,4 @@
-#include "ModuleLoader.hpp"
+#include "kit/ModuleLoader.hpp"
 
 #include <dlfcn.h>
 #include <sys/stat.h>

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "ExitCodes.hpp"
-#include "Subcommands.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
 
 namespace ostrand {
 

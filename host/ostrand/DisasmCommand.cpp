@@ -6,9 +6,9 @@
 #include <tuple>
 #include <nlohmann/json.hpp>
 
-#include "ExitCodes.hpp"
-#include "Subcommands.hpp"
-#include "SymbolTools.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
+#include "ostrand/SymbolTools.hpp"
 
 namespace ostrand {
 

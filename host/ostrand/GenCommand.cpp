@@ -23,9 +23,9 @@
 #include <string>
 #include <vector>
 
-#include "ExitCodes.hpp"
-#include "Subcommands.hpp"
-#include "WLCaptureGenerator.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 namespace ostrand {
 namespace {

@@ -11,9 +11,9 @@
 #include <exception>
 #include <string>
 
-#include "ExitCodes.hpp"
-#include "Subcommands.hpp"
-#include "WLCaptureGenerator.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 namespace ostrand {
 

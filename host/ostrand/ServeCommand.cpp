@@ -17,12 +17,12 @@
 #include <string>
 #include <thread>
 
-#include "ExitCodes.hpp"
-#include "Subcommands.hpp"
-#include "ExperimentKinds.hpp"
-#include "Logger.hpp"
-#include "TspServer.hpp"
-#include "WLExperimentKind.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "tsp_server/TspServer.hpp"
+#include "wattline/WLExperimentKind.hpp"
 
 namespace ostrand {
 

@@ -21,13 +21,13 @@
 #include <thread>
 #include <vector>
 
-#include "CapstoneDisasmManager.hpp"
-#include "ElfSymbolManager.hpp"
-#include "ExitCodes.hpp"
-#include "HostConnection.hpp"
-#include "ModuleLoader.hpp"
-#include "ShellSim.hpp"
-#include "Subcommands.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "kit/HostConnection.hpp"
+#include "kit/ModuleLoader.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/ShellSim.hpp"
+#include "ostrand/Subcommands.hpp"
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"

@@ -1,4 +1,4 @@
-#include "ShellSim.hpp"
+#include "ostrand/ShellSim.hpp"
 
 #include <dlfcn.h>
 #include <json/json.h>

@@ -1,8 +1,8 @@
-#include "SymbolTools.hpp"
+#include "ostrand/SymbolTools.hpp"
 
 #include <charconv>
 
-#include "HostApis.hpp"
+#include "source_utilities/HostApis.hpp"
 
 namespace ostrand {
 

@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "CapstoneDisasmManager.hpp"
-#include "CloudDisasm.hpp"
-#include "ElfSymbolManager.hpp"
-#include "ObjectFileInfo.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "symbols/CloudDisasm.hpp"
+#include "symbols/ObjectFileInfo.hpp"
 
 namespace ostrand {
 

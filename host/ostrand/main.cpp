@@ -5,8 +5,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "ExitCodes.hpp"
-#include "Subcommands.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
 
 namespace {
 

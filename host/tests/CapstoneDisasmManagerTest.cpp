@@ -1,9 +1,9 @@
-#include "CapstoneDisasmManager.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
 
 #include <gtest/gtest.h>
 
-#include "ElfSymbolManager.hpp"
-#include "TargetEnvironment.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "symbols/TargetEnvironment.hpp"
 
 namespace {
 

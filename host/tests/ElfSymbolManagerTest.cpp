@@ -1,4 +1,4 @@
-#include "ElfSymbolManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
 
 #include <gtest/gtest.h>
 

@@ -7,13 +7,13 @@
 #include <iterator>
 #include <random>
 
-#include "DataBrokerRouter.hpp"
-#include "ExitCodes.hpp"
-#include "MTBExperiment.hpp"
-#include "Subcommands.hpp"
-#include "TDFExperiment.hpp"
-#include "WLExperiment.hpp"
-#include "WLStateDecoders.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "experiments/MTBExperiment.hpp"
+#include "experiments/TDFExperiment.hpp"
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
+#include "wattline/WLExperiment.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 namespace {
 

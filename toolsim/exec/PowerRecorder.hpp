@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "ExecStep.hpp"
-#include "WLCaptureGenerator.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 namespace OstrandSim {
 

@@ -1,4 +1,4 @@
-#include "DataBrokerRouter.hpp"
+#include "experiments/DataBrokerRouter.hpp"
 
 #include <fstream>
 #include <iterator>

@@ -15,8 +15,8 @@
 // exception; `path` or `name` missing or not a string throws type error 302.
 #pragma once
 
-#include "DataBroker.hpp"
-#include "EtbRecordStore.hpp"
+#include "experiments/DataBroker.hpp"
+#include "experiments/EtbRecordStore.hpp"
 
 namespace VSKTspServer {
 

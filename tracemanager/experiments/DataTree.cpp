@@ -1,4 +1,4 @@
-#include "DataTree.hpp"
+#include "experiments/DataTree.hpp"
 
 #include <cstdlib>
 

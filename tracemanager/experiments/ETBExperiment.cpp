@@ -1,7 +1,7 @@
-#include "ETBExperiment.hpp"
+#include "experiments/ETBExperiment.hpp"
 
-#include "DataBrokerRouter.hpp"
-#include "Logger.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

@@ -15,8 +15,8 @@
 #include <memory>
 #include <string>
 
-#include "ETBTable.hpp"
-#include "VSKExperiment.hpp"
+#include "experiments/ETBTable.hpp"
+#include "experiments/VSKExperiment.hpp"
 
 namespace VSKTspServer {
 

@@ -1,10 +1,10 @@
-#include "ETBTable.hpp"
+#include "experiments/ETBTable.hpp"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "Logger.hpp"
-#include "TableText.hpp"
+#include "experiments/TableText.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

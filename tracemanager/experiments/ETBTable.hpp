@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
-#include "EtbRecordStore.hpp"
-#include "VSKDataProvider.hpp"
+#include "experiments/EtbRecordStore.hpp"
+#include "experiments/VSKDataProvider.hpp"
 
 namespace VSKTspServer {
 

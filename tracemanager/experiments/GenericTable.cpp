@@ -1,8 +1,8 @@
-#include "GenericTable.hpp"
+#include "experiments/GenericTable.hpp"
 
-#include "Logger.hpp"
-#include "TableLinesWriter.hpp"
-#include "TableText.hpp"
+#include "experiments/TableText.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tsp_server/models/TableLinesWriter.hpp"
 
 namespace VSKTspServer {
 

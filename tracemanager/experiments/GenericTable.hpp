@@ -20,7 +20,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "VSKDataProvider.hpp"
+#include "experiments/VSKDataProvider.hpp"
 
 namespace VSKTspServer {
 

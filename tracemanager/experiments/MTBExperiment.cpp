@@ -1,6 +1,6 @@
-#include "MTBExperiment.hpp"
+#include "experiments/MTBExperiment.hpp"
 
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

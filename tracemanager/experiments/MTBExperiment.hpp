@@ -18,8 +18,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "MTBTable.hpp"
-#include "VSKExperiment.hpp"
+#include "experiments/MTBTable.hpp"
+#include "experiments/VSKExperiment.hpp"
 
 namespace VSKTspServer {
 

@@ -1,4 +1,4 @@
-#include "MTBTable.hpp"
+#include "experiments/MTBTable.hpp"
 
 #include <algorithm>
 #include <initializer_list>
@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "Logger.hpp"
-#include "TableLinesWriter.hpp"
-#include "TableText.hpp"
+#include "experiments/TableText.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tsp_server/models/TableLinesWriter.hpp"
 
 namespace VSKTspServer {
 

@@ -30,7 +30,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "VSKDataProvider.hpp"
+#include "experiments/VSKDataProvider.hpp"
 
 namespace VSKTspServer {
 

@@ -1,6 +1,6 @@
-#include "TDFExperiment.hpp"
+#include "experiments/TDFExperiment.hpp"
 
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

@@ -12,8 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "GenericTable.hpp"
-#include "VSKExperiment.hpp"
+#include "experiments/GenericTable.hpp"
+#include "experiments/VSKExperiment.hpp"
 
 namespace VSKTspServer {
 

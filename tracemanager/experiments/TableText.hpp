@@ -10,7 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "VSKDataProvider.hpp"
+#include "experiments/VSKDataProvider.hpp"
 
 namespace VSKTspServer::table_text {
 

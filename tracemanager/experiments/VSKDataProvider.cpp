@@ -1,10 +1,10 @@
-#include "VSKDataProvider.hpp"
+#include "experiments/VSKDataProvider.hpp"
 
 #include <atomic>
 #include <exception>
 
-#include "CsvWriter.hpp"
-#include "Logger.hpp"
+#include "experiments/CsvWriter.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

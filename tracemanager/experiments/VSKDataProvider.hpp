@@ -20,9 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "TspObjects.hpp"
-#include "TspRequests.hpp"
-#include "TspResponses.hpp"
+#include "tsp_server/models/TspObjects.hpp"
+#include "tsp_server/models/TspRequests.hpp"
+#include "tsp_server/models/TspResponses.hpp"
 
 namespace VSKTspServer {
 

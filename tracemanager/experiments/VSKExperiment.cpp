@@ -1,10 +1,10 @@
-#include "VSKExperiment.hpp"
+#include "experiments/VSKExperiment.hpp"
 
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
-#include "DataTree.hpp"
+#include "experiments/DataTree.hpp"
 
 namespace VSKTspServer {
 

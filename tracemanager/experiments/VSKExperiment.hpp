@@ -18,10 +18,10 @@
 #include <utility>
 #include <vector>
 
-#include "DataBroker.hpp"
-#include "TspObjects.hpp"
-#include "VSKDataProvider.hpp"
-#include "VSKTrace.hpp"
+#include "experiments/DataBroker.hpp"
+#include "experiments/VSKDataProvider.hpp"
+#include "experiments/VSKTrace.hpp"
+#include "tsp_server/models/TspObjects.hpp"
 
 namespace VSKTspServer {
 

@@ -1,11 +1,11 @@
-#include "VSKTrace.hpp"
+#include "experiments/VSKTrace.hpp"
 
 #include <fstream>
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
-#include "DataTree.hpp"
+#include "experiments/DataTree.hpp"
 
 namespace VSKTspServer {
 

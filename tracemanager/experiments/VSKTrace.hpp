@@ -15,7 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "TspObjects.hpp"
+#include "tsp_server/models/TspObjects.hpp"
 
 namespace VSKTspServer {
 

@@ -9,14 +9,14 @@
 #include <mutex>
 #include <new>
 
-#include "HostApis.hpp"
-#include "Logger.hpp"
-#include "OstrandExport.hpp"
-#include "ExperimentKinds.hpp"
-#include "TraceManagerConnection.hpp"
-#include "TspServer.hpp"
-#include "WLExperimentKind.hpp"
-#include "WorkQueue.hpp"
+#include "json_interface/TraceManagerConnection.hpp"
+#include "json_interface/WorkQueue.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/OstrandExport.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "tsp_server/TspServer.hpp"
+#include "wattline/WLExperimentKind.hpp"
 
 namespace {
 

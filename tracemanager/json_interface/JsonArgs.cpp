@@ -1,8 +1,8 @@
-#include "JsonArgs.hpp"
+#include "json_interface/JsonArgs.hpp"
 
 #include <stdexcept>
 
-#include "JsonText.hpp"
+#include "json_interface/JsonText.hpp"
 
 namespace JSONInterface {
 

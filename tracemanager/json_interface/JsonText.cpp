@@ -1,4 +1,4 @@
-#include "JsonText.hpp"
+#include "json_interface/JsonText.hpp"
 
 // The fast writer is marked deprecated by the library, but its output is the
 // wire format clients compare against; it is used here and nowhere else.

@@ -1,5 +1,5 @@
-#include "WorkQueue.hpp"
-#include "promise.hpp"
+#include "json_interface/WorkQueue.hpp"
+#include "json_interface/promise.hpp"
 
 namespace low {
 

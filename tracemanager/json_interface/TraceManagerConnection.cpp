@@ -1,9 +1,9 @@
-#include "TraceManagerConnection.hpp"
+#include "json_interface/TraceManagerConnection.hpp"
 
 #include <algorithm>
 
-#include "Translator.hpp"
-#include "WorkQueue.hpp"
+#include "json_interface/Translator.hpp"
+#include "json_interface/WorkQueue.hpp"
 
 TraceManagerConnection::TraceManagerConnection(HostConnection* host)
     : link_(std::make_shared<HostLink>()) {

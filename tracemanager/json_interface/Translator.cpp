@@ -1,13 +1,13 @@
-#include "Translator.hpp"
+#include "json_interface/Translator.hpp"
 
-#include "CloudTrace.hpp"
-#include "CommonRootObject.hpp"
-#include "JsonArgs.hpp"
-#include "JsonText.hpp"
-#include "Logger.hpp"
-#include "TraceScriptingRootObject.hpp"
-#include "hemlockError.hpp"
+#include "AsyncInterface/source/CloudTrace.hpp"
+#include "AsyncInterface/source/CommonRootObject.hpp"
+#include "AsyncInterface/source/TraceScriptingRootObject.hpp"
+#include "json_interface/JsonArgs.hpp"
+#include "json_interface/JsonText.hpp"
 #include "logging/LoggerFactory.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/hemlockError.hpp"
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"

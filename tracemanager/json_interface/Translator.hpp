@@ -27,7 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "promise.hpp"
+#include "json_interface/promise.hpp"
 
 namespace JSONInterface {
 

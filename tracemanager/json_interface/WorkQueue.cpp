@@ -1,8 +1,8 @@
-#include "WorkQueue.hpp"
+#include "json_interface/WorkQueue.hpp"
 
 #include <exception>
 
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
 
 WorkQueue::WorkQueue() : worker_([this] { run(); }) {}
 

@@ -1,9 +1,9 @@
-#include "CloudDisasm.hpp"
+#include "symbols/CloudDisasm.hpp"
 
 #include <stdexcept>
 
-#include "HostApis.hpp"
-#include "Logger.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace disasm_lite {
 

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "ObjectFileInfo.hpp"
-#include "TargetEnvironment.hpp"
 #include "disasm_lite/DisassemblyManager.hpp"
+#include "symbols/ObjectFileInfo.hpp"
+#include "symbols/TargetEnvironment.hpp"
 
 namespace disasm_lite {
 

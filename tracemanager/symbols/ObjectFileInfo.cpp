@@ -1,4 +1,4 @@
-#include "ObjectFileInfo.hpp"
+#include "symbols/ObjectFileInfo.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -13,8 +13,8 @@
 #include <boost/uuid/detail/sha1.hpp>
 #include <boost/version.hpp>
 
-#include "HostApis.hpp"
-#include "Logger.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "TargetEnvironment.hpp"
+#include "symbols/TargetEnvironment.hpp"
 
 namespace disasm_lite {
 

@@ -1,13 +1,13 @@
-#include "CTRACE.hpp"
+#include "tool_access/CTRACE.hpp"
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 
-#include "CTraceApp.hpp"
-#include "CloudTraceEventHandler.hpp"
-#include "Logger.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudTraceEventHandler.hpp"
 
 using Qx::Nlv::Hemlock::hemlockErrorIF;
 using Qx::Nlv::Trace::ConfigProperty;

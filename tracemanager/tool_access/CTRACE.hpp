@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "ColumnRecord.hpp"
+#include "tool_access/ColumnRecord.hpp"
 #include "trace/ChannelFoundry.hpp"
 #include "trace/CpuInfo.hpp"
 

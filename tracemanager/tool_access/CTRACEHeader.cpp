@@ -10,8 +10,8 @@
 #include <cstring>
 #include <vector>
 
-#include "CTRACE.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTRACE.hpp"
 
 namespace {
 

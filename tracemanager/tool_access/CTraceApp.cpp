@@ -1,14 +1,14 @@
-#include "CTraceApp.hpp"
+#include "tool_access/CTraceApp.hpp"
 
 #include <cstdio>
 #include <cstring>
 #include <exception>
 
-#include "CTRACE.hpp"
-#include "CloudTraceEventHandler.hpp"
-#include "Logger.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
-#include "uDll.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/uDll.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/CloudTraceEventHandler.hpp"
 
 using Qx::Nlv::Hemlock::hemlockErrorIF;
 using Qx::Nlv::Trace::IChannelFoundry;

@@ -15,8 +15,8 @@
 #include <cstdint>
 #include <string>
 
-#include "CloudHemlockNotificationIF.hpp"
 #include "hemlock/ToolEntryPoints.hpp"
+#include "tool_access/CloudHemlockNotificationIF.hpp"
 #include "trace/ChannelFoundry.hpp"
 
 class CTRACE;

@@ -1,9 +1,9 @@
-#include "CloudHLClientBase.hpp"
+#include "tool_access/CloudHLClientBase.hpp"
 
 #include <cstring>
 
-#include "CloudHLError.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHLError.hpp"
 
 using Qx::Nlv::Hemlock::hemlockErrorIF;
 

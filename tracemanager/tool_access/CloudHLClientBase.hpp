@@ -16,8 +16,8 @@
 #include <set>
 #include <string>
 
-#include "CloudHLClientEventIf.hpp"
 #include "hemlock/HLClient.hpp"
+#include "tool_access/CloudHLClientEventIf.hpp"
 
 class CloudHLClientBase : public Qx::Nlv::Hemlock::HLClientBaseIF {
  public:

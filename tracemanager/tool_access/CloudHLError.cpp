@@ -1,4 +1,4 @@
-#include "CloudHLError.hpp"
+#include "tool_access/CloudHLError.hpp"
 
 void CloudHLError::AddDetailedInfo(const char* text) {
   std::string added = text != nullptr ? text : "";

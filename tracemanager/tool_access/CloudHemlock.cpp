@@ -1,4 +1,4 @@
-#include "CloudHemlock.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 #include <atomic>
 #include <cstdio>
@@ -6,19 +6,19 @@
 #include <memory>
 #include <type_traits>
 
-#include "CTRACE.hpp"
-#include "CTraceApp.hpp"
-#include "CloudDisasm.hpp"
-#include "CloudOperation.hpp"
-#include "CloudTraceEventHandler.hpp"
-#include "HostApis.hpp"
-#include "Logger.hpp"
-#include "ObjectFileInfo.hpp"
-#include "Platform.hpp"
-#include "SourceUtilitiesError.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
-#include "uDll.hpp"
-#include "uEnvironment.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/Platform.hpp"
+#include "source_utilities/SourceUtilitiesError.hpp"
+#include "source_utilities/uDll.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "symbols/CloudDisasm.hpp"
+#include "symbols/ObjectFileInfo.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudOperation.hpp"
+#include "tool_access/CloudTraceEventHandler.hpp"
 
 
 namespace {

@@ -35,12 +35,12 @@
 #include <string>
 #include <vector>
 
-#include "CloudHemlockNotificationIF.hpp"
-#include "TraceLookupCaches.hpp"
 #include "hemlock/CleanupRegistry.hpp"
 #include "hemlock/TargetAdapter.hpp"
 #include "hemlock/ToolEntryPoints.hpp"
 #include "logging/ILoggerContext.hpp"
+#include "tool_access/CloudHemlockNotificationIF.hpp"
+#include "tool_access/TraceLookupCaches.hpp"
 #include "xevt/Session.hpp"
 
 class CloudOperation;

@@ -4,12 +4,12 @@
 
 #include <vector>
 
-#include "CTraceApp.hpp"
-#include "CloudHemlock.hpp"
-#include "CloudHemlockSession.hpp"
-#include "Logger.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
-#include "uEnvironment.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudHemlock.hpp"
+#include "tool_access/CloudHemlockSession.hpp"
 
 using Qx::Nlv::Hemlock::hemlockErrorIF;
 using Qx::Nlv::Hemlock::ITargetAdapter;

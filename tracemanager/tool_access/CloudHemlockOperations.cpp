@@ -7,17 +7,17 @@
 #include <exception>
 #include <vector>
 
-#include "CTRACE.hpp"
-#include "CTraceApp.hpp"
-#include "CloudDisasm.hpp"
-#include "CloudHemlock.hpp"
-#include "CloudHemlockSession.hpp"
-#include "CloudOperation.hpp"
-#include "HostApis.hpp"
-#include "Logger.hpp"
-#include "ObjectFileInfo.hpp"
-#include "SourceUtilitiesError.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/SourceUtilitiesError.hpp"
+#include "symbols/CloudDisasm.hpp"
+#include "symbols/ObjectFileInfo.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudHemlock.hpp"
+#include "tool_access/CloudHemlockSession.hpp"
+#include "tool_access/CloudOperation.hpp"
 
 using Qx::Nlv::Hemlock::hemlockErrorIF;
 using Qx::Nlv::Xevt::IOperationServer;

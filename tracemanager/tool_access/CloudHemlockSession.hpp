@@ -4,7 +4,7 @@
 // the tool gate.
 #pragma once
 
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
 #include "xevt/Session.hpp"
 
 class CloudHemlockSession {

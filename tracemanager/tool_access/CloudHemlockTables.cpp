@@ -3,13 +3,13 @@
 // TdfTableReader, InstructionTraceDecoder).
 #include <stdexcept>
 
-#include "CTRACE.hpp"
-#include "CTraceApp.hpp"
-#include "CloudHemlock.hpp"
-#include "HostApis.hpp"
-#include "InstructionTraceDecoder.hpp"
-#include "Logger.hpp"
-#include "TdfTableReader.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudHemlock.hpp"
+#include "tool_access/InstructionTraceDecoder.hpp"
+#include "tool_access/TdfTableReader.hpp"
 #include "xevt/Device.hpp"
 #include "xevt/Session.hpp"
 

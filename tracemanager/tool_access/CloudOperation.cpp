@@ -1,7 +1,7 @@
-#include "CloudOperation.hpp"
+#include "tool_access/CloudOperation.hpp"
 
-#include "CloudDisasm.hpp"
-#include "ObjectFileInfo.hpp"
+#include "symbols/CloudDisasm.hpp"
+#include "symbols/ObjectFileInfo.hpp"
 
 namespace {
 

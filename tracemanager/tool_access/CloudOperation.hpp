@@ -22,9 +22,9 @@
 #include <string>
 #include <vector>
 
-#include "ColumnInfo.hpp"
-#include "ColumnProcessing.hpp"
-#include "TraceChunk.hpp"
+#include "tool_access/ColumnInfo.hpp"
+#include "tool_access/ColumnProcessing.hpp"
+#include "tool_access/TraceChunk.hpp"
 #include "xevt/Operation.hpp"
 
 class ObjectFileInfo;

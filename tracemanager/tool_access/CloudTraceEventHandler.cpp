@@ -1,11 +1,11 @@
-#include "CloudTraceEventHandler.hpp"
+#include "tool_access/CloudTraceEventHandler.hpp"
 
 #include <exception>
 #include <functional>
 #include <thread>
 
-#include "Logger.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace {
 

@@ -15,9 +15,9 @@
 #include <memory>
 #include <string>
 
-#include "CloudHemlockNotificationIF.hpp"
+#include "source_utilities/uMutex.hpp"
+#include "tool_access/CloudHemlockNotificationIF.hpp"
 #include "trace/ChannelClient.hpp"
-#include "uMutex.hpp"
 
 class CloudTraceEventHandler : public Qx::Nlv::Trace::ChannelClient,
                                public Qx::Nlv::Trace::CDeviceConfigEvents {

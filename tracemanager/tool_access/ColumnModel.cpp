@@ -1,4 +1,4 @@
-#include "ColumnModel.hpp"
+#include "tool_access/ColumnModel.hpp"
 
 #include <charconv>
 

@@ -14,9 +14,9 @@
 #include <map>
 #include <string>
 
-#include "ColumnInfo.hpp"
-#include "ColumnProcessing.hpp"
-#include "TraceChunk.hpp"
+#include "tool_access/ColumnInfo.hpp"
+#include "tool_access/ColumnProcessing.hpp"
+#include "tool_access/TraceChunk.hpp"
 
 inline constexpr int32_t kTraceChunkRows = 32768;
 

@@ -1,9 +1,9 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "CTRACE.hpp"
-#include "InstructionTraceDecoder.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/InstructionTraceDecoder.hpp"
 
 namespace {
 

@@ -22,8 +22,8 @@
 #include <cstdint>
 #include <string>
 
-#include "EtbRecordStore.hpp"
-#include "TraceTableReader.hpp"
+#include "experiments/EtbRecordStore.hpp"
+#include "tool_access/TraceTableReader.hpp"
 
 inline constexpr uint32_t kMtbBufferRows = 16384;
 

@@ -1,8 +1,8 @@
 #include <array>
 
-#include "CTRACE.hpp"
-#include "InstructionTraceDecoder.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/InstructionTraceDecoder.hpp"
 
 namespace {
 

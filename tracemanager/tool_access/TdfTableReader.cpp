@@ -1,9 +1,9 @@
-#include "TdfTableReader.hpp"
+#include "tool_access/TdfTableReader.hpp"
 
 #include <stdexcept>
 
-#include "CTRACE.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTRACE.hpp"
 
 namespace {
 

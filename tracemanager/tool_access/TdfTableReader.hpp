@@ -21,7 +21,7 @@
 
 #include <functional>
 
-#include "TraceTableReader.hpp"
+#include "tool_access/TraceTableReader.hpp"
 
 int readTdfTable(TraceReadContext& context, Json::Value& data,
                  const std::function<void()>& findProgram);

@@ -1,4 +1,4 @@
-#include "TraceLookupCaches.hpp"
+#include "tool_access/TraceLookupCaches.hpp"
 
 namespace {
 const FunctionInfo kNoFunction;

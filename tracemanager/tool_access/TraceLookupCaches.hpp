@@ -14,8 +14,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "CloudDisasm.hpp"
-#include "ObjectFileInfo.hpp"
+#include "symbols/CloudDisasm.hpp"
+#include "symbols/ObjectFileInfo.hpp"
 
 struct FunctionInfo {
   std::string function;

@@ -1,11 +1,11 @@
-#include "TraceTableReader.hpp"
+#include "tool_access/TraceTableReader.hpp"
 
 #include <algorithm>
 #include <cctype>
 #include <new>
 
-#include "CTRACE.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CTRACE.hpp"
 
 namespace {
 

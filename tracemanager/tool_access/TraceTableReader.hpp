@@ -17,9 +17,9 @@
 #include <memory>
 #include <string>
 
-#include "CloudOperation.hpp"
-#include "ColumnModel.hpp"
-#include "TraceLookupCaches.hpp"
+#include "tool_access/CloudOperation.hpp"
+#include "tool_access/ColumnModel.hpp"
+#include "tool_access/TraceLookupCaches.hpp"
 
 class CTRACE;
 

@@ -1,11 +1,11 @@
-#include "ExperimentKinds.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
 
 #include <map>
 #include <mutex>
 
-#include "ETBExperiment.hpp"
-#include "MTBExperiment.hpp"
-#include "TDFExperiment.hpp"
+#include "experiments/ETBExperiment.hpp"
+#include "experiments/MTBExperiment.hpp"
+#include "experiments/TDFExperiment.hpp"
 
 namespace VSKTspServer {
 

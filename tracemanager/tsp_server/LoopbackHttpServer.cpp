@@ -1,4 +1,4 @@
-#include "LoopbackHttpServer.hpp"
+#include "tsp_server/LoopbackHttpServer.hpp"
 
 #include <netdb.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "MetadataDiscovery.hpp"
+#include "tsp_server/MetadataDiscovery.hpp"
 
 #include <sys/stat.h>
 
@@ -7,8 +7,8 @@
 #include <iostream>
 #include <stdexcept>
 
-#include "DataTree.hpp"
-#include "Logger.hpp"
+#include "experiments/DataTree.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

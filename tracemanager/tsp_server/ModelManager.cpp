@@ -1,16 +1,16 @@
-#include "ModelManager.hpp"
+#include "tsp_server/ModelManager.hpp"
 
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
 
-#include "DataBrokerRouter.hpp"
-#include "DataTree.hpp"
-#include "ExperimentKinds.hpp"
-#include "Logger.hpp"
-#include "MetadataDiscovery.hpp"
-#include "VSKExperiment.hpp"
-#include "VSKTrace.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "experiments/DataTree.hpp"
+#include "experiments/VSKExperiment.hpp"
+#include "experiments/VSKTrace.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "tsp_server/MetadataDiscovery.hpp"
 
 namespace VSKTspServer {
 

@@ -1,4 +1,4 @@
-#include "RequestGuard.hpp"
+#include "tsp_server/RequestGuard.hpp"
 
 #include <algorithm>
 #include <array>

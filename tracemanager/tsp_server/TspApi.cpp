@@ -1,4 +1,4 @@
-#include "TspApi.hpp"
+#include "tsp_server/TspApi.hpp"
 
 #include <httplib.h>
 
@@ -7,17 +7,17 @@
 #include <string>
 #include <utility>
 
-#include "DataTree.hpp"
-#include "Logger.hpp"
-#include "ModelManager.hpp"
-#include "TableLinesWriter.hpp"
-#include "TspObjects.hpp"
-#include "TspRequests.hpp"
-#include "TspResponses.hpp"
-#include "TspServer.hpp"
-#include "VSKDataProvider.hpp"
-#include "VSKExperiment.hpp"
-#include "VSKTrace.hpp"
+#include "experiments/DataTree.hpp"
+#include "experiments/VSKDataProvider.hpp"
+#include "experiments/VSKExperiment.hpp"
+#include "experiments/VSKTrace.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tsp_server/ModelManager.hpp"
+#include "tsp_server/TspServer.hpp"
+#include "tsp_server/models/TableLinesWriter.hpp"
+#include "tsp_server/models/TspObjects.hpp"
+#include "tsp_server/models/TspRequests.hpp"
+#include "tsp_server/models/TspResponses.hpp"
 
 namespace VSKTspServer::TspApi {
 

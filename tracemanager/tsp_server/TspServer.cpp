@@ -1,4 +1,4 @@
-#include "TspServer.hpp"
+#include "tsp_server/TspServer.hpp"
 
 #include <arpa/inet.h>
 #include <malloc.h>
@@ -16,12 +16,12 @@
 #include <utility>
 #include <vector>
 
-#include "Logger.hpp"
-#include "LoopbackHttpServer.hpp"
-#include "ModelManager.hpp"
-#include "RequestGuard.hpp"
-#include "TspApi.hpp"
-#include "uEnvironment.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "tsp_server/LoopbackHttpServer.hpp"
+#include "tsp_server/ModelManager.hpp"
+#include "tsp_server/RequestGuard.hpp"
+#include "tsp_server/TspApi.hpp"
 
 namespace VSKTspServer {
 

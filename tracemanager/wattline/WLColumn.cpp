@@ -1,4 +1,4 @@
-#include "WLColumn.hpp"
+#include "wattline/WLColumn.hpp"
 
 #include <sys/mman.h>
 

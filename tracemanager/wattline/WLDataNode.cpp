@@ -1,4 +1,4 @@
-#include "WLDataNode.hpp"
+#include "wattline/WLDataNode.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,11 +10,11 @@
 #include <functional>
 #include <stdexcept>
 
-#include "WLRecordDecoder.hpp"
-#include "WLStateDecoders.hpp"
-#include "WLStreamSource.hpp"
-#include "WLStreamStats.hpp"
-#include "WLTwoStages.hpp"
+#include "wattline/WLRecordDecoder.hpp"
+#include "wattline/WLStateDecoders.hpp"
+#include "wattline/WLStreamSource.hpp"
+#include "wattline/WLStreamStats.hpp"
+#include "wattline/WLTwoStages.hpp"
 
 namespace VSKTspServer {
 

@@ -41,7 +41,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "WLColumn.hpp"
+#include "wattline/WLColumn.hpp"
 
 namespace VSKTspServer {
 

@@ -1,13 +1,13 @@
-#include "WLExperiment.hpp"
+#include "wattline/WLExperiment.hpp"
 
 #include <sys/stat.h>
 
 #include <fstream>
 
-#include "DataTree.hpp"
-#include "Logger.hpp"
-#include "TspRequests.hpp"
-#include "WLStateDecoders.hpp"
+#include "experiments/DataTree.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tsp_server/models/TspRequests.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 namespace VSKTspServer {
 

@@ -22,10 +22,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "VSKExperiment.hpp"
-#include "WLDataNode.hpp"
-#include "WLStateGraph.hpp"
-#include "WLViews.hpp"
+#include "experiments/VSKExperiment.hpp"
+#include "wattline/WLDataNode.hpp"
+#include "wattline/WLStateGraph.hpp"
+#include "wattline/WLViews.hpp"
 
 namespace VSKTspServer {
 

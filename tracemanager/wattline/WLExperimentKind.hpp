@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "WLExperiment.hpp"
+#include "wattline/WLExperiment.hpp"
 
 namespace VSKTspServer {
 

@@ -1,4 +1,4 @@
-#include "WLRecordDecoder.hpp"
+#include "wattline/WLRecordDecoder.hpp"
 
 #include <algorithm>
 

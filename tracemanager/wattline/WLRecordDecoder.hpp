@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "WLStreamStats.hpp"
+#include "wattline/WLStreamStats.hpp"
 
 namespace VSKTspServer {
 

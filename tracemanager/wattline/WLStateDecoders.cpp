@@ -1,11 +1,11 @@
-#include "WLStateDecoders.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
 
-#include "TspRequests.hpp"
+#include "tsp_server/models/TspRequests.hpp"
 
 namespace VSKTspServer {
 

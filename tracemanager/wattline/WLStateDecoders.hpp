@@ -21,7 +21,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "WLDataNode.hpp"
+#include "wattline/WLDataNode.hpp"
 
 namespace VSKTspServer {
 

@@ -1,9 +1,9 @@
-#include "WLStateGraph.hpp"
+#include "wattline/WLStateGraph.hpp"
 
 #include <algorithm>
 
-#include "Logger.hpp"
-#include "WLStateDecoders.hpp"
+#include "source_utilities/Logger.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 namespace VSKTspServer {
 

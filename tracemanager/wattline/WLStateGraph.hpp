@@ -26,8 +26,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "VSKDataProvider.hpp"
-#include "WLDataNode.hpp"
+#include "experiments/VSKDataProvider.hpp"
+#include "wattline/WLDataNode.hpp"
 
 namespace VSKTspServer {
 

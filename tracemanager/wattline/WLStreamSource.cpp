@@ -1,4 +1,4 @@
-#include "WLStreamSource.hpp"
+#include "wattline/WLStreamSource.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>

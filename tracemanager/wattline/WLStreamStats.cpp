@@ -1,4 +1,4 @@
-#include "WLStreamStats.hpp"
+#include "wattline/WLStreamStats.hpp"
 
 #include <algorithm>
 #include <cstring>

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "WLDataNode.hpp"
+#include "wattline/WLDataNode.hpp"
 
 namespace VSKTspServer {
 

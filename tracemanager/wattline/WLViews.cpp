@@ -1,4 +1,4 @@
-#include "WLViews.hpp"
+#include "wattline/WLViews.hpp"
 
 #include <algorithm>
 #include <cinttypes>
@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <exception>
 
-#include "CsvWriter.hpp"
-#include "Logger.hpp"
+#include "experiments/CsvWriter.hpp"
+#include "source_utilities/Logger.hpp"
 
 namespace VSKTspServer {
 

@@ -24,8 +24,8 @@
 #include <string>
 #include <vector>
 
-#include "VSKDataProvider.hpp"
-#include "WLDataNode.hpp"
+#include "experiments/VSKDataProvider.hpp"
+#include "wattline/WLDataNode.hpp"
 
 namespace VSKTspServer {
 

@@ -1,4 +1,4 @@
-#include "HostApis.hpp"
+#include "source_utilities/HostApis.hpp"
 
 #include <atomic>
 

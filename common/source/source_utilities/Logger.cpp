@@ -1,12 +1,12 @@
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
 
 #include <cstdlib>
 #include <new>
 #include <exception>
 
-#include "Platform.hpp"
-#include "uEnvironment.hpp"
-#include "uTime.hpp"
+#include "source_utilities/Platform.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "source_utilities/uTime.hpp"
 
 namespace {
 

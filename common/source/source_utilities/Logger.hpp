@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "uLogger.hpp"
+#include "source_utilities/uLogger.hpp"
 
 class Logger {
  public:

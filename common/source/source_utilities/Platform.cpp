@@ -1,4 +1,4 @@
-#include "Platform.hpp"
+#include "source_utilities/Platform.hpp"
 
 #include <dlfcn.h>
 #include <sys/statvfs.h>

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "OstrandExport.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
+#include "source_utilities/OstrandExport.hpp"
 
 namespace Qx::Nlv::Hemlock {
 

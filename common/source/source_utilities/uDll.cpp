@@ -1,4 +1,4 @@
-#include "uDll.hpp"
+#include "source_utilities/uDll.hpp"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -7,9 +7,9 @@
 #include <climits>
 #include <cstdlib>
 
-#include "Logger.hpp"
-#include "Platform.hpp"
-#include "uEnvironment.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/Platform.hpp"
+#include "source_utilities/uEnvironment.hpp"
 
 namespace QX_NLV {
 

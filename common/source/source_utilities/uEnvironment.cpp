@@ -1,4 +1,4 @@
-#include "uEnvironment.hpp"
+#include "source_utilities/uEnvironment.hpp"
 
 #include <unistd.h>
 
@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <mutex>
 
-#include "Platform.hpp"
-#include "SourceUtilitiesError.hpp"
+#include "source_utilities/Platform.hpp"
+#include "source_utilities/SourceUtilitiesError.hpp"
 
 namespace QX_NLV {
 

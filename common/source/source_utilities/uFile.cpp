@@ -1,4 +1,4 @@
-#include "uFile.hpp"
+#include "source_utilities/uFile.hpp"
 
 namespace QX_NLV {
 

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "uMutex.hpp"
+#include "source_utilities/uMutex.hpp"
 
 namespace QX_NLV {
 

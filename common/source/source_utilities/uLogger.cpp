@@ -1,9 +1,9 @@
-#include "uLogger.hpp"
+#include "source_utilities/uLogger.hpp"
 
 #include <cstdio>
 #include <cstring>
 
-#include "uTime.hpp"
+#include "source_utilities/uTime.hpp"
 
 namespace QX_NLV {
 

@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
-#include "uFile.hpp"
-#include "uMutex.hpp"
+#include "source_utilities/uFile.hpp"
+#include "source_utilities/uMutex.hpp"
 
 namespace QX_NLV {
 

@@ -1,4 +1,4 @@
-#include "uMutex.hpp"
+#include "source_utilities/uMutex.hpp"
 
 namespace QX_NLV {
 

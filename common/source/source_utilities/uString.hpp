@@ -6,7 +6,7 @@
 #include <ios>
 #include <string>
 
-#include "SourceUtilitiesError.hpp"
+#include "source_utilities/SourceUtilitiesError.hpp"
 
 namespace QX_NLV {
 

@@ -1,4 +1,4 @@
-#include "uTime.hpp"
+#include "source_utilities/uTime.hpp"
 
 #include <chrono>
 #include <cstdio>

@@ -10,8 +10,8 @@
 #include <nlohmann/json.hpp>
 
 #include "ExecTestSupport.hpp"
-#include "WLDataNode.hpp"
-#include "WLStateDecoders.hpp"
+#include "wattline/WLDataNode.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 namespace OstrandSim {
 namespace {

@@ -1,15 +1,15 @@
-#include "CloudTrace.hpp"
+#include "AsyncInterface/source/CloudTrace.hpp"
 
 #include <boost/thread/lock_guard.hpp>
 #include <mutex>
 #include <stdexcept>
 
-#include "CloudHemlock.hpp"
-#include "JsonArgs.hpp"
-#include "LocalOpManager.hpp"
-#include "Logger.hpp"
-#include "Translator.hpp"
-#include "uEnvironment.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "json_interface/JsonArgs.hpp"
+#include "json_interface/Translator.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"

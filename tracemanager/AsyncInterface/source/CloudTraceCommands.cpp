@@ -4,10 +4,10 @@
 #include <boost/thread/lock_guard.hpp>
 #include <mutex>
 
-#include "CloudTrace.hpp"
-#include "JsonArgs.hpp"
-#include "LocalOpManager.hpp"
-#include "Translator.hpp"
+#include "AsyncInterface/source/CloudTrace.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "json_interface/JsonArgs.hpp"
+#include "json_interface/Translator.hpp"
 
 namespace AsyncInterface {
 

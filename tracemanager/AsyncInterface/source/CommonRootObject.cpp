@@ -1,6 +1,6 @@
-#include "CommonRootObject.hpp"
+#include "AsyncInterface/source/CommonRootObject.hpp"
 
-#include "Translator.hpp"
+#include "json_interface/Translator.hpp"
 
 namespace AsyncInterface {
 

@@ -1,10 +1,10 @@
-#include "ScriptingConfig.hpp"
+#include "AsyncInterface/source/ScriptingConfig.hpp"
 
 #include <stdexcept>
 
-#include "JsonArgs.hpp"
-#include "JsonText.hpp"
-#include "uString.hpp"
+#include "json_interface/JsonArgs.hpp"
+#include "json_interface/JsonText.hpp"
+#include "source_utilities/uString.hpp"
 
 namespace AsyncInterface::Scripting {
 

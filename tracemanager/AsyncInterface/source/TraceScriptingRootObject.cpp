@@ -1,13 +1,13 @@
-#include "TraceScriptingRootObject.hpp"
+#include "AsyncInterface/source/TraceScriptingRootObject.hpp"
 
 #include <mutex>
 #include <stdexcept>
 
-#include "JsonArgs.hpp"
-#include "JsonText.hpp"
-#include "LocalOpManager.hpp"
-#include "ScriptingConfig.hpp"
-#include "Translator.hpp"
+#include "AsyncInterface/source/ScriptingConfig.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "json_interface/JsonArgs.hpp"
+#include "json_interface/JsonText.hpp"
+#include "json_interface/Translator.hpp"
 
 namespace AsyncInterface::Scripting {
 

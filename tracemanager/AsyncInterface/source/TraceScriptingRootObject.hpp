@@ -7,7 +7,7 @@
 // Worker thread only.
 #pragma once
 
-#include "CloudTrace.hpp"
+#include "AsyncInterface/source/CloudTrace.hpp"
 
 namespace AsyncInterface::Scripting {
 

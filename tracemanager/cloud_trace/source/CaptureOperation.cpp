@@ -1,11 +1,11 @@
-#include "CaptureOperation.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
 
 #include <ctime>
 #include <fstream>
 #include <utility>
 
-#include "DataBroker.hpp"
-#include "Logger.hpp"
+#include "experiments/DataBroker.hpp"
+#include "source_utilities/Logger.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

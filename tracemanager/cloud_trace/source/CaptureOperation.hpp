@@ -23,8 +23,8 @@
 #include <cstdint>
 #include <string>
 
-#include "LocalOpManager.hpp"
-#include "promise.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "json_interface/promise.hpp"
 
 class LocalOpManager::CaptureOperation {
  public:

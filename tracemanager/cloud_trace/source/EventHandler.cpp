@@ -1,12 +1,12 @@
-#include "EventHandler.hpp"
+#include "cloud_trace/source/EventHandler.hpp"
 
 #include <cstdio>
 #include <exception>
 
-#include "CloudHLClientBase.hpp"
-#include "LocalOpManager.hpp"
-#include "Logger.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHLClientBase.hpp"
 
 namespace {
 

@@ -35,10 +35,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "CloudHLClientEventIf.hpp"
-#include "CloudHemlockNotificationIF.hpp"
 #include "hemlock/ToolEntryPoints.hpp"
-#include "uDll.hpp"
+#include "source_utilities/uDll.hpp"
+#include "tool_access/CloudHLClientEventIf.hpp"
+#include "tool_access/CloudHemlockNotificationIF.hpp"
 
 class CloudHLClientBase;
 class LocalOpManager;

@@ -1,7 +1,7 @@
 // LocalOpManager: life, settings, the trace server and the commands that arm
 // and disarm captures. The tool-event side is in LocalOpManagerEvents.cpp,
 // routes and directories in TraceRoutes.cpp.
-#include "LocalOpManager.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
 
 #include <boost/filesystem.hpp>
 #include <chrono>
@@ -11,18 +11,18 @@
 #include <stdexcept>
 #include <thread>
 
-#include "CaptureOperation.hpp"
-#include "CloudHemlock.hpp"
-#include "EventHandler.hpp"
-#include "ExperimentKinds.hpp"
-#include "Logger.hpp"
-#include "TspServer.hpp"
-#include "MtbCaptureOperation.hpp"
-#include "TdfCaptureOperation.hpp"
-#include "WLCaptureOperation.hpp"
-#include "WLExperimentKind.hpp"
-#include "uDll.hpp"
-#include "uEnvironment.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
+#include "cloud_trace/source/EventHandler.hpp"
+#include "cloud_trace/source/MtbCaptureOperation.hpp"
+#include "cloud_trace/source/TdfCaptureOperation.hpp"
+#include "cloud_trace/source/WLCaptureOperation.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/uDll.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "tool_access/CloudHemlock.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "tsp_server/TspServer.hpp"
+#include "wattline/WLExperimentKind.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

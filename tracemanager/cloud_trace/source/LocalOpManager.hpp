@@ -43,7 +43,7 @@
 #include <tuple>
 #include <vector>
 
-#include "promise.hpp"
+#include "json_interface/promise.hpp"
 
 class CloudHemlock;
 class EventHandler;

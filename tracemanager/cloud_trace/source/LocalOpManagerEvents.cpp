@@ -2,11 +2,11 @@
 // threads through EventHandler, and on the file-capture thread.
 #include <mutex>
 
-#include "CaptureOperation.hpp"
-#include "CloudHemlock.hpp"
-#include "LocalOpManager.hpp"
-#include "Logger.hpp"
-#include "TspServer.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHemlock.hpp"
+#include "tsp_server/TspServer.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -1,11 +1,11 @@
-#include "MtbCaptureOperation.hpp"
+#include "cloud_trace/source/MtbCaptureOperation.hpp"
 
 #include <mutex>
 #include <stdexcept>
 #include <utility>
 
-#include "CloudHemlock.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 using Mtb = LocalOpManager::MtbCaptureOperation;
 

@@ -12,7 +12,7 @@
 // placeholder metadata on disk.
 #pragma once
 
-#include "CaptureOperation.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
 
 class LocalOpManager::MtbCaptureOperation : public LocalOpManager::CaptureOperation {
  public:

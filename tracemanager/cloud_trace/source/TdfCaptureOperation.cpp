@@ -1,4 +1,4 @@
-#include "TdfCaptureOperation.hpp"
+#include "cloud_trace/source/TdfCaptureOperation.hpp"
 
 #include <cctype>
 #include <filesystem>
@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "CloudHemlock.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHemlock.hpp"
 #include "xevt/Session.hpp"
 
 using Tdf = LocalOpManager::TdfCaptureOperation;

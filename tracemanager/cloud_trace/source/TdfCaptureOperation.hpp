@@ -14,7 +14,7 @@
 // "Invalid TDF file name: " or "Failed to create operation: ".
 #pragma once
 
-#include "CaptureOperation.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
 
 namespace Qx::Nlv::Xevt {
 class ISession;

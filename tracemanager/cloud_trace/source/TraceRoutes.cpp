@@ -6,11 +6,11 @@
 #include <boost/filesystem.hpp>
 #include <mutex>
 
-#include "CaptureOperation.hpp"
-#include "CloudHemlock.hpp"
-#include "LocalOpManager.hpp"
-#include "Logger.hpp"
-#include "uEnvironment.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "source_utilities/Logger.hpp"
+#include "source_utilities/uEnvironment.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -1,4 +1,4 @@
-#include "WLCaptureOperation.hpp"
+#include "cloud_trace/source/WLCaptureOperation.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "CloudHemlock.hpp"
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 using WL = LocalOpManager::WLCaptureOperation;
 

@@ -9,7 +9,7 @@
 // no tool lock (it only moves files).
 #pragma once
 
-#include "CaptureOperation.hpp"
+#include "cloud_trace/source/CaptureOperation.hpp"
 
 class LocalOpManager::WLCaptureOperation : public LocalOpManager::CaptureOperation {
  public:

@@ -1,4 +1,4 @@
-#include "SampleCaptures.hpp"
+#include "experiments/generator/SampleCaptures.hpp"
 
 namespace VSKTspServer::samples {
 

@@ -1,4 +1,4 @@
-#include "CsvWriter.hpp"
+#include "experiments/CsvWriter.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include "DataBrokerRouter.hpp"
+#include "experiments/DataBrokerRouter.hpp"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include "TestSupport.hpp"
-#include "VSKTrace.hpp"
+#include "experiments/VSKTrace.hpp"
 
 namespace VSKTspServer {
 namespace {

@@ -1,10 +1,10 @@
-#include "VSKDataProvider.hpp"
+#include "experiments/VSKDataProvider.hpp"
 
 #include <gtest/gtest.h>
 
-#include "CsvWriter.hpp"
 #include "TestSupport.hpp"
-#include "VSKExperiment.hpp"
+#include "experiments/CsvWriter.hpp"
+#include "experiments/VSKExperiment.hpp"
 
 namespace VSKTspServer {
 namespace {

@@ -1,12 +1,12 @@
-#include "ETBExperiment.hpp"
+#include "experiments/ETBExperiment.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 
-#include "DataBrokerRouter.hpp"
 #include "TestSupport.hpp"
+#include "experiments/DataBrokerRouter.hpp"
 
 namespace VSKTspServer {
 namespace {

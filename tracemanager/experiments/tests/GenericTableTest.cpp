@@ -1,10 +1,10 @@
-#include "GenericTable.hpp"
+#include "experiments/GenericTable.hpp"
 
 #include <gtest/gtest.h>
 
-#include "DataBrokerRouter.hpp"
-#include "TDFExperiment.hpp"
 #include "TestSupport.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "experiments/TDFExperiment.hpp"
 
 namespace VSKTspServer {
 namespace {

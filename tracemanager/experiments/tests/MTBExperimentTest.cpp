@@ -1,9 +1,9 @@
-#include "MTBExperiment.hpp"
+#include "experiments/MTBExperiment.hpp"
 
 #include <gtest/gtest.h>
 
-#include "DataBrokerRouter.hpp"
 #include "TestSupport.hpp"
+#include "experiments/DataBrokerRouter.hpp"
 
 namespace VSKTspServer {
 namespace {

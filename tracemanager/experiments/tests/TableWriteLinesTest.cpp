@@ -4,12 +4,12 @@
 // the error to getLines.
 #include <gtest/gtest.h>
 
-#include "GenericTable.hpp"
-#include "MTBExperiment.hpp"
-#include "MTBTable.hpp"
-#include "TableLinesWriter.hpp"
-#include "DataBrokerRouter.hpp"
 #include "TestSupport.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "experiments/GenericTable.hpp"
+#include "experiments/MTBExperiment.hpp"
+#include "experiments/MTBTable.hpp"
+#include "tsp_server/models/TableLinesWriter.hpp"
 
 namespace VSKTspServer {
 namespace {

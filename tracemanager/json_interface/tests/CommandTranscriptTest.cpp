@@ -10,7 +10,7 @@
 
 #include "TestSink.hpp"
 #include "TestSupport.hpp"
-#include "Translator.hpp"
+#include "json_interface/Translator.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "promise.hpp"
+#include "json_interface/promise.hpp"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "ScriptingConfig.hpp"
+#include "AsyncInterface/source/ScriptingConfig.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

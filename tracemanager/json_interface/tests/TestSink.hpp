@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Translator.hpp"
+#include "json_interface/Translator.hpp"
 
 class TestSink {
  public:

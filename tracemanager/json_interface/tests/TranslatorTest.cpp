@@ -1,4 +1,4 @@
-#include "Translator.hpp"
+#include "json_interface/Translator.hpp"
 
 #include <gtest/gtest.h>
 #include <json/json.h>

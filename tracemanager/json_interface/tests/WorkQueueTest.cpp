@@ -1,4 +1,4 @@
-#include "WorkQueue.hpp"
+#include "json_interface/WorkQueue.hpp"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "promise.hpp"
+#include "json_interface/promise.hpp"
 
 TEST(WorkQueueTest, RunsTasksInPostingOrderOnOneThread) {
   WorkQueue queue;

@@ -1,9 +1,9 @@
-#include "CloudDisasm.hpp"
+#include "symbols/CloudDisasm.hpp"
 
 #include <gtest/gtest.h>
 
 #include "FakeSymbolManager.hpp"
-#include "HostApis.hpp"
+#include "source_utilities/HostApis.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "ObjectFileInfo.hpp"
+#include "symbols/ObjectFileInfo.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,8 +7,8 @@
 #include <fstream>
 
 #include "FakeSymbolManager.hpp"
-#include "HostApis.hpp"
 #include "TestSupport.hpp"
+#include "source_utilities/HostApis.hpp"
 
 namespace fs = std::filesystem;
 

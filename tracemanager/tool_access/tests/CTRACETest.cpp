@@ -1,6 +1,6 @@
 // The .tdf header reader and the decoder wrapper, on headers written here
 // and a decoder library made in the test.
-#include "CTRACE.hpp"
+#include "tool_access/CTRACE.hpp"
 
 #include <gtest/gtest.h>
 
@@ -9,9 +9,9 @@
 #include <fstream>
 #include <functional>
 
-#include "CTraceApp.hpp"
 #include "FakeDecoderLibrary.hpp"
 #include "TdfWriter.hpp"
+#include "tool_access/CTraceApp.hpp"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,6 @@
 // The tool client's registration rules and event routing, against managers
 // made in the test; and the tool error object it throws.
-#include "CloudHLClientBase.hpp"
+#include "tool_access/CloudHLClientBase.hpp"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <set>
 #include <utility>
 
-#include "CloudHLError.hpp"
+#include "tool_access/CloudHLError.hpp"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // install tree gives (each required library and entry point missing in
 // turn, each in a process of its own), and the gate's operations on the
 // default scenario.
-#include "CloudHemlock.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -12,8 +12,8 @@
 #include <functional>
 #include <thread>
 
-#include "SourceUtilitiesError.hpp"
 #include "ToolInstall.hpp"
+#include "source_utilities/SourceUtilitiesError.hpp"
 
 namespace fs = std::filesystem;
 

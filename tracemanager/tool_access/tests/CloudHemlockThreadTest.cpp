@@ -9,13 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "CTRACE.hpp"
-#include "CTraceApp.hpp"
-#include "CloudHemlock.hpp"
-#include "CloudTraceEventHandler.hpp"
 #include "FakeDecoderLibrary.hpp"
 #include "TdfWriter.hpp"
 #include "ToolInstall.hpp"
+#include "tool_access/CTRACE.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudHemlock.hpp"
+#include "tool_access/CloudTraceEventHandler.hpp"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The channel client: which kinds become words, what it stores, and how its
 // lock behaves when listeners run long, raise events again or fail.
-#include "CloudTraceEventHandler.hpp"
+#include "tool_access/CloudTraceEventHandler.hpp"
 
 #include <gtest/gtest.h>
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "CloudHLError.hpp"
+#include "tool_access/CloudHLError.hpp"
 #include "trace/ChannelFoundry.hpp"
 
 namespace fake {

@@ -1,4 +1,4 @@
-#include "OutputElementStyle.hpp"
+#include "tsp_server/models/OutputElementStyle.hpp"
 
 #include <array>
 #include <stdexcept>

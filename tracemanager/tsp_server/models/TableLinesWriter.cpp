@@ -1,4 +1,4 @@
-#include "TableLinesWriter.hpp"
+#include "tsp_server/models/TableLinesWriter.hpp"
 
 #include <charconv>
 #include <string_view>

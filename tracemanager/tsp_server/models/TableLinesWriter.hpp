@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "TspResponses.hpp"
+#include "tsp_server/models/TspResponses.hpp"
 
 namespace VSKTspServer {
 

@@ -1,4 +1,4 @@
-#include "TspObjects.hpp"
+#include "tsp_server/models/TspObjects.hpp"
 
 namespace VSKTspServer {
 

@@ -1,4 +1,4 @@
-#include "TspResponses.hpp"
+#include "tsp_server/models/TspResponses.hpp"
 
 namespace VSKTspServer {
 

@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "OutputElementStyle.hpp"
+#include "tsp_server/models/OutputElementStyle.hpp"
 
 namespace VSKTspServer {
 

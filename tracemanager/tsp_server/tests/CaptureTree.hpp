@@ -7,8 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "SampleCaptures.hpp"
 #include "TestSupport.hpp"
+#include "experiments/generator/SampleCaptures.hpp"
 
 namespace ostrand_test {
 

@@ -20,10 +20,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "DataBrokerRouter.hpp"
-#include "ExperimentKinds.hpp"
-#include "TspServer.hpp"
-#include "WLExperimentKind.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "tsp_server/TspServer.hpp"
+#include "wattline/WLExperimentKind.hpp"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "MetadataDiscovery.hpp"
+#include "tsp_server/MetadataDiscovery.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "CaptureTree.hpp"
-#include "ModelManager.hpp"
+#include "tsp_server/ModelManager.hpp"
 
 namespace VSKTspServer {
 namespace {

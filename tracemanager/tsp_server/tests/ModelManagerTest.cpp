@@ -1,12 +1,12 @@
-#include "ModelManager.hpp"
+#include "tsp_server/ModelManager.hpp"
 
 #include <gtest/gtest.h>
 
 
 #include "CaptureTree.hpp"
-#include "ExperimentKinds.hpp"
-#include "VSKExperiment.hpp"
-#include "VSKTrace.hpp"
+#include "experiments/VSKExperiment.hpp"
+#include "experiments/VSKTrace.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
 
 namespace VSKTspServer {
 namespace {

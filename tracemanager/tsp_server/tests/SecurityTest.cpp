@@ -16,9 +16,9 @@
 #include <nlohmann/json.hpp>
 
 #include "CaptureTree.hpp"
-#include "RequestGuard.hpp"
 #include "ServerFixture.hpp"
-#include "TspApi.hpp"
+#include "tsp_server/RequestGuard.hpp"
+#include "tsp_server/TspApi.hpp"
 
 namespace VSKTspServer {
 namespace {

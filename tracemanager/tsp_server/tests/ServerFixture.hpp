@@ -15,7 +15,7 @@
 #include <thread>
 #include <utility>
 
-#include "TspServer.hpp"
+#include "tsp_server/TspServer.hpp"
 
 namespace ostrand_test {
 

@@ -1,4 +1,4 @@
-#include "TspServer.hpp"
+#include "tsp_server/TspServer.hpp"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "CaptureTree.hpp"
-#include "ModelManager.hpp"
 #include "ServerFixture.hpp"
+#include "tsp_server/ModelManager.hpp"
 
 namespace VSKTspServer {
 namespace {

@@ -1,4 +1,4 @@
-#include "WLCaptureGenerator.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 #include <cerrno>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "WLCaptureGenerator.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 #include <gtest/gtest.h>
 
@@ -6,10 +6,10 @@
 #include <fstream>
 #include <set>
 
-#include "WLDataNode.hpp"
-#include "WLStateGraph.hpp"
-#include "WLStateDecoders.hpp"
 #include "WLTestStreams.hpp"
+#include "wattline/WLDataNode.hpp"
+#include "wattline/WLStateDecoders.hpp"
+#include "wattline/WLStateGraph.hpp"
 
 using namespace VSKTspServer;
 using nlohmann::json;

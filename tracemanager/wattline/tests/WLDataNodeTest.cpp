@@ -2,7 +2,7 @@
 // index, and files that change under a mapping. The decoding of every record,
 // and the same answers from a mapped file as from memory, are checked in
 // WLStreamDecodeTest.
-#include "WLDataNode.hpp"
+#include "wattline/WLDataNode.hpp"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,15 +1,15 @@
 // WLExperiment over capture directories on disk: which file it reads, the
 // outputs it offers, refresh, export and close.
-#include "WLExperiment.hpp"
+#include "wattline/WLExperiment.hpp"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "DataBrokerRouter.hpp"
-#include "WLStateDecoders.hpp"
 #include "WLTestStreams.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 namespace VSKTspServer {
 namespace {

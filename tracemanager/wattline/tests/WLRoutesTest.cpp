@@ -7,10 +7,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ExperimentKinds.hpp"
 #include "RouteTranscript.hpp"
-#include "WLExperimentKind.hpp"
 #include "WLTestStreams.hpp"
+#include "tsp_server/ExperimentKinds.hpp"
+#include "wattline/WLExperimentKind.hpp"
 
 namespace VSKTspServer {
 namespace {

@@ -1,4 +1,4 @@
-#include "WLStateDecoders.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
 // The state graph over decoded streams: tree ids, spans, arrows, styles.
-#include "WLStateGraph.hpp"
+#include "wattline/WLStateGraph.hpp"
 
 #include <gtest/gtest.h>
 
-#include "WLStateDecoders.hpp"
 #include "WLTestStreams.hpp"
+#include "wattline/WLStateDecoders.hpp"
 
 namespace VSKTspServer {
 namespace {

@@ -9,11 +9,11 @@
 #include <limits>
 #include <stdexcept>
 
-#include "WLCaptureGenerator.hpp"
-#include "WLDataNode.hpp"
-#include "WLStateDecoders.hpp"
 #include "WLTestStreams.hpp"
-#include "WLViews.hpp"
+#include "wattline/WLDataNode.hpp"
+#include "wattline/WLStateDecoders.hpp"
+#include "wattline/WLViews.hpp"
+#include "wattline/generator/WLCaptureGenerator.hpp"
 
 namespace VSKTspServer {
 namespace {

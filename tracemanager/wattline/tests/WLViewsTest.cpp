@@ -1,6 +1,6 @@
 // The table, line graph and summary over nodes decoded from hand-made
 // streams; expected values are worked out here from the samples.
-#include "WLViews.hpp"
+#include "wattline/WLViews.hpp"
 
 #include <gtest/gtest.h>
 

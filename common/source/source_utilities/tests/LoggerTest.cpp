@@ -1,4 +1,4 @@
-#include "Logger.hpp"
+#include "source_utilities/Logger.hpp"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "TestSupport.hpp"
-#include "uEnvironment.hpp"
+#include "source_utilities/uEnvironment.hpp"
 
 namespace {
 

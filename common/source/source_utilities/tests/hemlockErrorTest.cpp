@@ -1,4 +1,4 @@
-#include "hemlockError.hpp"
+#include "source_utilities/hemlockError.hpp"
 
 #include <gtest/gtest.h>
 

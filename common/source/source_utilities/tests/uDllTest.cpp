@@ -1,8 +1,8 @@
-#include "uDll.hpp"
+#include "source_utilities/uDll.hpp"
 
 #include <gtest/gtest.h>
 
-#include "uEnvironment.hpp"
+#include "source_utilities/uEnvironment.hpp"
 
 using QX_NLV::uDll;
 

@@ -1,4 +1,4 @@
-#include "uEnvironment.hpp"
+#include "source_utilities/uEnvironment.hpp"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "Platform.hpp"
-#include "SourceUtilitiesError.hpp"
 #include "TestSupport.hpp"
+#include "source_utilities/Platform.hpp"
+#include "source_utilities/SourceUtilitiesError.hpp"
 
 using namespace QX_NLV;
 

@@ -1,11 +1,11 @@
-#include "uMutex.hpp"
+#include "source_utilities/uMutex.hpp"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
-#include "uFile.hpp"
 #include "TestSupport.hpp"
+#include "source_utilities/uFile.hpp"
 
 using QX_NLV::uMutex;
 

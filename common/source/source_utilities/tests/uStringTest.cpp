@@ -1,4 +1,4 @@
-#include "uString.hpp"
+#include "source_utilities/uString.hpp"
 
 #include <gtest/gtest.h>
 

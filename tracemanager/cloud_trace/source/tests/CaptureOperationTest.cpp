@@ -6,10 +6,10 @@
 #include <filesystem>
 
 #include "CaptureTestDirs.hpp"
-#include "DataBrokerRouter.hpp"
-#include "LocalOpManager.hpp"
-#include "WLCaptureOperation.hpp"
-#include "WorkQueue.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "cloud_trace/source/WLCaptureOperation.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "json_interface/WorkQueue.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

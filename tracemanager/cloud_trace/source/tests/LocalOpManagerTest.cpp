@@ -12,11 +12,11 @@
 #include <thread>
 
 #include "CaptureTestDirs.hpp"
-#include "CloudHemlock.hpp"
-#include "LocalOpManager.hpp"
-#include "WLCaptureOperation.hpp"
-#include "WorkQueue.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "cloud_trace/source/WLCaptureOperation.hpp"
+#include "json_interface/WorkQueue.hpp"
 #include "sim/SimControl.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -7,8 +7,8 @@
 #include <stdexcept>
 
 #include "CaptureTestDirs.hpp"
-#include "LocalOpManager.hpp"
-#include "MtbCaptureOperation.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "cloud_trace/source/MtbCaptureOperation.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "CaptureTestDirs.hpp"
-#include "LocalOpManager.hpp"
-#include "TdfCaptureOperation.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "cloud_trace/source/TdfCaptureOperation.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

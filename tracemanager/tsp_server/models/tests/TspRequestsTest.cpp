@@ -1,4 +1,4 @@
-#include "TspRequests.hpp"
+#include "tsp_server/models/TspRequests.hpp"
 
 #include <gtest/gtest.h>
 

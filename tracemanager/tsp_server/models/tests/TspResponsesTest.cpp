@@ -1,8 +1,8 @@
-#include "TspResponses.hpp"
+#include "tsp_server/models/TspResponses.hpp"
 
 #include <gtest/gtest.h>
 
-#include "TspObjects.hpp"
+#include "tsp_server/models/TspObjects.hpp"
 
 namespace VSKTspServer {
 namespace {
