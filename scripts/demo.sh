@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds, shows the module answering
-# a short scripted exchange, then makes a sample data tree in a temporary user
-# directory and serves it on localhost:1239 until Ctrl-C: the browser viewer
-# at http://localhost:1239/, the protocol under /tsp/api.
+# a short scripted exchange, then takes a capture of every kind on the
+# simulated targets (their firmware runs under QEMU) as a debug host does,
+# and serves them with the module's trace server on localhost:1239 until
+# Ctrl-C: the browser viewer at http://localhost:1239/, the protocol under
+# /tsp/api.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -31,7 +33,8 @@ while IFS= read -r line; do echo ">> $line"; done <<<"$exchange"
 "$ostrand" shell <<<"$exchange" | sed 's/^/<< /'
 
 echo
-echo "== ostrand demo: sample captures of every kind, served with the browser viewer =="
-# MTB, TDF, placeholder and Wattline captures of every kind, and one long
-# power capture, in a temporary user directory that the server scans.
+echo "== ostrand demo: captures of every kind from running firmware, served with the browser viewer =="
+# Configure, arm, run, halt, data ready: MTB and power on the Cortex-M0+
+# class CPU, ETB on the Cortex-M4, a TDF session on a saved run; all in a
+# temporary user directory.
 "$ostrand" demo --port "$port"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The browser viewer in Debian's chromium, headless, against `ostrand demo`
+# The browser viewer in Debian's chromium, headless, against `ostrand demo --samples`
 # on a free loopback port. Screenshots and the click-to-chart timings go to
 # <build-dir>/browser-test for a person to look at.
 #
@@ -43,7 +43,7 @@ trap cleanup EXIT INT TERM
 port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
 # The demo writes its captures into a temporary directory of its own and
 # removes it when it stops.
-"$build/bin/ostrand" demo --port "$port" >"$log" 2>&1 &
+"$build/bin/ostrand" demo --samples --port "$port" >"$log" 2>&1 &
 demo_pid=$!
 
 # Bounded wait for the viewer's address; writing and loading the captures

@@ -4,9 +4,12 @@
 // data tree, table). Any answer the client cannot use fails the run.
 //
 // usage: node e2e.mjs <base-url> <tdf-capture-dir> [<power experiment name>...]
+//        node e2e.mjs <base-url> - <kind>:<experiment name>...
 //   A power experiment name ending in "_WL++" has state words: it must
-//   offer a time graph. A <tdf-capture-dir> of "-" walks only what a live
-//   capture left (the power experiments named), as the module serves it.
+//   offer a time graph. A <tdf-capture-dir> of "-" walks what captures
+//   taken through the module left, as the module's own server serves them:
+//   it asks for the scan of the live targets as a viewer does, then walks
+//   each named experiment by its kind (mtb, etb, tdf or wl).
 import assert from 'node:assert/strict';
 import tsp from 'tsp-typescript-client';
 
@@ -240,7 +243,14 @@ async function checkTable(experiment, expectedColumns) {
 const health = modelOf(await client.checkHealth(), 'health');
 assert.equal(health.status, 'UP');
 
+const mtbColumns = ['Seq.', 'Discontinuity', 'PC', 'Function', 'File', 'Line', 'Source', 'Asm', 'Dir'];
+const etbColumns = ['Seq.', 'PC', 'Opcode', 'Function', 'File', 'Line', 'Source', 'Asm', 'Dir', 'Cycles'];
 const liveOnly = tdfDir === '-';
+if (liveOnly) {
+  // A viewer's first request: scan the live targets (400 when the scan found
+  // nothing new, which is no failure).
+  await client.createExperiment(new Query({ name: 'LiveTarget', traces: [] }));
+}
 let tdf;
 if (!liveOnly) {
   // The TDF recording lies in the file-target tree: open it by hand.
@@ -266,8 +276,8 @@ if (!liveOnly) {
   assert.ok(etb, 'the ETB experiment is listed');
   assert.ok(byName[tdf.name], 'the TDF experiment is listed');
 
-  await checkTable(mtb, ['Seq.', 'Discontinuity', 'PC', 'Function', 'File', 'Line', 'Source', 'Asm', 'Dir']);
-  await checkTable(etb, ['Seq.', 'PC', 'Opcode', 'Function', 'File', 'Line', 'Source', 'Asm', 'Dir', 'Cycles']);
+  await checkTable(mtb, mtbColumns);
+  await checkTable(etb, etbColumns);
   const tdfColumns = modelOf(
     await client.fetchTableColumns(tdf.UUID,
       modelOf(await client.experimentOutputs(tdf.UUID), 'tdf outputs')[0].id, new Query({})),
@@ -275,9 +285,23 @@ if (!liveOnly) {
   await checkTable(tdf, tdfColumns);
 }
 
-for (const name of powerNames) {
-  assert.ok(byName[name], `the power experiment ${name} is listed (have: ${Object.keys(byName).join(', ')})`);
-  await checkPower(byName[name]);
+for (const arg of powerNames) {
+  const [kind, name] = liveOnly ? arg.split(/:(.*)/s) : ['wl', arg];
+  assert.ok(byName[name], `the ${kind} experiment ${name} is listed (have: ${Object.keys(byName).join(', ')})`);
+  const experiment = byName[name];
+  if (kind === 'wl') {
+    await checkPower(experiment);
+  } else if (kind === 'mtb' || kind === 'etb') {
+    await checkTable(experiment, kind === 'mtb' ? mtbColumns : etbColumns);
+  } else if (kind === 'tdf') {
+    const outputs = modelOf(await client.experimentOutputs(experiment.UUID), `outputs of ${name}`);
+    const columns = modelOf(await client.fetchTableColumns(experiment.UUID, outputs[0].id, new Query({})),
+      `columns of ${name}`).model.map((c) => c.name);
+    for (const c of ['Function', 'File', 'Dir']) assert.ok(columns.includes(c), `${name}: no ${c} column`);
+    await checkTable(experiment, columns);
+  } else {
+    assert.fail(`unknown kind ${kind} in ${arg}; say mtb, etb, tdf or wl`);
+  }
 }
 
 if (!liveOnly) {

@@ -3,6 +3,9 @@
 # the Trace Server Protocol.
 #
 # usage: tests/e2e/run.sh <build-dir>
+# First against `ostrand serve`-style generated captures (tsp_e2e_server),
+# then against the module's own server after `ostrand demo` took captures of
+# every kind on the simulated targets.
 # Needs <build-dir>/bin/ostrand and <build-dir>/bin/tsp_e2e_server, and node
 # with npm (installs the client from the lock file when it is missing).
 set -eu
@@ -65,11 +68,38 @@ done
 status=0
 node "$here/e2e.mjs" "http://localhost:$port" "$tdf_dir" wl_v4_WL++ wl_v5_WL++ wl_plain_WL || status=$?
 
-# The server stops by itself on GET /stop.
-node -e "require('http').get('http://localhost:$port/stop', r => r.resume()).on('error', () => {})"
+stop_server() {  # port, pid: GET /stop, then a bounded wait for the process to end
+  node -e "require('http').get('http://localhost:$1/stop', r => r.resume()).on('error', () => {})"
+  tries=0
+  while kill -0 "$2" 2>/dev/null && [ $tries -lt 150 ]; do
+    tries=$((tries + 1))
+    sleep 0.1
+  done
+}
+stop_server "$port" "$server_pid"
+[ $status -eq 0 ] || exit $status
+
+# The module's own server after captures taken as a debug host takes them:
+# `ostrand demo` runs the simulated targets' firmware under QEMU, captures
+# every kind through the module, and keeps the module's server up.
+port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
+"$build/bin/ostrand" demo --port "$port" >"$data/demo.log" 2>&1 &
+server_pid=$!
 tries=0
-while kill -0 "$server_pid" 2>/dev/null && [ $tries -lt 100 ]; do
+until grep -q '^Viewer: ' "$data/demo.log" 2>/dev/null; do
   tries=$((tries + 1))
+  if [ $tries -gt 1200 ] || ! kill -0 "$server_pid" 2>/dev/null; then
+    echo "e2e: the demo's captures did not come up:" >&2
+    cat "$data/demo.log" >&2
+    exit 1
+  fi
   sleep 0.1
 done
+# The experiments the captures make, by kind and name.
+node "$here/e2e.mjs" "http://localhost:$port" - mtb:_CoreTrace || status=$?
+if [ $status -ne 0 ]; then
+  echo "e2e: what the demo printed:" >&2
+  cat "$data/demo.log" >&2
+fi
+stop_server "$port" "$server_pid"
 exit $status
