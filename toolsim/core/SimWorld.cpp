@@ -12,6 +12,7 @@
 
 #include "PowerRecorder.hpp"
 #include "SimError.hpp"
+#include "SimPower.hpp"
 
 namespace OstrandSim {
 
@@ -38,35 +39,6 @@ const char* channelText(int32_t kind) {
     case 17: return "Stopped on trace trigger";
     default: return "";
   }
-}
-
-// The user's trace data directory: $QX_TRACE_DATA_DIR, else .QX-trace/data
-// in the user directory ($USERPROFILE, else $HOME).
-std::string traceDataDir() {
-  const char* set = std::getenv("QX_TRACE_DATA_DIR");
-  if (set != nullptr && *set != '\0') return set;
-  const char* home = std::getenv("USERPROFILE");
-  if (home == nullptr || *home == '\0') home = std::getenv("HOME");
-  return std::string(home != nullptr ? home : ".") + "/.QX-trace/data";
-}
-
-// The probe of a CPU: the scenario's power model on the CPU's board, the
-// state words as the CPU's description lays them out.
-std::shared_ptr<PowerRecorder> makePowerProbe(const CpuSpec& spec) {
-  PowerConfig config;
-  config.sampleRateHz = spec.power.sampleRateHz;
-  config.device = spec.name;
-  config.model.runningMa = spec.power.runningMilliamps;
-  config.model.sleepingMa = spec.power.sleepingMilliamps;
-  config.model.supplyVolts = spec.power.volts;
-  for (const PeripheralSpec& p : spec.power.peripherals) {
-    config.model.peripherals.push_back({p.name, p.enableRegister, p.enableMask, p.milliamps, 0});
-  }
-  if (spec.jstate.isObject()) {
-    Json::StreamWriterBuilder writer;
-    config.jstate = nlohmann::json::parse(Json::writeString(writer, spec.jstate));
-  }
-  return std::make_shared<PowerRecorder>(std::move(config));
 }
 
 }  // namespace
