@@ -47,6 +47,7 @@ constexpr const char* kHelp =
     "  :halt CPU             halt it\n"
     "  :wait TEXT [SECONDS]  wait until a printed line holds TEXT (default 10 s)\n"
     "  :sleep MS             pause reading input\n"
+    "  :files DIR            the names in a directory (~/: the user directory)\n"
     "\n"
     "Exit codes: 0 all lines sent and answered; 2 bad options; 3 module not found\n"
     "or not loadable; 4 a line could not be sent (a NUL byte, or several JSON\n"

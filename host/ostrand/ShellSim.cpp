@@ -3,7 +3,9 @@
 #include <dlfcn.h>
 #include <json/json.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
@@ -114,6 +116,32 @@ bool ShellSim::hostLine(const std::string& line, std::string& error) {
     if (seen) printed_.erase(printed_.begin(), printed_.begin() + static_cast<long>(from) + 1);
     return seen;
   }
+  if (verb == ":files" && w.size() == 2) {
+    // What a capture left on disk: the names in a directory, "~/" being the
+    // user directory the module writes under.
+    std::string dir = w[1];
+    if (dir.rfind("~/", 0) == 0) {
+      const char* home = std::getenv("USERPROFILE");
+      if (home == nullptr || *home == '\0') home = std::getenv("HOME");
+      dir = std::string(home != nullptr ? home : "") + dir.substr(1);
+    }
+    std::error_code ec;
+    Json::Value out(Json::objectValue);
+    out["dir"] = dir;
+    out["files"] = Json::Value(Json::arrayValue);
+    std::vector<std::string> names;
+    for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+      names.push_back(it->path().filename().string());
+    }
+    if (ec && ec != std::errc::no_such_file_or_directory) return (error = ":files " + dir + ": " + ec.message()), false;
+    std::sort(names.begin(), names.end());
+    for (const std::string& n : names) out["files"].append(n);
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    std::printf("%s\n", Json::writeString(writer, out).c_str());
+    std::fflush(stdout);
+    return true;
+  }
   if (!ready(error)) return false;
   if (verb == ":targets" && w.size() == 1) {
     auto state = entry<OstrandSim_State_t>(library_, "OstrandSim_State");
@@ -142,7 +170,7 @@ bool ShellSim::hostLine(const std::string& line, std::string& error) {
   }
   error = "unknown host line '" + line +
           "' (host lines: :targets, :connect CPU, :disconnect CPU, :run CPU [N], :halt CPU, "
-          ":wait TEXT [SECONDS], :sleep MS)";
+          ":wait TEXT [SECONDS], :sleep MS, :files DIR)";
   return false;
 }
 

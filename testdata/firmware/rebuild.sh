@@ -80,7 +80,7 @@ echo "built bench.elf" >&2
 # The programs that run under emulation (QEMU machines microbit and
 # mps2-an386): SysTick every 200 us, awake 3 of every 8 ticks, nested calls
 # over four files, a data-dependent loop, the UART switched on and off.
-run_sources=(run/startup.c run/main.c run/work.c run/filter.c run/checksum.c run/fault.c)
+run_sources=(common/startup.c run/main.c run/work.c run/filter.c run/checksum.c run/fault.c)
 run_flags=(-g -O1 -ffreestanding -ffunction-sections -fno-common
   -ffile-prefix-map="$here"=testdata/firmware -nostartfiles -nostdlib
   -T run/link.ld -Wl,--gc-sections)

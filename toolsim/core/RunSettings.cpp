@@ -79,11 +79,21 @@ void applyMainProperties(const std::string& receiver, const std::vector<PropNode
   trace.receiver = receiver;
   const PropNode* size = find(props, "Buffer Size");
   if (size != nullptr) {
-    auto bytes = parseBufferSize(size->kind == PropNode::Kind::kNumber ? std::to_string(size->number)
-                                                                      : size->text);
-    if (!bytes || *bytes < 8) {
-      throw std::invalid_argument("Buffer Size '" + size->text +
-                                  "' is not a size of at least 8 bytes such as '32 Bytes' or '4 KB'");
+    const std::string shown = size->kind == PropNode::Kind::kNumber ? std::to_string(size->number) : size->text;
+    auto bytes = parseBufferSize(shown);
+    if (!bytes) {
+      throw std::invalid_argument("Buffer Size '" + shown +
+                                  "' is not a size such as '32 Bytes' or '4 KB'");
+    }
+    // The MTB's SRAM window is a power of two of 16 bytes or more; the ETB
+    // needs room for the stream's synchronisation.
+    if (receiver == "MTB" && (*bytes < 16 || (*bytes & (*bytes - 1)) != 0)) {
+      throw std::invalid_argument("Buffer Size '" + shown +
+                                  "' is not a size the MTB can have (a power of two, 16 bytes or more)");
+    }
+    if (receiver != "MTB" && *bytes < 64) {
+      throw std::invalid_argument("Buffer Size '" + shown +
+                                  "' is not a size the ETB can have (64 bytes or more)");
     }
     trace.bufferBytes = *bytes;
   } else {

@@ -1,11 +1,15 @@
 #include "Scenario.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
+
+#include "PowerRecorder.hpp"
+#include "QemuRunner.hpp"
 
 namespace OstrandSim {
 
@@ -93,8 +97,23 @@ class Reader {
     }
   }
 
-  PowerModel power(const Json::Value& p, const std::string& where) const {
-    PowerModel m;
+  // An address as a whole number or a "0x..." string.
+  uint32_t address(const Json::Value& v, const std::string& where) const {
+    if (v.isUInt()) return v.asUInt();
+    if (v.isString()) {
+      const std::string t = v.asString();
+      size_t used = 0;
+      try {
+        unsigned long long a = std::stoull(t, &used, 0);
+        if (used == t.size() && a <= 0xFFFFFFFFull) return static_cast<uint32_t>(a);
+      } catch (const std::exception&) {
+      }
+    }
+    fail(where, "'register' must be a 32-bit address (a number or \"0x...\")");
+  }
+
+  PowerSpec power(const Json::Value& p, const std::string& where, const std::string& machine) const {
+    PowerSpec m;
     if (p.isNull()) return m;
     if (!p.isObject()) fail(where, "'power' must be an object");
     std::string at = where + ".power";
@@ -102,12 +121,38 @@ class Reader {
     m.runningMilliamps = real(p, "running_ma", at, m.runningMilliamps);
     m.sleepingMilliamps = real(p, "sleeping_ma", at, m.sleepingMilliamps);
     m.sampleRateHz = static_cast<uint32_t>(number(p, "sample_rate_hz", at, m.sampleRateHz, false));
-    if (m.sampleRateHz == 0) fail(at, "'sample_rate_hz' must be above 0");
+    if (m.sampleRateHz == 0 || m.sampleRateHz > 1000000) {
+      fail(at, "'sample_rate_hz' must be 1 to 1000000");
+    }
     const Json::Value& per = p["peripherals"];
-    if (!per.isNull() && !per.isObject()) fail(at, "'peripherals' must be an object of milliamps");
+    if (!per.isNull() && !per.isObject()) fail(at, "'peripherals' must be an object");
+    const PowerModel board = defaultPowerModel(machine);
     for (const std::string& name : per.getMemberNames()) {
-      if (!per[name].isNumeric()) fail(at + ".peripherals", "'" + name + "' must be a number");
-      m.peripheralMilliamps.emplace_back(name, per[name].asDouble());
+      const std::string here = at + ".peripherals." + name;
+      const Json::Value& v = per[name];
+      PeripheralSpec spec;
+      spec.name = name;
+      if (v.isNumeric()) {
+        // A peripheral the board itself has: its enable register is known.
+        auto known = std::find_if(board.peripherals.begin(), board.peripherals.end(),
+                                  [&](const PeripheralSwitch& s) { return s.name == name; });
+        if (known == board.peripherals.end()) {
+          fail(here, "machine '" + machine + "' has no peripheral '" + name +
+                         "'; give {\"ma\", \"register\", \"mask\"}");
+        }
+        spec.milliamps = v.asDouble();
+        spec.enableRegister = known->enableRegister;
+        spec.enableMask = known->enableMask;
+      } else if (v.isObject()) {
+        spec.milliamps = real(v, "ma", here, -1);
+        if (spec.milliamps < 0) fail(here, "'ma' must be a number >= 0");
+        spec.enableRegister = address(v["register"], here);
+        spec.enableMask = static_cast<uint32_t>(number(v, "mask", here, 1, false));
+        if (spec.enableMask == 0) fail(here, "'mask' must not be 0");
+      } else {
+        fail(here, "must be milliamps or an object {\"ma\", \"register\", \"mask\"}");
+      }
+      m.peripherals.push_back(std::move(spec));
     }
     return m;
   }
@@ -131,17 +176,15 @@ class Reader {
       cpu.clockHz = number(n, "clock_hz", where, 0, true);
       if (cpu.clockHz == 0) fail(where, "'clock_hz' must be above 0");
       cpu.traceSourceId = static_cast<uint32_t>(number(n, "trace_source_id", where, 0, false));
-      if (!n["sample"].isNull()) cpu.sample = file(text(n, "sample", where), where + ".sample");
-      std::string execution = text(n, "execution", where, false);
-      if (!execution.empty() && execution != "qemu" && execution != "sample") {
-        fail(where, "'execution' must be 'qemu' or 'sample'");
+      if (findMachine(cpu.machine) == nullptr) {
+        fail(where, "'machine' must be microbit, mps2-an385, mps2-an386, mps2-an500 or mps2-an505, not '" +
+                        cpu.machine + "'");
       }
-      cpu.qemu = execution == "qemu";
       if (!n["jstate"].isNull()) {
         jstate(n["jstate"], where);
         cpu.jstate = n["jstate"];
       }
-      cpu.power = power(n["power"], where);
+      cpu.power = power(n["power"], where, cpu.machine);
       node.typeCode = cpu.kind;
       node.program = cpu.program;
       s.cpus.push_back(std::move(cpu));

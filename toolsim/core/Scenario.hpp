@@ -2,6 +2,7 @@
 // (the format is described in docs/simulation.md): devices with their node
 // trees and trace routes, and for each CPU node its processor kind, program,
 // emulated machine and clock, power-state word description and power model.
+// Every CPU runs its program under QEMU on its machine.
 //
 // Immutable after loadScenario; shared by pointer between the world and the
 // objects a session hands out, so an old scenario outlives its replacement
@@ -24,12 +25,23 @@ inline constexpr uint32_t kNodeBus = 1003;
 inline constexpr uint32_t kNodeMemory = 1004;
 inline constexpr uint32_t kNodePeripheral = 1005;
 
-struct PowerModel {
+// A peripheral of the power model: its current while on, and the register
+// whose last written value says whether it is on (any bit of the mask set).
+struct PeripheralSpec {
+  std::string name;  // as the state word's description names it
+  double milliamps = 0.0;
+  uint32_t enableRegister = 0;
+  uint32_t enableMask = 1;
+};
+
+// The power model of a CPU as the scenario gives it; the power probe of a
+// run is made from it (see PowerRecorder).
+struct PowerSpec {
   double volts = 3.3;
   double runningMilliamps = 5.0;
   double sleepingMilliamps = 1.0;
   uint32_t sampleRateHz = 10000;
-  std::vector<std::pair<std::string, double>> peripheralMilliamps;
+  std::vector<PeripheralSpec> peripherals;
 };
 
 struct CpuSpec {
@@ -39,10 +51,8 @@ struct CpuSpec {
   std::string machine;  // QEMU machine
   uint64_t clockHz = 0;
   uint32_t traceSourceId = 0;
-  std::string sample;   // absolute path of a recorded instruction sample, may be empty
-  bool qemu = false;    // runs under QEMU instead of replaying its sample
   Json::Value jstate;   // null: no state word description
-  PowerModel power;
+  PowerSpec power;
 };
 
 struct NodeSpec {

@@ -10,8 +10,9 @@
 #include <filesystem>
 #include <functional>
 
-#include "QemuExecutor.hpp"
+#include "PowerRecorder.hpp"
 #include "SimError.hpp"
+#include "SimPower.hpp"
 
 namespace OstrandSim {
 
@@ -89,6 +90,11 @@ void SimWorld::shutdown() {
     }
     lock.unlock();
     for (std::thread& t : threads) t.join();
+    // No emulator outlives the world's runs.
+    lock.lock();
+    for (auto& [name, cpu] : cpus_) {
+      if (cpu.executor) cpu.executor->stop();
+    }
   }
   {
     std::lock_guard<std::mutex> guard(queueMutex_);
@@ -370,7 +376,8 @@ int32_t SimWorld::loadScenario(const std::string& path, std::string& error) {
   scenario_ = next;
   for (const CpuSpec& spec : next->cpus) {
     Cpu& cpu = cpus_[spec.name];
-    cpu.executor = spec.qemu ? makeQemuExecutor(spec) : makeExecutor(spec);
+    cpu.executor = makeExecutor(spec);
+    if (next->hasRoute(spec.name, "WL")) cpu.power = makePowerProbe(spec);
   }
   changed_.notify_all();
   return 0;
@@ -442,16 +449,15 @@ std::string SimWorld::stateJson() {
 
 // ---- runs ---------------------------------------------------------------------
 
-TraceSettings SimWorld::traceSettingsOf(const std::string& cpu, const std::string& receiver) {
-  TraceSettings trace;
-  PowerSettings power;
+void SimWorld::settingsOf(const std::string& cpu, const std::string& receiver, TraceSettings& trace,
+                          PowerSettings& power) {
   trace.receiver = receiver;
   trace.bufferBytes = receiver == "MTB" ? kDefaultMtbBufferBytes : kDefaultEtbBufferBytes;
   try {
     for (const auto& [id, entry] : operations_) {
       const OperationState& op = entry.second;
-      if (entry.first != cpu || !op.enabled || op.sub || op.receiver != receiver) continue;
-      applyMainProperties(receiver, op.props, trace, power);
+      if (entry.first != cpu || !op.enabled || op.sub) continue;
+      if (op.receiver == receiver || op.receiver == "WL") applyMainProperties(op.receiver, op.props, trace, power);
     }
     for (const auto& [id, entry] : operations_) {
       const OperationState& op = entry.second;
@@ -461,7 +467,6 @@ TraceSettings SimWorld::traceSettingsOf(const std::string& cpu, const std::strin
     // Settings were checked when they were set; a later mix that does not
     // fit leaves the defaults of the receiver.
   }
-  return trace;
 }
 
 int32_t SimWorld::run(const std::string& name, uint64_t limit, std::string& error) {
@@ -494,18 +499,47 @@ int32_t SimWorld::run(const std::string& name, uint64_t limit, std::string& erro
     if (scenario_->cpus[i].name == name) id = static_cast<int32_t>(i + 1);
   }
   std::string receiver = scenario_->traceReceiver(name);
+  const CpuSpec& spec = *scenario_->findCpu(name);
+  if (!cpu->executor->ready(error)) {
+    error = "CPU " + name + " cannot run: " + error;
+    return -5;
+  }
+  TraceSettings trace;
+  PowerSettings power;
+  settingsOf(name, receiver, trace, power);
+  if (!cpu->image) {
+    try {
+      cpu->image = std::make_shared<const ProgramImage>(spec.program);
+    } catch (const std::exception&) {
+      // The run reports why the program cannot be loaded.
+    }
+  }
+  std::shared_ptr<TraceRecorder> recorder;
+  if (!receiver.empty()) {
+    try {
+      recorder = makeRecorder(trace, spec.traceSourceId, spec.clockHz, cpu->image,
+                              [this, name](RecordingStop why) {
+                                bool trigger = why == RecordingStop::kTrigger;
+                                fireChannel(name,
+                                            trigger ? Qx::Nlv::Trace::kChannelStoppedTraceTrigger
+                                                    : Qx::Nlv::Trace::kChannelStoppedFull,
+                                            channelText(trigger ? 17 : 8));
+                              });
+    } catch (const std::exception& e) {
+      error = "CPU " + name + ": the " + receiver + " cannot take its settings: " + e.what();
+      return -6;
+    }
+  }
+  PowerCapture capture;
+  if (cpu->power && power.enabled) {
+    capture.directory = power.dataDir.empty() ? traceDataDir() + "/.Wattline" : power.dataDir;
+    capture.recordType = power.statesWanted && spec.jstate.isObject() ? 7 : 8;
+  }
   cpu->running = true;
   cpu->runs += 1;
   cpu->lastError.clear();
   cpu->halt = std::make_shared<std::atomic<bool>>(false);
-  cpu->recorder.reset();
-  if (!receiver.empty()) {
-    cpu->recorder = makeRecorder(traceSettingsOf(name, receiver), [this, name](RecordingStop why) {
-      fireChannel(name, why == RecordingStop::kTrigger ? Qx::Nlv::Trace::kChannelStoppedTraceTrigger
-                                                       : Qx::Nlv::Trace::kChannelStoppedFull,
-                  channelText(why == RecordingStop::kTrigger ? 17 : 8));
-    });
-  }
+  cpu->recorder = recorder;
   // What a debugger reports when it lets a target go: the job's run setup to
   // the clients of the target, the trace channel recording, then running.
   post([this, id] {
@@ -527,24 +561,42 @@ int32_t SimWorld::run(const std::string& name, uint64_t limit, std::string& erro
   });
   if (!receiver.empty()) fireChannel(name, Qx::Nlv::Trace::kChannelRecording, channelText(6));
   fireTargetState(name, Qx::Nlv::Trace::kStateRunning);
-  cpu->thread = std::thread(&SimWorld::runThread, this, name, limit, cpu->halt, cpu->recorder, cpu);
+  cpu->thread = std::thread(&SimWorld::runThread, this, name, limit, cpu->halt, cpu->recorder,
+                            std::move(capture), cpu);
   return 0;
 }
 
 void SimWorld::runThread(std::string name, uint64_t limit, std::shared_ptr<std::atomic<bool>> halt,
-                         std::shared_ptr<TraceRecorder> recorder, Cpu* cpu) {
-  struct NoTrace final : StepSink {
-    void onStep(const SimStep&) override {}
-  } noTrace;
+                         std::shared_ptr<TraceRecorder> recorder, PowerCapture capture, Cpu* cpu) {
+  // The run's consumers: the trace unit, then the power probe, which hears
+  // every run so it knows the device's state when a capture begins.
+  StepFanout consumers;
+  if (recorder) consumers.add(*recorder);
+  if (cpu->power) consumers.add(*cpu->power);
   RunOutcome end;
+  std::string powerError;
   try {
-    end = cpu->executor->run(limit, *halt, recorder ? static_cast<StepSink&>(*recorder) : noTrace);
+    if (!capture.directory.empty()) {
+      cpu->power->startCapture(capture.directory, cpu->executor->timeNs(), capture.recordType);
+    }
+  } catch (const std::exception& e) {
+    powerError = e.what();
+  }
+  try {
+    end = cpu->executor->run(limit, *halt, consumers);
   } catch (const std::exception& e) {
     end.error = e.what();
   }
+  // The capture is complete on disk before the halt is announced: the
+  // halt is what makes a capture collect it.
+  try {
+    if (cpu->power) cpu->power->finish();
+  } catch (const std::exception& e) {
+    powerError = e.what();
+  }
   std::lock_guard<std::mutex> guard(mutex_);
   cpu->running = false;
-  cpu->lastError = end.error;
+  cpu->lastError = !end.error.empty() ? end.error : powerError.empty() ? "" : "power capture: " + powerError;
   fireTargetState(name, Qx::Nlv::Trace::kStateHalted);
   changed_.notify_all();
 }

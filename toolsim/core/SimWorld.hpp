@@ -40,6 +40,8 @@
 
 namespace OstrandSim {
 
+class PowerRecorder;
+
 // An operation's part in the next run of its CPU.
 struct OperationState {
   bool sub = false;            // a sub-operation (kind 1)
@@ -108,6 +110,10 @@ class __attribute__((visibility("default"))) SimWorld {
  private:
   struct Cpu {
     std::unique_ptr<CpuExecutor> executor;
+    std::shared_ptr<const ProgramImage> image;  // loaded at the first run
+    // The power probe of a CPU with a WL route: follows the device through
+    // every run, captures during the runs a WL operation is armed for.
+    std::shared_ptr<PowerRecorder> power;
     bool connected = false;
     bool running = false;
     uint64_t runs = 0;
@@ -120,9 +126,15 @@ class __attribute__((visibility("default"))) SimWorld {
   SimWorld();
   void post(std::function<void()> event);
   void eventLoop();
+  // Where a power capture goes when the run starts, and its record type.
+  struct PowerCapture {
+    std::string directory;  // empty: no capture this run
+    uint32_t recordType = 8;
+  };
   void runThread(std::string cpu, uint64_t limit, std::shared_ptr<std::atomic<bool>> halt,
-                 std::shared_ptr<TraceRecorder> recorder, Cpu* state);
-  TraceSettings traceSettingsOf(const std::string& cpu, const std::string& receiver);
+                 std::shared_ptr<TraceRecorder> recorder, PowerCapture capture, Cpu* state);
+  void settingsOf(const std::string& cpu, const std::string& receiver, TraceSettings& trace,
+                  PowerSettings& power);
   Cpu* findCpu(const std::string& name, std::string& error);  // caller holds mutex_
   void unloadLocked(std::unique_lock<std::mutex>& lock);
 

@@ -1,30 +1,54 @@
 #include "TraceRecorder.hpp"
 
-#include <deque>
 #include <mutex>
+#include <stdexcept>
+
+#include "EtmDecoder.hpp"
+#include "EtmEncoder.hpp"
+#include "MtbDecoder.hpp"
+#include "MtbEncoder.hpp"
 
 namespace OstrandSim {
 
 namespace {
 
-enum MtbColumn : uint32_t { kMtbIndex, kMtbRead, kMtbWrite, kMtbProgram, kMtbData, kMtbStatus };
-enum EtbColumn : uint32_t {
-  kEtbIndex, kEtbProgram, kEtbData, kEtbCycles, kEtbRead, kEtbWrite, kEtbTime, kEtbStatus
-};
+// The rows of a decoded buffer in the columns of the receiver's decoder:
+// the decoder's columns by name, "Index" the row's number and "Trace
+// Status" "Run" on the row that opens a stretch of sequential code.
+class DecodedRows final : public RowSource {
+ public:
+  DecodedRows(const std::string& receiver, RowTable table)
+      : columns_(decoderColumns(receiver)), table_(std::move(table)) {
+    for (const ColumnDef& c : columns_) from_.push_back(table_.columnIndex(c.name));
+    read_ = table_.columnIndex(kReadAddress);
+  }
 
-// A stretch of sequential code between two discontinuities: what one MTB
-// packet pair bounds.
-struct Stretch {
-  uint32_t first = 0;
-  uint32_t last = 0;
-  uint32_t exception = 0;  // entered at its start, 0 if none
-  std::vector<std::pair<uint32_t, uint32_t>> instructions;  // address, opcode
+  const std::vector<ColumnDef>& columns() const override { return columns_; }
+  uint64_t rowCount() const override { return table_.rowCount(); }
+  void readRow(uint64_t index, RowSink& sink) const override {
+    const size_t row = static_cast<size_t>(index);
+    for (uint32_t c = 0; c < columns_.size(); ++c) {
+      if (from_[c] >= 0) {
+        if (auto v = table_.value(row, from_[c])) sink.value(c, *v);
+      } else if (columns_[c].name == "Index") {
+        sink.value(c, index);
+      } else if (columns_[c].name == kTraceStatus && read_ >= 0 && table_.has(row, read_)) {
+        sink.text(c, "Run");
+      }
+    }
+  }
+
+ private:
+  const std::vector<ColumnDef>& columns_;
+  RowTable table_;
+  std::vector<int> from_;  // column of the decoded table, -1 if none
+  int read_ = -1;
 };
 
 class RecorderBase : public TraceRecorder {
  public:
-  RecorderBase(TraceSettings settings, std::function<void(RecordingStop)> selfStop)
-      : settings_(std::move(settings)), selfStop_(std::move(selfStop)) {}
+  RecorderBase(std::shared_ptr<const ProgramImage> image, std::function<void(RecordingStop)> selfStop)
+      : image_(std::move(image)), selfStop_(std::move(selfStop)) {}
 
   bool stop() override {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -37,206 +61,134 @@ class RecorderBase : public TraceRecorder {
     return stop_;
   }
 
- protected:
-  // Called with mutex_ held by the step; the callback runs after unlocking.
-  void stopBySelf(RecordingStop why) { pendingStop_ = why, stop_ = why; }
-  void announce() {
+  void onStep(const ExecStep& step) override {
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      if (stop_ == RecordingStop::kNone) feed(step);
+    }
     if (pendingStop_ != RecordingStop::kNone && selfStop_) selfStop_(pendingStop_);
     pendingStop_ = RecordingStop::kNone;
   }
 
-  TraceSettings settings_;
+ protected:
+  // Called with mutex_ held, while recording.
+  virtual void feed(const ExecStep& step) = 0;
+  // With mutex_ held by the step; the callback runs after unlocking.
+  void stopBySelf(RecordingStop why) {
+    if (stop_ != RecordingStop::kNone) return;
+    pendingStop_ = why;
+    stop_ = why;
+  }
+
+  std::shared_ptr<const ProgramImage> image_;
   std::function<void(RecordingStop)> selfStop_;
-  mutable std::mutex mutex_;
-  RecordingStop stop_ = RecordingStop::kNone;     // guarded by mutex_
+  mutable std::mutex mutex_;  // guards stop_ and the trace unit of the subclass
+  RecordingStop stop_ = RecordingStop::kNone;
   RecordingStop pendingStop_ = RecordingStop::kNone;  // run thread only
 };
 
+MtbConfig mtbConfigOf(const TraceSettings& s) {
+  MtbConfig c;
+  c.bufferBytes = s.bufferBytes;
+  c.circular = !s.oneShot;
+  c.traceOn = s.traceOn;
+  // POSITION can only equal a watermark inside the buffer, on a packet.
+  c.watermark = s.watermark < s.bufferBytes ? s.watermark & ~7u : 0;
+  c.stopAtWatermark = s.stopAtWatermark && c.watermark != 0;
+  return c;
+}
+
 class MtbRecorder final : public RecorderBase {
  public:
-  using RecorderBase::RecorderBase;
-
-  void onStep(const SimStep& step) override {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      if (stop_ != RecordingStop::kNone || !settings_.traceOn) return;
-      if (step.kind == SimStepKind::kExceptionEntry) {
-        pendingException_ = step.value;
-        breakNext_ = true;
-      } else if (step.kind == SimStepKind::kExceptionReturn) {
-        breakNext_ = true;
-      } else {
-        instruction(step);
-      }
-    }
-    announce();
+  MtbRecorder(const TraceSettings& settings, std::shared_ptr<const ProgramImage> image,
+              std::function<void(RecordingStop)> selfStop)
+      : RecorderBase(std::move(image), std::move(selfStop)), mtb_(mtbConfigOf(settings)),
+        hierarchical_(settings.hierarchical) {
+    mtb_.setStopCallback([this] { stopBySelf(RecordingStop::kBufferFull); });
   }
 
   std::shared_ptr<const RowSource> rows() const override {
-    auto table = std::make_shared<TableRows>(decoderColumns("MTB"));
-    std::lock_guard<std::mutex> guard(mutex_);
-    uint32_t index = 0;
-    auto emit = [&](const Stretch& s) {
-      if (table->rowCount() >= kMaxMtbRows) return;
-      std::string status = s.exception != 0 ? "Exception " + std::to_string(s.exception) : "Run";
-      table->addRow({{kMtbIndex, index++, ""}, {kMtbRead, s.first, ""}, {kMtbWrite, s.last, ""},
-                     {kMtbStatus, 0, status}});
-      if (!settings_.hierarchical) return;
-      for (const auto& [address, opcode] : s.instructions) {
-        if (table->rowCount() >= kMaxMtbRows) return;
-        table->addRow({{kMtbIndex, index++, ""}, {kMtbProgram, address, ""}, {kMtbData, opcode, ""}});
-      }
-    };
-    for (const Stretch& s : kept_) emit(s);
-    return table;
+    MtbSnapshot snapshot;
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      snapshot = mtb_.snapshot();
+    }
+    MtbDecodeOptions options;
+    options.hierarchical = hierarchical_;
+    options.maxRows = kMaxMtbRows;
+    return std::make_shared<DecodedRows>("MTB", decodeMtb(snapshot, image_.get(), options));
   }
 
  private:
-  // Each closed stretch stands for one packet of 8 bytes in the buffer.
-  void instruction(const SimStep& step) {
-    bool discontinuity = breakNext_ || (open_ && step.address != nextAddress_);
-    if (open_ && discontinuity) close();
-    if (!open_) {
-      current_ = Stretch{step.address, step.address, pendingException_, {}};
-      pendingException_ = 0;
-      open_ = true;
-    }
-    breakNext_ = false;
-    current_.last = step.address;
-    current_.instructions.emplace_back(step.address, step.value);
-    nextAddress_ = step.address + step.size;
-  }
+  void feed(const ExecStep& step) override { mtb_.onStep(step); }
 
-  void close() {
-    open_ = false;
-    size_t capacity = std::max<size_t>(1, settings_.bufferBytes / 8);
-    if (kept_.size() == capacity) {
-      if (settings_.oneShot) return stopBySelf(RecordingStop::kBufferFull);
-      kept_.pop_front();  // the hardware's POSITION wrapped
-    }
-    kept_.push_back(std::move(current_));
-    if (settings_.oneShot && kept_.size() == capacity) stopBySelf(RecordingStop::kBufferFull);
-    if (settings_.stopAtWatermark && settings_.watermark > 0 &&
-        kept_.size() * 8 >= settings_.watermark) {
-      stopBySelf(RecordingStop::kBufferFull);
-    }
-  }
-
-  std::deque<Stretch> kept_;  // guarded by mutex_, like all below
-  Stretch current_;
-  bool open_ = false;
-  bool breakNext_ = false;
-  uint32_t pendingException_ = 0;
-  uint32_t nextAddress_ = 0;
+  MtbEncoder mtb_;
+  bool hierarchical_;
 };
+
+EtmConfig etmConfigOf(const TraceSettings& s, uint32_t traceId, uint64_t clockHz) {
+  EtmConfig c;
+  c.bufferBytes = s.bufferBytes;
+  c.circular = !s.oneShot;
+  c.traceOn = s.traceOn;
+  for (const AddressRange& r : s.ranges) {
+    c.ranges.push_back({static_cast<uint32_t>(r.start), static_cast<uint32_t>(r.end)});
+  }
+  if (s.startAddress) c.startAddresses.push_back(static_cast<uint32_t>(*s.startAddress));
+  if (s.stopAddress) c.stopAddresses.push_back(static_cast<uint32_t>(*s.stopAddress));
+  c.nsPerCycle = clockHz != 0 ? static_cast<uint32_t>(std::max<uint64_t>(1, 1000000000ull / clockHz)) : 32;
+  if (traceId != 0) c.traceId = static_cast<uint8_t>(traceId & 0x7F);
+  return c;
+}
 
 class EtbRecorder final : public RecorderBase {
  public:
-  using RecorderBase::RecorderBase;
-
-  void onStep(const SimStep& step) override {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      if (stop_ != RecordingStop::kNone || !settings_.traceOn) return;
-      if (step.kind != SimStepKind::kInstruction) {
-        breakNext_ = true;
-        exception_ = step.kind == SimStepKind::kExceptionEntry ? step.value : 0;
-      } else {
-        instruction(step);
-      }
-    }
-    announce();
+  EtbRecorder(const TraceSettings& settings, uint32_t traceId, uint64_t clockHz,
+              std::shared_ptr<const ProgramImage> image, std::function<void(RecordingStop)> selfStop)
+      : RecorderBase(std::move(image), std::move(selfStop)), etm_(etmConfigOf(settings, traceId, clockHz)),
+        startAddress_(settings.startAddress), stopAddress_(settings.stopAddress) {
+    etm_.setStopCallback([this] { stopBySelf(RecordingStop::kBufferFull); });
+    started_ = !startAddress_;
   }
 
   std::shared_ptr<const RowSource> rows() const override {
-    auto table = std::make_shared<TableRows>(decoderColumns("ETB"));
-    std::lock_guard<std::mutex> guard(mutex_);
-    uint32_t index = 0;
-    for (const Row& r : kept_) {
-      if (r.run) {
-        table->addRow({{kEtbIndex, index++, ""}, {kEtbRead, r.address, ""}, {kEtbWrite, r.from, ""},
-                       {kEtbTime, r.timeNs, ""},
-                       {kEtbStatus, 0, r.exception != 0 ? "Exception " + std::to_string(r.exception) : "Branch"}});
-      } else {
-        table->addRow({{kEtbIndex, index++, ""}, {kEtbProgram, r.address, ""}, {kEtbData, r.opcode, ""},
-                       {kEtbCycles, r.cycles, ""}, {kEtbTime, r.timeNs, ""}});
-      }
+    EtmSnapshot snapshot;
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      snapshot = etm_.snapshot();
     }
-    return table;
+    if (!image_) return std::make_shared<TableRows>(decoderColumns("ETB"));
+    return std::make_shared<DecodedRows>("ETB", decodeEtm(snapshot, *image_, nullptr, kMaxMtbRows));
   }
 
  private:
-  struct Row {
-    bool run = false;
-    uint32_t address = 0;  // instruction, or the destination of a run row
-    uint32_t from = 0;     // run row: the last instruction before it
-    uint32_t opcode = 0;
-    uint32_t cycles = 0;
-    uint32_t exception = 0;
-    uint64_t timeNs = 0;
-  };
-
-  bool inRanges(uint32_t address) const {
-    if (settings_.ranges.empty()) return true;
-    for (const AddressRange& r : settings_.ranges) {
-      if (address >= r.start && address <= r.end) return true;
-    }
-    return false;
+  // The "End Trace" address ends the recording: the unit switches trace off
+  // after it, and the next instruction still goes in, so the stretch that
+  // ends there is complete in the stream.
+  void feed(const ExecStep& step) override {
+    etm_.onStep(step);
+    if (step.kind != StepKind::kInstruction) return;
+    if (triggered_) return stopBySelf(RecordingStop::kTrigger);
+    if (!started_ && startAddress_ && step.address == *startAddress_) started_ = true;
+    if (started_ && stopAddress_ && step.address == *stopAddress_) triggered_ = true;
   }
 
-  void instruction(const SimStep& step) {
-    if (!started_) {
-      if (settings_.startAddress && step.address != *settings_.startAddress) return;
-      started_ = true;
-    }
-    if (settings_.stopAddress && step.address == *settings_.stopAddress) {
-      return stopBySelf(RecordingStop::kTrigger);
-    }
-    bool discontinuity = breakNext_ || (seen_ && step.address != nextAddress_);
-    uint32_t from = lastAddress_;
-    lastAddress_ = step.address;
-    nextAddress_ = step.address + step.size;
-    seen_ = true;
-    breakNext_ = false;
-    if (!inRanges(step.address)) {
-      skipped_ = true;
-      return;
-    }
-    uint32_t cycles = static_cast<uint32_t>(step.instructions - lastInstructions_);
-    lastInstructions_ = step.instructions;
-    if (discontinuity || skipped_) push({true, step.address, from, 0, 0, exception_, step.timeNs});
-    exception_ = 0;
-    skipped_ = false;
-    push({false, step.address, 0, step.value, cycles == 0 ? 1 : cycles, 0, step.timeNs});
-  }
-
-  // Roughly four bytes of encoded trace per kept row.
-  void push(Row row) {
-    size_t capacity = std::max<size_t>(1, settings_.bufferBytes / 4);
-    if (kept_.size() == capacity) {
-      if (settings_.oneShot) return stopBySelf(RecordingStop::kBufferFull);
-      kept_.pop_front();
-    }
-    kept_.push_back(row);
-  }
-
-  std::deque<Row> kept_;  // guarded by mutex_, like all below
-  bool started_ = false;
-  bool seen_ = false;
-  bool breakNext_ = false;
-  bool skipped_ = false;
-  uint32_t exception_ = 0;
-  uint32_t lastAddress_ = 0;
-  uint32_t nextAddress_ = 0;
-  uint64_t lastInstructions_ = 0;
+  EtmEncoder etm_;
+  std::optional<uint64_t> startAddress_;
+  std::optional<uint64_t> stopAddress_;
+  bool started_ = false;    // guarded by mutex_, like triggered_
+  bool triggered_ = false;
 };
 
 }  // namespace
 
-std::unique_ptr<TraceRecorder> makeRecorder(const TraceSettings& settings,
+std::unique_ptr<TraceRecorder> makeRecorder(const TraceSettings& settings, uint32_t traceId,
+                                            uint64_t clockHz, std::shared_ptr<const ProgramImage> image,
                                             std::function<void(RecordingStop)> selfStop) {
-  if (settings.receiver == "ETB") return std::make_unique<EtbRecorder>(settings, std::move(selfStop));
-  return std::make_unique<MtbRecorder>(settings, std::move(selfStop));
+  if (settings.receiver == "ETB") {
+    return std::make_unique<EtbRecorder>(settings, traceId, clockHz, std::move(image), std::move(selfStop));
+  }
+  return std::make_unique<MtbRecorder>(settings, std::move(image), std::move(selfStop));
 }
 
 const std::vector<ColumnDef>& decoderColumns(const std::string& receiver) {

@@ -5,29 +5,6 @@
 
 namespace OstrandSim {
 
-uint32_t parseBufferSize(const std::string& text) {
-  size_t used = 0;
-  unsigned long long n = 0;
-  try {
-    n = std::stoull(text, &used);
-  } catch (const std::exception&) {
-    throw std::invalid_argument("Invalid buffer size '" + text + "'");
-  }
-  std::string unit;
-  for (size_t i = used; i < text.size(); ++i) {
-    if (!std::isspace(static_cast<unsigned char>(text[i]))) {
-      unit += static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
-    }
-  }
-  if (unit == "kb" || unit == "k") n <<= 10;
-  else if (unit == "mb" || unit == "m") n <<= 20;
-  else if (!(unit.empty() || unit == "bytes" || unit == "byte" || unit == "b")) {
-    throw std::invalid_argument("Invalid buffer size '" + text + "'");
-  }
-  if (n == 0 || n > (1ull << 30)) throw std::invalid_argument("Invalid buffer size '" + text + "'");
-  return static_cast<uint32_t>(n);
-}
-
 MtbEncoder::MtbEncoder(const MtbConfig& config) : config_(config) {
   const uint32_t size = config_.bufferBytes;
   if (size < 16 || (size & (size - 1)) != 0) {

@@ -43,10 +43,6 @@ struct MtbConfig {
   std::optional<uint32_t> stopAddress;
 };
 
-// "32 Bytes", "4 KB", "1 MB", "4096": bytes; throws std::invalid_argument
-// with the text for anything else.
-uint32_t parseBufferSize(const std::string& text);
-
 struct MtbSnapshot {
   std::vector<uint8_t> buffer;
   uint32_t position = 0;  // byte offset of the next packet

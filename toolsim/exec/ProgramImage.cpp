@@ -1,5 +1,7 @@
 #include "ProgramImage.hpp"
 
+#include <iterator>
+
 #include <fcntl.h>
 #include <gelf.h>
 #include <libelf.h>
@@ -78,7 +80,10 @@ ProgramImage::ProgramImage(const std::string& elfPath) : path_(elfPath) {
       const char* name = elf_strptr(elf.get(), sh.sh_link, sym.st_name);
       if (name == nullptr || *name == '\0' || name[0] == '$') continue;
       uint32_t value = static_cast<uint32_t>(sym.st_value);
-      if (GELF_ST_TYPE(sym.st_info) == STT_FUNC) value &= ~1u;
+      if (GELF_ST_TYPE(sym.st_info) == STT_FUNC) {
+        value &= ~1u;
+        functions_.emplace(value, name);
+      }
       symbols_.emplace(name, value);
     }
   }
@@ -117,6 +122,12 @@ uint32_t ProgramImage::opcodeAt(uint32_t address, uint8_t& size) const {
 bool ProgramImage::isCode(uint32_t address) const {
   const Segment* s = segmentOf(address, 2);
   return s != nullptr && s->executable;
+}
+
+std::string ProgramImage::functionAt(uint32_t address) const {
+  if (!isCode(address)) return "";
+  auto it = functions_.upper_bound(address);
+  return it == functions_.begin() ? "" : std::prev(it)->second;
 }
 
 std::optional<uint32_t> ProgramImage::symbol(const std::string& name) const {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -37,6 +38,9 @@ class ProgramImage {
   bool isCode(uint32_t address) const;
   // Address of a symbol (Thumb bit cleared for functions).
   std::optional<uint32_t> symbol(const std::string& name) const;
+  // The function whose code holds `address` (the nearest function symbol
+  // at or below it), "" outside the code.
+  std::string functionAt(uint32_t address) const;
   // Lowest and one past the highest executable address.
   uint32_t codeStart() const { return codeStart_; }
   uint32_t codeEnd() const { return codeEnd_; }
@@ -50,6 +54,7 @@ class ProgramImage {
   uint32_t codeEnd_ = 0;
   std::vector<Segment> segments_;
   std::unordered_map<std::string, uint32_t> symbols_;
+  std::map<uint32_t, std::string> functions_;  // start address to name
 };
 
 // True for the first halfword of a 32-bit Thumb instruction.

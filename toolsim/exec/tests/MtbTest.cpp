@@ -136,9 +136,6 @@ INSTANTIATE_TEST_SUITE_P(Boards, MtbTest, ::testing::ValuesIn(test::kBoards),
                          });
 
 TEST(MtbConfigTest, SizesAndRowLimit) {
-  EXPECT_EQ(parseBufferSize("32 Bytes"), 32u);
-  EXPECT_EQ(parseBufferSize("4 KB"), 4096u);
-  EXPECT_THROW(parseBufferSize("lots"), std::invalid_argument);
   EXPECT_THROW(MtbEncoder(config(24)), std::invalid_argument);
   EXPECT_THROW(MtbEncoder(config(64, true, 12)), std::invalid_argument);
 
