@@ -1,12 +1,15 @@
 #include "TraceRecorder.hpp"
 
 #include <mutex>
+
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "EtmDecoder.hpp"
 #include "EtmEncoder.hpp"
 #include "MtbDecoder.hpp"
 #include "MtbEncoder.hpp"
+#include "TdfRecording.hpp"
 
 namespace OstrandSim {
 
@@ -21,6 +24,14 @@ class DecodedRows final : public RowSource {
       : columns_(decoderColumns(receiver)), table_(std::move(table)) {
     for (const ColumnDef& c : columns_) from_.push_back(table_.columnIndex(c.name));
     read_ = table_.columnIndex(kReadAddress);
+    // "Timestamp": the cycles counted up to the row, so a reader with the
+    // CPU clock has real times.
+    const int cycles = table_.columnIndex(kCycles);
+    uint64_t counted = 0;
+    for (size_t r = 0; cycles >= 0 && r < table_.rowCount(); ++r) {
+      counted += table_.value(r, cycles).value_or(0);
+      timestamps_.push_back(counted);
+    }
   }
 
   const std::vector<ColumnDef>& columns() const override { return columns_; }
@@ -32,6 +43,8 @@ class DecodedRows final : public RowSource {
         if (auto v = table_.value(row, from_[c])) sink.value(c, *v);
       } else if (columns_[c].name == "Index") {
         sink.value(c, index);
+      } else if (columns_[c].name == "Timestamp" && row < timestamps_.size()) {
+        sink.value(c, timestamps_[row]);
       } else if (columns_[c].name == kTraceStatus && read_ >= 0 && table_.has(row, read_)) {
         sink.text(c, "Run");
       }
@@ -42,8 +55,20 @@ class DecodedRows final : public RowSource {
   const std::vector<ColumnDef>& columns_;
   RowTable table_;
   std::vector<int> from_;  // column of the decoded table, -1 if none
+  std::vector<uint64_t> timestamps_;  // per row, when the table counts cycles
   int read_ = -1;
 };
+
+std::shared_ptr<const RowSource> mtbRows(const MtbSnapshot& trace, const ProgramImage* image, bool hierarchical) {
+  MtbDecodeOptions options;
+  options.hierarchical = hierarchical;
+  options.maxRows = kMaxMtbRows;
+  return std::make_shared<DecodedRows>("MTB", decodeMtb(trace, image, options));
+}
+
+std::shared_ptr<const RowSource> etbRows(const EtmSnapshot& trace, const ProgramImage& image) {
+  return std::make_shared<DecodedRows>("ETB", decodeEtm(trace, image, nullptr, kMaxMtbRows));
+}
 
 class RecorderBase : public TraceRecorder {
  public:
@@ -113,10 +138,13 @@ class MtbRecorder final : public RecorderBase {
       std::lock_guard<std::mutex> guard(mutex_);
       snapshot = mtb_.snapshot();
     }
-    MtbDecodeOptions options;
-    options.hierarchical = hierarchical_;
-    options.maxRows = kMaxMtbRows;
-    return std::make_shared<DecodedRows>("MTB", decodeMtb(snapshot, image_.get(), options));
+    return mtbRows(snapshot, image_.get(), hierarchical_);
+  }
+  void saveTrace(TdfRecording& out) const override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    out.receiverName = "MTB";
+    out.mtb = mtb_.snapshot();
+    out.etm.reset();
   }
 
  private:
@@ -158,7 +186,13 @@ class EtbRecorder final : public RecorderBase {
       snapshot = etm_.snapshot();
     }
     if (!image_) return std::make_shared<TableRows>(decoderColumns("ETB"));
-    return std::make_shared<DecodedRows>("ETB", decodeEtm(snapshot, *image_, nullptr, kMaxMtbRows));
+    return etbRows(snapshot, *image_);
+  }
+  void saveTrace(TdfRecording& out) const override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    out.receiverName = "ETB";
+    out.etm = etm_.snapshot();
+    out.mtb.reset();
   }
 
  private:
@@ -189,6 +223,18 @@ std::unique_ptr<TraceRecorder> makeRecorder(const TraceSettings& settings, uint3
     return std::make_unique<EtbRecorder>(settings, traceId, clockHz, std::move(image), std::move(selfStop));
   }
   return std::make_unique<MtbRecorder>(settings, std::move(image), std::move(selfStop));
+}
+
+std::shared_ptr<const RowSource> decodeTraceRows(const TdfRecording& recording, const ProgramImage& image) {
+  if (recording.etm) return etbRows(*recording.etm, image);
+  if (!recording.mtb) return std::make_shared<TableRows>(decoderColumns(recording.receiverName));
+  // "Hierarchical Decode" of the run's configuration, as the recording keeps it.
+  bool hierarchical = true;
+  const nlohmann::json conf = nlohmann::json::parse(recording.configuration, nullptr, false);
+  if (conf.is_object() && conf.contains("Hierarchical Decode") && conf["Hierarchical Decode"].is_boolean()) {
+    hierarchical = conf["Hierarchical Decode"].get<bool>();
+  }
+  return mtbRows(*recording.mtb, &image, hierarchical);
 }
 
 const std::vector<ColumnDef>& decoderColumns(const std::string& receiver) {
