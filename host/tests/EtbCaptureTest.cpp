@@ -48,7 +48,8 @@ uint32_t nmAddress(const std::string& symbol) {
     char kind = 0;
     char name[200];
     while (std::fgets(line, sizeof line, pipe) != nullptr) {
-      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name) found = value;
+      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name)
+        found = value;
     }
     ::pclose(pipe);
   }
@@ -70,7 +71,8 @@ int freeLoopbackPort() {
 // What the shell printed, with what differs from run to run made fixed:
 // the temporary home and the operation handle of the enable reply.
 std::string normalised(std::string text, const std::string& home) {
-  for (size_t at = 0; (at = text.find(home, at)) != std::string::npos;) text.replace(at, home.size(), "<home>");
+  for (size_t at = 0; (at = text.find(home, at)) != std::string::npos;)
+    text.replace(at, home.size(), "<home>");
   static const std::regex handle(R"re(\{"data":[0-9]+,"response":2\})re");
   return std::regex_replace(text, handle, R"({"data":"<handle>","response":2})");
 }
@@ -78,7 +80,8 @@ std::string normalised(std::string text, const std::string& home) {
 // Function, and file:line, that addr2line gives for an address; empty
 // when the tool is not there.
 std::pair<std::string, std::string> addr2line(const std::string& hexAddress) {
-  std::string command = "arm-none-eabi-addr2line -f -e '" + kFirmware + "' 0x" + hexAddress + " 2>/dev/null";
+  std::string command =
+      "arm-none-eabi-addr2line -f -e '" + kFirmware + "' 0x" + hexAddress + " 2>/dev/null";
   std::string out;
   if (FILE* pipe = ::popen(command.c_str(), "r")) {
     char buffer[512];
@@ -102,8 +105,9 @@ std::string lineOf(const std::string& place) {
 class ShellSession {
  public:
   ShellSession(const std::string& home, int port) : out_(home + "/out") {
-    std::string command = "USERPROFILE='" + home + "' OSTRAND_TSP_PORT=" + std::to_string(port) + " '" +
-                          OSTRAND_PROGRAM + "' shell --sim >'" + out_ + "' 2>'" + home + "/err'";
+    std::string command = "USERPROFILE='" + home + "' OSTRAND_TSP_PORT=" + std::to_string(port) +
+                          " '" + OSTRAND_PROGRAM + "' shell --sim >'" + out_ + "' 2>'" + home +
+                          "/err'";
     pipe_ = ::popen(command.c_str(), "w");
   }
   ~ShellSession() { close(); }
@@ -139,10 +143,12 @@ class ShellSession {
 // text line per row: the cells joined by " | ".
 std::vector<std::vector<std::string>> etbTableRows(httplib::Client& client) {
   // The viewer's live experiment: the server scans the capture directories.
-  auto live = client.Post("/tsp/api/experiments", R"({"parameters":{"name":"LiveTarget","traces":[]}})",
-                          "application/json");
+  auto live =
+      client.Post("/tsp/api/experiments", R"({"parameters":{"name":"LiveTarget","traces":[]}})",
+                  "application/json");
   if (!live || live->status != 200) {
-    ADD_FAILURE() << "live experiment: " << (live ? live->status : -1) << " " << httplib::to_string(live.error());
+    ADD_FAILURE() << "live experiment: " << (live ? live->status : -1) << " "
+                  << httplib::to_string(live.error());
     return {};
   }
   auto listed = client.Get("/tsp/api/experiments");
@@ -167,9 +173,10 @@ std::vector<std::vector<std::string>> etbTableRows(httplib::Client& client) {
   for (const auto& output : json::parse(outputs->body)) {
     if (output.value("type", "") == "TABLE") table = output.at("id");
   }
-  auto lines = client.Post(base + "/outputs/table/" + table + "/lines",
-                           R"({"parameters":{"requested_table_index":0,"requested_table_count":100000}})",
-                           "application/json");
+  auto lines =
+      client.Post(base + "/outputs/table/" + table + "/lines",
+                  R"({"parameters":{"requested_table_index":0,"requested_table_count":100000}})",
+                  "application/json");
   if (!lines || lines->status != 200) {
     ADD_FAILURE() << "no lines: " << (lines ? lines->body : httplib::to_string(lines.error()));
     return {};
@@ -198,7 +205,8 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
 
   shell.send("{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n");
   EXPECT_EQ(shell.close(), 0) << readFile(home / "err");
-  EXPECT_TRUE(matchesGolden(normalised(shell.output(), home.path()), kGolden + "etb_capture.expected"));
+  EXPECT_TRUE(
+      matchesGolden(normalised(shell.output(), home.path()), kGolden + "etb_capture.expected"));
 
   // The table: Seq., PC, Opcode, Function, File, Line, Source, Asm, Dir,
   // Cycles. Only instructions of the range are traced, each with its
@@ -213,8 +221,8 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
     const auto& cells = rows[i];
     ASSERT_EQ(cells.size(), 10u);
     if (i < kGoldenRows) {
-      table << cells[0] << " | " << cells[1] << " | " << cells[2] << " | " << cells[3] << " | " << cells[4]
-            << " | " << cells[5] << " | " << cells[7] << " | " << cells[9] << "\n";
+      table << cells[0] << " | " << cells[1] << " | " << cells[2] << " | " << cells[3] << " | "
+            << cells[4] << " | " << cells[5] << " | " << cells[7] << " | " << cells[9] << "\n";
     }
     EXPECT_FALSE(cells[3].empty() || cells[3] == "n/a") << cells[1];
     EXPECT_FALSE(cells[5].empty()) << cells[1];
@@ -241,8 +249,9 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
   runs << "runs: " << data["data"].size() << "\n";
   for (const auto& run : data["data"]) {
     if (run["seq"].asUInt() >= kGoldenRows) break;
-    runs << run["seq"].asUInt() << " | " << run["first"].asString() << " | " << run["last"].asString() << " | "
-         << run["function"].asString() << " | " << run["file"].asString() << "\n";
+    runs << run["seq"].asUInt() << " | " << run["first"].asString() << " | "
+         << run["last"].asString() << " | " << run["function"].asString() << " | "
+         << run["file"].asString() << "\n";
   }
   EXPECT_TRUE(matchesGolden(runs.str(), kGolden + "etb_capture_runs.expected"));
 

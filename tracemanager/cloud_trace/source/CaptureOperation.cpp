@@ -190,7 +190,8 @@ int32_t Op::switchToolOperations(bool on, DecoderUse use) {
   // that order; gives the last result.
   auto disable = [this](uint32_t subs) {
     int32_t r = tools->enableOperation(operationHandle, false, false);
-    for (uint32_t i = 0; i < subs; ++i) r = tools->enableOperation(subOperationHandles[i], false, false);
+    for (uint32_t i = 0; i < subs; ++i)
+      r = tools->enableOperation(subOperationHandles[i], false, false);
     return r;
   };
   if (!on) {
@@ -244,7 +245,6 @@ void Op::exportTraceMetaData(const std::string& writer, const char* dataFile) {
   deliver("metadata", metadata, writer + "::exportMetaData");
 }
 
-void Op::exportTraceData(const std::string& writer, const char* dataFile,
-                         const Json::Value& data) {
+void Op::exportTraceData(const std::string& writer, const char* dataFile, const Json::Value& data) {
   deliver(dataFile, data, writer + "::exportData");
 }

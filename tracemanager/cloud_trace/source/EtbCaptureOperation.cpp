@@ -87,8 +87,8 @@ Etb::EtbCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string targ
 Etb::~EtbCaptureOperation() { data = Json::Value(); }
 
 Etb::Evaluation Etb::evaluation() const {
-  return {rangeCount, startStopCount, traceOnValid, rangeValid, startStopValid, hasStartTrace,
-          triggerCase};
+  return {rangeCount,     startStopCount, traceOnValid, rangeValid,
+          startStopValid, hasStartTrace,  triggerCase};
 }
 
 void Etb::createDefaultSettings() {
@@ -96,7 +96,8 @@ void Etb::createDefaultSettings() {
   const Json::Value& cases = sessionSettings[target]["useCases"]["properties"];
   bufferCase = 0;
   std::string bufferType = "Circular";
-  if (const Json::Value* v = findUseCaseValue(cases, bufferCase, kBufferTypeId)) bufferType = text(*v);
+  if (const Json::Value* v = findUseCaseValue(cases, bufferCase, kBufferTypeId))
+    bufferType = text(*v);
   QX_LOG_MESSAGE("ucProps Elements = %d", cases.isArray() ? static_cast<int>(cases.size()) : 0);
 
   subOperationCount = 0;
@@ -272,7 +273,8 @@ uint32_t Etb::createHlOperation() {
   uint32_t rangesDone = 0;
   if (rangeValid) {
     for (uint32_t i = 0; i < rangeCount && firstRange + i < subOperationCount; ++i, ++rangesDone) {
-      Json::Value& actions = subOperationProps[firstRange + i][0]["sub_properties"][rangeActionIndex];
+      Json::Value& actions =
+          subOperationProps[firstRange + i][0]["sub_properties"][rangeActionIndex];
       actions["sub_properties"][0]["value"]["address"] =
           evaluateAddress(rangeStart[i], AddressRole::kRangeStart);
       actions["sub_properties"][1]["value"]["address"] =
@@ -284,9 +286,10 @@ uint32_t Etb::createHlOperation() {
     for (uint32_t i = 0; i < startStopCount && firstTrigger + i < subOperationCount; ++i) {
       Json::Value& actions =
           subOperationProps[firstTrigger + i][0]["sub_properties"][triggerActionIndex];
-      Json::Value& where = coreHasTriggerForm
-                               ? actions["sub_properties"][0]["sub_properties"][0]["sub_properties"][0]
-                               : actions["sub_properties"][0];
+      Json::Value& where =
+          coreHasTriggerForm
+              ? actions["sub_properties"][0]["sub_properties"][0]["sub_properties"][0]
+              : actions["sub_properties"][0];
       where["value"]["address"] = evaluateAddress(triggerAddress[i], AddressRole::kTrigger);
     }
   }
@@ -315,17 +318,14 @@ VSKTspServer::EtbRecordStore& Etb::storeForDecode() {
 void Etb::onDataReady() {
   QX_TRACE_FUNCTION("LocalOpManager::EtbCaptureOperation::onDataReady");
   if (state != Collecting) {
-    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING",
-                   stateText(state));
+    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING", stateText(state));
     return;
   }
   state = Idle;
   if (tools == nullptr) return;
   std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-  VSKTspServer::EtbRecordStore& store = storeForDecode();
-  lastStore = &store;
   uint32_t count = 0;
-  if (tools->decodeETBTrace(operationHandle, count, data, store) != 0) {
+  if (tools->decodeETBTrace(operationHandle, count, data, storeForDecode()) != 0) {
     throw std::runtime_error("DecodeETBTrace failed: " + tools->getLastError());
   }
   resolveDataReady();

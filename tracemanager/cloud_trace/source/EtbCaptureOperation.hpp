@@ -70,9 +70,9 @@ class LocalOpManager::EtbCaptureOperation : public LocalOpManager::CaptureOperat
   const Json::Value& getSubOperationProps(uint32_t i) const { return subOperationProps.at(i); }
   uint32_t getSubOperationHandle(uint32_t i) const { return subOperationHandles.at(i); }
   const Json::Value& getData() const { return data; }
-  // The store the last decode wrote into: the server's, or the operation's
-  // own when there is no server.
-  const VSKTspServer::EtbRecordStore* recordStore() const { return lastStore; }
+  // The records of a capture decoded without a trace server; null while
+  // every decode went to the server's store.
+  const VSKTspServer::EtbRecordStore* ownRecordStore() const { return ownRecords.get(); }
 
   // The address a text names when it is no symbol: hexadecimal, with or
   // without "0x", digits up to the first character that is none. False
@@ -111,5 +111,4 @@ class LocalOpManager::EtbCaptureOperation : public LocalOpManager::CaptureOperat
 
   Json::Value data{Json::objectValue};  // the run rows, empty until data is ready
   std::unique_ptr<VSKTspServer::EtbRecordStore> ownRecords;  // without a server
-  const VSKTspServer::EtbRecordStore* lastStore = nullptr;
 };

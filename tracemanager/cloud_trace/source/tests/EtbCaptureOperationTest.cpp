@@ -21,8 +21,8 @@
 #include "json_interface/WorkQueue.hpp"
 #include "kit/CapstoneDisasmManager.hpp"
 #include "kit/ElfSymbolManager.hpp"
-#include "source_utilities/HostApis.hpp"
 #include "sim/SimControl.hpp"
+#include "source_utilities/HostApis.hpp"
 #include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -119,30 +119,72 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         MatrixCase{"Nothing", "CM4", {}, {}, {kOn}, true, false, false},
         MatrixCase{"ARange", "CM4", {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
-        MatrixCase{"ARangeOnTriggerFormCore", "xDsby", {{"main", "fir_step"}}, {}, {kIn}, false, true,
+        MatrixCase{"ARangeOnTriggerFormCore",
+                   "xDsby",
+                   {{"main", "fir_step"}},
+                   {},
+                   {kIn},
+                   false,
+                   true,
                    false},
-        MatrixCase{"CaseMattersInTheCoreName", "xdsby", {{"main", "fir_step"}}, {}, {kOn, kIn}, true,
-                   true, false},
+        MatrixCase{"CaseMattersInTheCoreName",
+                   "xdsby",
+                   {{"main", "fir_step"}},
+                   {},
+                   {kOn, kIn},
+                   true,
+                   true,
+                   false},
         MatrixCase{"EndTriggerOnly", "CM4", {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
         MatrixCase{"StartTrigger", "CM4", {}, {{"0x100", kStart}}, {kStart}, false, false, true},
-        MatrixCase{"RangeAndStart", "CM4", {{"a", "b"}}, {{"c", kStart}}, {kIn, kStart}, false, true,
+        MatrixCase{"RangeAndStart",
+                   "CM4",
+                   {{"a", "b"}},
+                   {{"c", kStart}},
+                   {kIn, kStart},
+                   false,
+                   true,
                    true},
         // A range with one end empty counts as a range use case, so the
         // trigger is looked for one use case later, but makes no tree.
-        MatrixCase{"HalfRangeThenTrigger", "CM4", {{"a", ""}}, {{"c", kEnd}}, {kOn, kEnd}, true,
-                   false, true},
-        MatrixCase{"BlankTriggerIsEmpty", "CM4", {}, {{"   ", kEnd}}, {kOn}, true, false, false},
-        MatrixCase{"TriggerWithoutTypeMakesNoTree", "CM4", {}, {{"0x10", ""}}, {kOn}, true, false,
+        MatrixCase{"HalfRangeThenTrigger",
+                   "CM4",
+                   {{"a", ""}},
+                   {{"c", kEnd}},
+                   {kOn, kEnd},
+                   true,
+                   false,
                    true},
+        MatrixCase{"BlankTriggerIsEmpty", "CM4", {}, {{"   ", kEnd}}, {kOn}, true, false, false},
+        MatrixCase{
+            "TriggerWithoutTypeMakesNoTree", "CM4", {}, {{"0x10", ""}}, {kOn}, true, false, true},
         // Trace on, two ranges and two triggers: the fifth tree is not made.
-        MatrixCase{"FourTreesAtMost", "CM4", {{"a", "b"}, {"c", "d"}}, {{"e", kEnd}, {"f", kEnd}},
-                   {kOn, kIn, kIn, kEnd}, true, true, true},
+        MatrixCase{"FourTreesAtMost",
+                   "CM4",
+                   {{"a", "b"}, {"c", "d"}},
+                   {{"e", kEnd}, {"f", kEnd}},
+                   {kOn, kIn, kIn, kEnd},
+                   true,
+                   true,
+                   true},
         // Two ranges at most: a third is left out, and the triggers after
         // it are still found.
-        MatrixCase{"ThirdRangeLeftOut", "CM4", {{"a", "b"}, {"c", "d"}, {"e", "f"}}, {{"g", kStart}},
-                   {kIn, kIn, kStart}, false, true, true},
-        MatrixCase{"ThirdTriggerLeftOut", "CM4", {}, {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
-                   {kOn, kEnd, kEnd}, true, false, true}),
+        MatrixCase{"ThirdRangeLeftOut",
+                   "CM4",
+                   {{"a", "b"}, {"c", "d"}, {"e", "f"}},
+                   {{"g", kStart}},
+                   {kIn, kIn, kStart},
+                   false,
+                   true,
+                   true},
+        MatrixCase{"ThirdTriggerLeftOut",
+                   "CM4",
+                   {},
+                   {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
+                   {kOn, kEnd, kEnd},
+                   true,
+                   false,
+                   true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachForm) {
@@ -225,18 +267,15 @@ TEST_P(EtbHexTest, ReadsDigitsUpToTheFirstOther) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, EtbHexTest,
-                         ::testing::Values(HexCase{"1000", true, 0x1000, false},
-                                           HexCase{"0x1000zz", true, 0x1000, false},
-                                           HexCase{"0XfF", true, 0xFF, false},
-                                           HexCase{"FFFFFFFF", true, 0xFFFFFFFF, false},
-                                           HexCase{"00000000000e4", true, 0xE4, false},
-                                           HexCase{"zz", false, 0, false},
-                                           HexCase{"0x", false, 0, false},
-                                           HexCase{"", false, 0, false},
-                                           HexCase{"-1", false, 0, false},
-                                           HexCase{"100000000", false, 0, true},
-                                           HexCase{"0x123456789", false, 0, true}));
+INSTANTIATE_TEST_SUITE_P(
+    Texts, EtbHexTest,
+    ::testing::Values(HexCase{"1000", true, 0x1000, false},
+                      HexCase{"0x1000zz", true, 0x1000, false}, HexCase{"0XfF", true, 0xFF, false},
+                      HexCase{"FFFFFFFF", true, 0xFFFFFFFF, false},
+                      HexCase{"00000000000e4", true, 0xE4, false}, HexCase{"zz", false, 0, false},
+                      HexCase{"0x", false, 0, false}, HexCase{"", false, 0, false},
+                      HexCase{"-1", false, 0, false}, HexCase{"100000000", false, 0, true},
+                      HexCase{"0x123456789", false, 0, true}));
 
 // ---------------------------------------------------------------- on the simulation
 
@@ -245,8 +284,8 @@ const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base/";
 // The symbol's address as the GNU tools read it from the firmware; 0 when
 // they are not installed.
 uint32_t nmAddress(const std::string& symbol) {
-  std::string command =
-      "arm-none-eabi-nm '" + std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/m4.elf' 2>/dev/null";
+  std::string command = "arm-none-eabi-nm '" + std::string(OSTRAND_SOURCE_DIR) +
+                        "/testdata/firmware/m4.elf' 2>/dev/null";
   uint32_t found = 0;
   if (FILE* pipe = ::popen(command.c_str(), "r")) {
     char line[256];
@@ -254,7 +293,8 @@ uint32_t nmAddress(const std::string& symbol) {
     char kind = 0;
     char name[200];
     while (std::fgets(line, sizeof line, pipe) != nullptr) {
-      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name) found = value;
+      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name)
+        found = value;
     }
     ::pclose(pipe);
   }
@@ -287,7 +327,8 @@ class EtbSimTest : public ::testing::Test {
   void SetUp() override {
     handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
     ASSERT_NE(handle, nullptr) << dlerror();
-    auto load = reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
+    auto load =
+        reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
     auto connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
     ASSERT_EQ(load(""), 0);
     ASSERT_EQ(connect("CM4"), 0);
@@ -296,12 +337,12 @@ class EtbSimTest : public ::testing::Test {
     manager = LocalOpManager::instance();
     tools = manager->getTools();
     ASSERT_NE(tools, nullptr);
-    connections = manager->connect(nullptr, nullptr, nullptr,
-                                   [this](const std::string&, const std::string&, const std::string&,
-                                          const std::string& d) {
-                                     std::lock_guard<std::mutex> guard(statusMutex);
-                                     statuses += d;
-                                   });
+    connections = manager->connect(
+        nullptr, nullptr, nullptr,
+        [this](const std::string&, const std::string&, const std::string&, const std::string& d) {
+          std::lock_guard<std::mutex> guard(statusMutex);
+          statuses += d;
+        });
     for (int i = 0; i < 200; ++i) {
       bool connected = false;
       {
@@ -323,7 +364,8 @@ class EtbSimTest : public ::testing::Test {
     WorkQueue::instance().drain();
     if (handle != nullptr) dlclose(handle);
   }
-  std::unique_ptr<Etb> make(const std::vector<Range>& ranges, const std::vector<Trigger>& triggers) {
+  std::unique_ptr<Etb> make(const std::vector<Range>& ranges,
+                            const std::vector<Trigger>& triggers) {
     auto op = std::make_unique<Etb>(static_cast<int32_t>(manager->getId()), tools, "CM4",
                                     useCases("CM4", ranges, triggers), manager.get());
     op->configure(Json::Value(), nullptr);
@@ -350,7 +392,8 @@ TEST_F(EtbSimTest, AddressesResolveAsSymbolsThenHexadecimalAndEveryTreeBecomesAn
   ASSERT_TRUE(op->isCreated());
   ASSERT_EQ(op->getSubOperationCount(), 2u);
   const Json::Value& range = op->getSubOperationProps(0)[0]["sub_properties"][1]["sub_properties"];
-  const Json::Value& trigger = op->getSubOperationProps(1)[0]["sub_properties"][1]["sub_properties"];
+  const Json::Value& trigger =
+      op->getSubOperationProps(1)[0]["sub_properties"][1]["sub_properties"];
   if (uint32_t step = nmAddress("fir_step")) {
     EXPECT_EQ(range[0]["value"]["address"].asUInt(), step);
     EXPECT_EQ(range[1]["value"]["address"].asUInt(), nmAddress("fir_gain"));
@@ -364,6 +407,28 @@ TEST_F(EtbSimTest, AddressesResolveAsSymbolsThenHexadecimalAndEveryTreeBecomesAn
   EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Armed);
   EXPECT_EQ(op->enable(false), 0);
   EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Idle);
+}
+
+// A sub-operation the tool no longer knows fails its enable: the tool's
+// number comes back, the capture stays Armed for the manager to handle, and
+// what was enabled before it is disabled again, so a second try starts
+// from nothing enabled.
+TEST_F(EtbSimTest, FailedSubOperationEnableGivesTheToolsNumber) {
+  auto op = make({{"main", "fir_step"}}, {{"0xe4", kEnd}});
+  op->createHlOperation();
+  ASSERT_EQ(op->getSubOperationCount(), 3u);
+  {
+    std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+    tools->releaseOperation(op->getSubOperationHandle(1));
+  }
+  EXPECT_EQ(op->enable(true), -1);
+  EXPECT_EQ(tools->getLastError(), "Invalid operation handle");
+  EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Armed);
+  EXPECT_TRUE(op->isEnabled());
+  // No trace application was made, so the main operation can have one now.
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  EXPECT_EQ(tools->createTraceApp(op->getOperationHandle()), 0);
+  tools->destroyTraceApp(op->getOperationHandle());
 }
 
 struct BadAddressCase {
@@ -393,16 +458,27 @@ TEST_P(EtbBadAddressTest, StatusShownAndNothingCreated) {
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, EtbBadAddressTest,
-    ::testing::Values(
-        BadAddressCase{"RangeStart", {{"zz", "main"}}, {}, "Failed to evaluate Range: Start: as a hex address",
-                       "Failed to set properties: "},
-        BadAddressCase{"RangeEnd", {{"0x150", "no_such_function"}}, {},
-                       "Failed to evaluate Range: End: as a hex address", "Failed to set properties: "},
-        BadAddressCase{"Trigger", {}, {{"zz", kEnd}},
-                       "Failed to evaluate Start/Stop: Address: as a hex address", "Failed to set properties: "},
-        BadAddressCase{"TriggerBeyond32Bits", {}, {{"0x123456789", kStart}},
-                       "Failed to evaluate Start/Stop: Address: as a hex address",
-                       "Start/Stop: Address: '0x123456789' is beyond the 32-bit address range"}),
+    ::testing::Values(BadAddressCase{"RangeStart",
+                                     {{"zz", "main"}},
+                                     {},
+                                     "Failed to evaluate Range: Start: as a hex address",
+                                     "Failed to set properties: "},
+                      BadAddressCase{"RangeEnd",
+                                     {{"0x150", "no_such_function"}},
+                                     {},
+                                     "Failed to evaluate Range: End: as a hex address",
+                                     "Failed to set properties: "},
+                      BadAddressCase{"Trigger",
+                                     {},
+                                     {{"zz", kEnd}},
+                                     "Failed to evaluate Start/Stop: Address: as a hex address",
+                                     "Failed to set properties: "},
+                      BadAddressCase{
+                          "TriggerBeyond32Bits",
+                          {},
+                          {{"0x123456789", kStart}},
+                          "Failed to evaluate Start/Stop: Address: as a hex address",
+                          "Start/Stop: Address: '0x123456789' is beyond the 32-bit address range"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Without a trace server there is no record store of the server's: the
@@ -422,8 +498,8 @@ TEST_F(EtbSimTest, WithoutATraceServerTheCaptureDecodesIntoItsOwnStore) {
   }
   op->onDataReady();
   EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Idle);
-  ASSERT_NE(op->recordStore(), nullptr);
-  EXPECT_GT(op->recordStore()->size(), 0u);
+  ASSERT_NE(op->ownRecordStore(), nullptr);
+  EXPECT_GT(op->ownRecordStore()->size(), 0u);
   const std::string dir = home.data() + "/live-targets/CM4/ETB";
   Json::Value data;
   ASSERT_TRUE(Json::Reader().parse(readText(dir + "/etb_data.json"), data));
