@@ -2,10 +2,13 @@
 
 #include <ctime>
 #include <fstream>
+#include <mutex>
+#include <stdexcept>
 #include <utility>
 
 #include "experiments/DataBroker.hpp"
 #include "source_utilities/Logger.hpp"
+#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
@@ -157,4 +160,91 @@ void Op::deliver(const std::string& name, const Json::Value& content, const std:
   if (reportWriteFailure && file.fail()) {
     QX_LOG_ERROR("%s(): Failed to write file %s", writer.c_str(), path.c_str());
   }
+}
+
+// ---------------------------------------------------------------- tool side
+
+void Op::createMainOperation(const char* word) {
+  created = false;
+  if (tools == nullptr) {
+    throw std::runtime_error(std::string("Cannot enable ") + word + ": No target selected");
+  }
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  createToolOperation(operationHandle, settings, 2);
+}
+
+void Op::createToolOperation(uint32_t& handle, const Json::Value& props, uint32_t kind) {
+  if (tools->createTraceOperation(clientId, target, handle, kind) != 0) {
+    throw std::runtime_error("Failed to create operation: " + tools->getLastError());
+  }
+  if (tools->setOperationProperties(handle, props) != 0) {
+    throw std::runtime_error("Failed to set properties: " + tools->getLastError());
+  }
+}
+
+int32_t Op::switchToolOperations(bool on, DecoderUse use) {
+  enabled = on;
+  if (tools == nullptr) return -1;
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  // Disables the main operation and the first `subs` sub-operations, in
+  // that order; gives the last result.
+  auto disable = [this](uint32_t subs) {
+    int32_t r = tools->enableOperation(operationHandle, false, false);
+    for (uint32_t i = 0; i < subs; ++i)
+      r = tools->enableOperation(subOperationHandles[i], false, false);
+    return r;
+  };
+  if (!on) {
+    int32_t r = disable(subOperationCount);
+    tools->destroyTraceApp(operationHandle);
+    return r;
+  }
+  int32_t r = tools->enableOperation(operationHandle, true, false);
+  if (r != 0) return r;
+  for (uint32_t i = 0; i < subOperationCount; ++i) {
+    r = tools->enableOperation(subOperationHandles[i], true, false);
+    if (r != 0) {
+      disable(i);
+      return r;
+    }
+  }
+  r = tools->createTraceApp(operationHandle);
+  switch (use) {
+    case DecoderUse::kSymbols:
+      if (r != 0) break;
+      // Without an object file the rows still decode, only without
+      // symbols; the attach step reports whether the decoder got one.
+      tools->loadObjectInfo(operationHandle);
+      return tools->attachObjectInfo(operationHandle);
+    case DecoderUse::kSymbolsAllOrNothing:
+      if (r != 0) break;
+      tools->loadObjectInfo(operationHandle);
+      r = tools->attachObjectInfo(operationHandle);
+      break;
+    case DecoderUse::kOptional:
+      // -3 and -4: the power channel has no instruction decoder, which a
+      // power capture does not need.
+      if (r == -3 || r == -4) r = 0;
+      break;
+  }
+  if (r == 0) return 0;
+  disable(subOperationCount);
+  return r;
+}
+
+// ---------------------------------------------------------------- export
+
+void Op::exportTraceMetaData(const std::string& writer, const char* dataFile) {
+  metadata = Json::Value(Json::objectValue);
+  metadata["typeId"] = type;
+  metadata["time"] = timeStamp();
+  metadata["source"] = "VSK Vireo";
+  metadata["device"] = target;
+  metadata["deviceId"] = "unknown";
+  metadata["dataFile"] = dataFile;
+  deliver("metadata", metadata, writer + "::exportMetaData");
+}
+
+void Op::exportTraceData(const std::string& writer, const char* dataFile, const Json::Value& data) {
+  deliver(dataFile, data, writer + "::exportData");
 }

@@ -83,6 +83,40 @@ class LocalOpManager::CaptureOperation {
   // Posts the task that resolves dataReady on the worker.
   void resolveDataReady();
 
+  // The tool side of a live capture. `word` names the capture in the
+  // failure "Cannot enable <word>: No target selected". Makes the main
+  // operation (kind 2) with `settings`; throws with the fixed prefixes.
+  // Leaves `created` false: the caller sets it when all its operations
+  // exist. Takes the tool lock (recursive: a caller may hold it already).
+  void createMainOperation(const char* word);
+  // Makes one tool operation of `kind` for the target and hands it `props`.
+  // The caller holds the tool lock.
+  void createToolOperation(uint32_t& handle, const Json::Value& props, uint32_t kind);
+
+  // What a capture needs of the decoder once its operations are enabled.
+  enum class DecoderUse {
+    // The decoder and the object file; a failed attach is returned as it
+    // is and the operations stay enabled.
+    kSymbols,
+    // The decoder and the object file, all or nothing: any failure
+    // disables every operation again.
+    kSymbolsAllOrNothing,
+    // A power capture: a channel without an instruction decoder (-3, -4)
+    // is no failure.
+    kOptional,
+  };
+  // enableImpl of a live capture: the main operation, then the
+  // sub-operations in order (a failing one disables those enabled before
+  // it and the main operation), then the trace application. Disabling
+  // goes main first, then the sub-operations, and returns the last result.
+  int32_t switchToolOperations(bool on, DecoderUse use);
+
+  // The six members of an instruction or file capture's metadata, then
+  // its delivery as "metadata". `writer` is the qualified class name.
+  void exportTraceMetaData(const std::string& writer, const char* dataFile);
+  // Delivers the decoded document as `dataFile`.
+  void exportTraceData(const std::string& writer, const char* dataFile, const Json::Value& data);
+
   std::string type;
   int32_t clientId = -1;
   CloudHemlock* tools = nullptr;

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "cloud_trace/source/CaptureOperation.hpp"
+#include "cloud_trace/source/EtbCaptureOperation.hpp"
 #include "cloud_trace/source/EventHandler.hpp"
 #include "cloud_trace/source/MtbCaptureOperation.hpp"
 #include "cloud_trace/source/TdfCaptureOperation.hpp"
@@ -47,6 +48,11 @@ std::map<std::string, LocalOpManager::OperationMaker>& makers() {
        [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
           LocalOpManager*) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
          return std::make_unique<LocalOpManager::MtbCaptureOperation>(id, tools, target, s);
+       }},
+      {kFeatureETB,
+       [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,
+          LocalOpManager* owner) -> std::unique_ptr<LocalOpManager::CaptureOperation> {
+         return std::make_unique<LocalOpManager::EtbCaptureOperation>(id, tools, target, s, owner);
        }},
       {kFeatureTDF,
        [](int32_t id, CloudHemlock* tools, const std::string& target, const Json::Value& s,

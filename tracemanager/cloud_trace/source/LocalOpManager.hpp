@@ -75,6 +75,7 @@ class LocalOpManager : public std::enable_shared_from_this<LocalOpManager> {
   class CaptureOperation;
   class WLCaptureOperation;
   class MtbCaptureOperation;
+  class EtbCaptureOperation;
   class TdfCaptureOperation;
 
   using TargetEventFn =

@@ -49,40 +49,12 @@ void Mtb::createDefaultSettings() {
 
 uint32_t Mtb::createHlOperation() {
   QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::createHlOperation");
-  created = false;
-  if (tools == nullptr) throw std::runtime_error("Cannot enable MTB: No target selected");
-  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-  if (tools->createTraceOperation(clientId, target, operationHandle, 2) != 0) {
-    throw std::runtime_error("Failed to create operation: " + tools->getLastError());
-  }
-  if (tools->setOperationProperties(operationHandle, settings) != 0) {
-    throw std::runtime_error("Failed to set properties: " + tools->getLastError());
-  }
+  createMainOperation("MTB");
   created = true;
   return operationHandle;
 }
 
-int32_t Mtb::enableImpl(bool on) {
-  enabled = on;
-  if (tools == nullptr) return -1;
-  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-  if (!on) {
-    int32_t r = tools->enableOperation(operationHandle, false, false);
-    tools->destroyTraceApp(operationHandle);
-    return r;
-  }
-  int32_t r = tools->enableOperation(operationHandle, true, false);
-  if (r != 0) return r;
-  r = tools->createTraceApp(operationHandle);
-  if (r != 0) {
-    tools->enableOperation(operationHandle, false, false);
-    return r;
-  }
-  // Without an object file the rows still decode, only without symbols; the
-  // attach step reports whether the decoder got one.
-  tools->loadObjectInfo(operationHandle);
-  return tools->attachObjectInfo(operationHandle);
-}
+int32_t Mtb::enableImpl(bool on) { return switchToolOperations(on, DecoderUse::kSymbols); }
 
 void Mtb::onDataReady() {
   QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::onDataReady");
@@ -108,17 +80,10 @@ void Mtb::onDataReady() {
 
 void Mtb::exportMetaData() {
   QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::exportMetaData");
-  metadata = Json::Value(Json::objectValue);
-  metadata["typeId"] = type;
-  metadata["time"] = timeStamp();
-  metadata["source"] = "VSK Vireo";
-  metadata["device"] = target;
-  metadata["deviceId"] = "unknown";
-  metadata["dataFile"] = "mtb_data.json";
-  deliver("metadata", metadata, "LocalOpManager::MtbCaptureOperation::exportMetaData");
+  exportTraceMetaData("LocalOpManager::MtbCaptureOperation", "mtb_data.json");
 }
 
 void Mtb::exportData() {
   QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::exportData");
-  deliver("mtb_data.json", data, "LocalOpManager::MtbCaptureOperation::exportData");
+  exportTraceData("LocalOpManager::MtbCaptureOperation", "mtb_data.json", data);
 }

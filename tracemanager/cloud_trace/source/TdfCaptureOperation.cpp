@@ -140,17 +140,10 @@ void Tdf::onDataReady() {
 
 void Tdf::exportMetaData() {
   QX_TRACE_FUNCTION("LocalOpManager::TdfCaptureOperation::exportMetaData");
-  metadata = Json::Value(Json::objectValue);
-  metadata["typeId"] = type;
-  metadata["time"] = timeStamp();
-  metadata["source"] = "VSK Vireo";
-  metadata["device"] = target;
-  metadata["deviceId"] = "unknown";
-  metadata["dataFile"] = "tdf_data.json";
-  deliver("metadata", metadata, "LocalOpManager::TdfCaptureOperation::exportMetaData");
+  exportTraceMetaData("LocalOpManager::TdfCaptureOperation", "tdf_data.json");
 }
 
 void Tdf::exportData() {
   QX_TRACE_FUNCTION("LocalOpManager::TdfCaptureOperation::exportData");
-  deliver("tdf_data.json", data, "LocalOpManager::TdfCaptureOperation::exportData");
+  exportTraceData("LocalOpManager::TdfCaptureOperation", "tdf_data.json", data);
 }

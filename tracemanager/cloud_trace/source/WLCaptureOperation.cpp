@@ -56,37 +56,12 @@ void WL::createDefaultSettings() {
 
 uint32_t WL::createHlOperation() {
   QX_TRACE_FUNCTION("LocalOpManager::WLCaptureOperation::createHlOperation");
-  created = false;
-  if (tools == nullptr) throw std::runtime_error("Cannot enable WL: No target selected");
-  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-  if (tools->createTraceOperation(clientId, target, operationHandle, 2) != 0) {
-    throw std::runtime_error("Failed to create operation: " + tools->getLastError());
-  }
-  if (tools->setOperationProperties(operationHandle, settings) != 0) {
-    throw std::runtime_error("Failed to set properties: " + tools->getLastError());
-  }
+  createMainOperation("WL");
   created = true;
   return operationHandle;
 }
 
-int32_t WL::enableImpl(bool on) {
-  enabled = on;
-  if (tools == nullptr) return -1;
-  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-  if (!on) {
-    int32_t r = tools->enableOperation(operationHandle, false, false);
-    tools->destroyTraceApp(operationHandle);
-    return r;
-  }
-  int32_t r = tools->enableOperation(operationHandle, true, false);
-  if (r != 0) return r;
-  r = tools->createTraceApp(operationHandle);
-  // -3 and -4: the power channel has no instruction decoder, which a power
-  // capture does not need.
-  if (r == 0 || r == -3 || r == -4) return 0;
-  tools->enableOperation(operationHandle, false, false);
-  return r;
-}
+int32_t WL::enableImpl(bool on) { return switchToolOperations(on, DecoderUse::kOptional); }
 
 void WL::onDataReady() {
   QX_TRACE_FUNCTION("LocalOpManager::WLCaptureOperation::onDataReady");

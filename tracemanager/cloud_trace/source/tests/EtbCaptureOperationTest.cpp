@@ -1,0 +1,511 @@
+// The ETB capture: which sub-operations the use cases make (the
+// configuration matrix and its bounds), the form of their trees, the
+// reading of address texts, and on the simulated debug environment the
+// resolution of symbols, the failures of an address that reads as nothing,
+// and a capture decoded without a trace server.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "CaptureTestDirs.hpp"
+#include "cloud_trace/source/EtbCaptureOperation.hpp"
+#include "cloud_trace/source/LocalOpManager.hpp"
+#include "experiments/EtbRecordStore.hpp"
+#include "json_interface/WorkQueue.hpp"
+#include "kit/CapstoneDisasmManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "sim/SimControl.hpp"
+#include "source_utilities/HostApis.hpp"
+#include "tool_access/CloudHemlock.hpp"
+
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace {
+
+using Etb = LocalOpManager::EtbCaptureOperation;
+using namespace std::chrono_literals;
+
+struct Range {
+  std::string start, end;
+};
+struct Trigger {
+  std::string address, type;
+};
+
+Json::Value idValue(const std::string& id, const std::string& value) {
+  Json::Value p(Json::objectValue);
+  p["id"] = id;
+  p["value"] = value;
+  return p;
+}
+
+// Session settings of `target` with the use cases in their usual order:
+// the buffer type, trace on, the ranges, then the triggers.
+Json::Value useCases(const std::string& target, const std::vector<Range>& ranges,
+                     const std::vector<Trigger>& triggers, const std::string& buffer = "Circular") {
+  Json::Value cases(Json::arrayValue);
+  Json::Value first(Json::objectValue);
+  first["properties"].append(
+      idValue("Hardware Configuration.Receiver Settings.Receiver.Buffer Type", buffer));
+  cases.append(first);
+  Json::Value traceOn(Json::objectValue);
+  traceOn["properties"] = Json::Value(Json::arrayValue);
+  cases.append(traceOn);
+  for (const auto& r : ranges) {
+    Json::Value c(Json::objectValue);
+    c["properties"].append(idValue("Range.Start", r.start));
+    c["properties"].append(idValue("Range.End", r.end));
+    cases.append(c);
+  }
+  for (const auto& t : triggers) {
+    Json::Value c(Json::objectValue);
+    c["properties"].append(idValue("Trigger.Address", t.address));
+    if (!t.type.empty()) c["properties"].append(idValue("Trigger.Address.Type", t.type));
+    cases.append(c);
+  }
+  Json::Value settings(Json::objectValue);
+  settings[target]["useCases"]["properties"] = cases;
+  return settings;
+}
+
+std::vector<std::string> actionsOf(const Etb& op) {
+  std::vector<std::string> out;
+  for (uint32_t i = 0; i < op.getSubOperationCount(); ++i) {
+    const Json::Value& tree = op.getSubOperationProps(i);
+    EXPECT_EQ(tree.size(), 1u);
+    EXPECT_EQ(tree[0]["name"].asString(), "Type");
+    EXPECT_EQ(tree[0]["value"].asString(), "Trace");
+    int32_t at = Etb::findIndex(tree[0]["sub_properties"], "name", "Actions");
+    out.push_back(at < 0 ? "?" : tree[0]["sub_properties"][at]["value"].asString());
+  }
+  return out;
+}
+
+struct MatrixCase {
+  const char* name;
+  std::string target;
+  std::vector<Range> ranges;
+  std::vector<Trigger> triggers;
+  std::vector<std::string> actions;
+  bool traceOn, range, startStop;
+};
+
+class EtbMatrixTest : public ::testing::TestWithParam<MatrixCase> {};
+
+TEST_P(EtbMatrixTest, UseCasesGiveTheseSubOperationsInOrder) {
+  TempUserDir home;
+  const MatrixCase& c = GetParam();
+  Etb op(0, nullptr, c.target, useCases(c.target, c.ranges, c.triggers), nullptr);
+  op.configure(Json::Value(), nullptr);
+  EXPECT_EQ(actionsOf(op), c.actions);
+  Etb::Evaluation e = op.evaluation();
+  EXPECT_EQ(e.traceOnValid, c.traceOn);
+  EXPECT_EQ(e.rangeValid, c.range);
+  EXPECT_EQ(e.startStopValid, c.startStop);
+}
+
+const std::string kOn = "Trace On", kIn = "Trace in Range", kStart = "Start Trace",
+                  kEnd = "End Trace";
+
+INSTANTIATE_TEST_SUITE_P(
+    Matrix, EtbMatrixTest,
+    ::testing::Values(
+        MatrixCase{"Nothing", "CM4", {}, {}, {kOn}, true, false, false},
+        MatrixCase{"ARange", "CM4", {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
+        MatrixCase{"ARangeOnTriggerFormCore",
+                   "xDsby",
+                   {{"main", "fir_step"}},
+                   {},
+                   {kIn},
+                   false,
+                   true,
+                   false},
+        MatrixCase{"CaseMattersInTheCoreName",
+                   "xdsby",
+                   {{"main", "fir_step"}},
+                   {},
+                   {kOn, kIn},
+                   true,
+                   true,
+                   false},
+        MatrixCase{"EndTriggerOnly", "CM4", {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
+        MatrixCase{"StartTrigger", "CM4", {}, {{"0x100", kStart}}, {kStart}, false, false, true},
+        MatrixCase{"RangeAndStart",
+                   "CM4",
+                   {{"a", "b"}},
+                   {{"c", kStart}},
+                   {kIn, kStart},
+                   false,
+                   true,
+                   true},
+        // A range with one end empty counts as a range use case, so the
+        // trigger is looked for one use case later, but makes no tree.
+        MatrixCase{"HalfRangeThenTrigger",
+                   "CM4",
+                   {{"a", ""}},
+                   {{"c", kEnd}},
+                   {kOn, kEnd},
+                   true,
+                   false,
+                   true},
+        MatrixCase{"BlankTriggerIsEmpty", "CM4", {}, {{"   ", kEnd}}, {kOn}, true, false, false},
+        MatrixCase{
+            "TriggerWithoutTypeMakesNoTree", "CM4", {}, {{"0x10", ""}}, {kOn}, true, false, true},
+        // Trace on, two ranges and two triggers: the fifth tree is not made.
+        MatrixCase{"FourTreesAtMost",
+                   "CM4",
+                   {{"a", "b"}, {"c", "d"}},
+                   {{"e", kEnd}, {"f", kEnd}},
+                   {kOn, kIn, kIn, kEnd},
+                   true,
+                   true,
+                   true},
+        // Two ranges at most: a third is left out, and the triggers after
+        // it are still found.
+        MatrixCase{"ThirdRangeLeftOut",
+                   "CM4",
+                   {{"a", "b"}, {"c", "d"}, {"e", "f"}},
+                   {{"g", kStart}},
+                   {kIn, kIn, kStart},
+                   false,
+                   true,
+                   true},
+        MatrixCase{"ThirdTriggerLeftOut",
+                   "CM4",
+                   {},
+                   {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
+                   {kOn, kEnd, kEnd},
+                   true,
+                   false,
+                   true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachForm) {
+  TempUserDir home;
+  Etb plain(0, nullptr, "CM4",
+            useCases("CM4", {{" main ", "fir_step"}}, {{"0x100", kEnd}}, "One-shot"), nullptr);
+  plain.configure(Json::Value(), nullptr);
+  EXPECT_FALSE(plain.hasTriggerForm());
+  const Json::Value& receiver = plain.getSettings()[0]["sub_properties"][0];
+  EXPECT_EQ(receiver["value"].asString(), "ETB");
+  ASSERT_EQ(receiver["sub_properties"].size(), 2u);
+  EXPECT_EQ(receiver["sub_properties"][0]["value"].asString(), "One-shot");
+  EXPECT_TRUE(receiver["sub_properties"][1]["value"].asBool());
+
+  const Json::Value& on = plain.getSubOperationProps(0)[0]["sub_properties"];
+  EXPECT_EQ(on[1]["name"].asString(), "Triggers");
+  EXPECT_EQ(on[2]["sub_properties"][1]["name"].asString(), "Timing Stamp");
+  const Json::Value& range = plain.getSubOperationProps(1)[0]["sub_properties"];
+  EXPECT_EQ(range[0]["value"].asString(), "Standard");
+  EXPECT_EQ(range[1]["sub_properties"][0]["name"].asString(), "Start Location");
+  EXPECT_EQ(range[1]["sub_properties"][1]["type"].asString(), "Location");
+  EXPECT_EQ(range[1]["sub_properties"][1]["value"]["page"].asInt(), 0);
+  const Json::Value& trigger = plain.getSubOperationProps(2)[0]["sub_properties"];
+  EXPECT_EQ(trigger[1]["sub_properties"][0]["name"].asString(), "Location");
+  EXPECT_EQ(trigger[2]["value"].asString(), "(Select data to trace)");
+
+  Etb dsc(0, nullptr, "cpu_Dsc", useCases("cpu_Dsc", {}, {{"0x100", kEnd}}), nullptr);
+  dsc.configure(Json::Value(), nullptr);
+  ASSERT_EQ(dsc.getSubOperationCount(), 2u);
+  const Json::Value& form = dsc.getSubOperationProps(1)[0]["sub_properties"];
+  const Json::Value& pc = form[1]["sub_properties"][0];
+  EXPECT_EQ(pc["name"].asString(), "Trigger Type");
+  EXPECT_EQ(pc["value"].asString(), "PC");
+  EXPECT_EQ(pc["sub_properties"][0]["value"].asString(), "Point");
+  EXPECT_EQ(pc["sub_properties"][0]["sub_properties"][0]["type"].asString(), "Location");
+  EXPECT_EQ(pc["sub_properties"][1]["name"].asString(), "Trigger Skip/Delay");
+  EXPECT_EQ(form[2]["value"].asString(), "(Select data to end)");
+}
+
+TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeAndNoToolsNoOperation) {
+  TempUserDir home;
+  Etb op(0, nullptr, "CM4", Json::Value(), nullptr);
+  op.configure(Json::Value(), nullptr);
+  EXPECT_EQ(actionsOf(op), std::vector<std::string>{kOn});
+  EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["sub_properties"][0]["value"].asString(),
+            "Circular");
+  try {
+    op.createHlOperation();
+    ADD_FAILURE() << "created without tools";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "Cannot enable ETB: No target selected");
+  }
+  EXPECT_FALSE(op.isCreated());
+  op.exportMetaData();
+  op.exportData();
+  const std::string dir = home.data() + "/live-targets/CM4/ETB";
+  Json::Value metadata;
+  Json::Reader().parse(readText(dir + "/metadata"), metadata);
+  EXPECT_EQ(metadata["typeId"].asString(), "ETB");
+  EXPECT_EQ(metadata["dataFile"].asString(), "etb_data.json");
+  EXPECT_EQ(readText(dir + "/etb_data.json"), "{}\n");
+}
+
+struct HexCase {
+  const char* text;
+  bool ok;
+  uint32_t address;
+  bool overflow;
+};
+
+class EtbHexTest : public ::testing::TestWithParam<HexCase> {};
+
+TEST_P(EtbHexTest, ReadsDigitsUpToTheFirstOther) {
+  uint32_t address = 0;
+  bool overflow = false;
+  EXPECT_EQ(Etb::parseHexAddress(GetParam().text, address, overflow), GetParam().ok);
+  EXPECT_EQ(overflow, GetParam().overflow);
+  if (GetParam().ok) {
+    EXPECT_EQ(address, GetParam().address);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, EtbHexTest,
+    ::testing::Values(HexCase{"1000", true, 0x1000, false},
+                      HexCase{"0x1000zz", true, 0x1000, false}, HexCase{"0XfF", true, 0xFF, false},
+                      HexCase{"FFFFFFFF", true, 0xFFFFFFFF, false},
+                      HexCase{"00000000000e4", true, 0xE4, false}, HexCase{"zz", false, 0, false},
+                      HexCase{"0x", false, 0, false}, HexCase{"", false, 0, false},
+                      HexCase{"-1", false, 0, false}, HexCase{"100000000", false, 0, true},
+                      HexCase{"0x123456789", false, 0, true}));
+
+// ---------------------------------------------------------------- on the simulation
+
+const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base/";
+
+// The symbol's address as the GNU tools read it from the firmware; 0 when
+// they are not installed.
+uint32_t nmAddress(const std::string& symbol) {
+  std::string command = "arm-none-eabi-nm '" + std::string(OSTRAND_SOURCE_DIR) +
+                        "/testdata/firmware/m4.elf' 2>/dev/null";
+  uint32_t found = 0;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char line[256];
+    unsigned value = 0;
+    char kind = 0;
+    char name[200];
+    while (std::fgets(line, sizeof line, pipe) != nullptr) {
+      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name)
+        found = value;
+    }
+    ::pclose(pipe);
+  }
+  return found;
+}
+
+const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/m4.elf";
+
+// The host's symbol and disassembly managers, as a debug host hands them in,
+// with the firmware the scenario runs on CM4.
+class EtbSimTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    symbols().addProgram("CM4", kFirmware);
+    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
+    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
+  }
+  static void TearDownTestSuite() {
+    QX_NLV::setSymbolManagerApi(nullptr);
+    QX_NLV::setDisAsmManagerApi(nullptr);
+  }
+  static hostkit::ElfSymbolManager& symbols() {
+    static hostkit::ElfSymbolManager manager;
+    return manager;
+  }
+  static hostkit::CapstoneDisasmManager& disassembly() {
+    static hostkit::CapstoneDisasmManager manager;
+    return manager;
+  }
+  void SetUp() override {
+    handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
+    ASSERT_NE(handle, nullptr) << dlerror();
+    auto load =
+        reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
+    auto connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
+    ASSERT_EQ(load(""), 0);
+    ASSERT_EQ(connect("CM4"), 0);
+    LocalOpManager::setInstallBase(kBase);
+    // No configure: the manager holds the tools, and no trace server runs.
+    manager = LocalOpManager::instance();
+    tools = manager->getTools();
+    ASSERT_NE(tools, nullptr);
+    connections = manager->connect(
+        nullptr, nullptr, nullptr,
+        [this](const std::string&, const std::string&, const std::string&, const std::string& d) {
+          std::lock_guard<std::mutex> guard(statusMutex);
+          statuses += d;
+        });
+    for (int i = 0; i < 200; ++i) {
+      bool connected = false;
+      {
+        std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+        tools->isTargetConnected("CM4", connected);
+      }
+      if (connected) return;
+      std::this_thread::sleep_for(10ms);
+    }
+    FAIL() << "CM4 never connected";
+  }
+  void TearDown() override {
+    for (auto& c : connections) c.disconnect();
+    if (manager) {
+      std::lock_guard<std::mutex> guard(manager->commandMutex);
+      manager->shutdown();
+    }
+    manager.reset();
+    WorkQueue::instance().drain();
+    if (handle != nullptr) dlclose(handle);
+  }
+  std::unique_ptr<Etb> make(const std::vector<Range>& ranges,
+                            const std::vector<Trigger>& triggers) {
+    auto op = std::make_unique<Etb>(static_cast<int32_t>(manager->getId()), tools, "CM4",
+                                    useCases("CM4", ranges, triggers), manager.get());
+    op->configure(Json::Value(), nullptr);
+    return op;
+  }
+  std::string takeStatuses() {
+    std::lock_guard<std::mutex> guard(statusMutex);
+    return std::exchange(statuses, {});
+  }
+
+  TempUserDir home;
+  void* handle = nullptr;
+  std::shared_ptr<LocalOpManager> manager;
+  CloudHemlock* tools = nullptr;
+  std::vector<boost::signals2::connection> connections;
+  std::mutex statusMutex;
+  std::string statuses;  // guarded by statusMutex
+};
+
+TEST_F(EtbSimTest, AddressesResolveAsSymbolsThenHexadecimalAndEveryTreeBecomesAnOperation) {
+  auto op = make({{"fir_step", " fir_gain "}}, {{"1000", kStart}});
+  const uint32_t made = op->createHlOperation();
+  EXPECT_EQ(made, op->getOperationHandle());
+  ASSERT_TRUE(op->isCreated());
+  ASSERT_EQ(op->getSubOperationCount(), 2u);
+  const Json::Value& range = op->getSubOperationProps(0)[0]["sub_properties"][1]["sub_properties"];
+  const Json::Value& trigger =
+      op->getSubOperationProps(1)[0]["sub_properties"][1]["sub_properties"];
+  if (uint32_t step = nmAddress("fir_step")) {
+    EXPECT_EQ(range[0]["value"]["address"].asUInt(), step);
+    EXPECT_EQ(range[1]["value"]["address"].asUInt(), nmAddress("fir_gain"));
+  }
+  EXPECT_GT(range[1]["value"]["address"].asUInt(), range[0]["value"]["address"].asUInt());
+  EXPECT_EQ(trigger[0]["value"]["address"].asUInt(), 0x1000u) << "no symbol: hexadecimal";
+  EXPECT_NE(op->getSubOperationHandle(0), op->getOperationHandle());
+  EXPECT_NE(op->getSubOperationHandle(0), op->getSubOperationHandle(1));
+
+  EXPECT_EQ(op->enable(true), 0);
+  EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Armed);
+  EXPECT_EQ(op->enable(false), 0);
+  EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Idle);
+}
+
+// A sub-operation the tool no longer knows fails its enable: the tool's
+// number comes back, the capture stays Armed for the manager to handle, and
+// what was enabled before it is disabled again, so a second try starts
+// from nothing enabled.
+TEST_F(EtbSimTest, FailedSubOperationEnableGivesTheToolsNumber) {
+  auto op = make({{"main", "fir_step"}}, {{"0xe4", kEnd}});
+  op->createHlOperation();
+  ASSERT_EQ(op->getSubOperationCount(), 3u);
+  {
+    std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+    tools->releaseOperation(op->getSubOperationHandle(1));
+  }
+  EXPECT_EQ(op->enable(true), -1);
+  EXPECT_EQ(tools->getLastError(), "Invalid operation handle");
+  EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Armed);
+  EXPECT_TRUE(op->isEnabled());
+  // No trace application was made, so the main operation can have one now.
+  std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+  EXPECT_EQ(tools->createTraceApp(op->getOperationHandle()), 0);
+  tools->destroyTraceApp(op->getOperationHandle());
+}
+
+struct BadAddressCase {
+  const char* name;
+  std::vector<Range> ranges;
+  std::vector<Trigger> triggers;
+  const char* status;
+  const char* error;
+};
+
+class EtbBadAddressTest : public EtbSimTest,
+                          public ::testing::WithParamInterface<BadAddressCase> {};
+
+TEST_P(EtbBadAddressTest, StatusShownAndNothingCreated) {
+  const BadAddressCase& c = GetParam();
+  auto op = make(c.ranges, c.triggers);
+  takeStatuses();
+  try {
+    op->createHlOperation();
+    ADD_FAILURE() << "created";
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
+  }
+  EXPECT_FALSE(op->isCreated());
+  EXPECT_NE(takeStatuses().find(c.status), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, EtbBadAddressTest,
+    ::testing::Values(BadAddressCase{"RangeStart",
+                                     {{"zz", "main"}},
+                                     {},
+                                     "Failed to evaluate Range: Start: as a hex address",
+                                     "Failed to set properties: "},
+                      BadAddressCase{"RangeEnd",
+                                     {{"0x150", "no_such_function"}},
+                                     {},
+                                     "Failed to evaluate Range: End: as a hex address",
+                                     "Failed to set properties: "},
+                      BadAddressCase{"Trigger",
+                                     {},
+                                     {{"zz", kEnd}},
+                                     "Failed to evaluate Start/Stop: Address: as a hex address",
+                                     "Failed to set properties: "},
+                      BadAddressCase{
+                          "TriggerBeyond32Bits",
+                          {},
+                          {{"0x123456789", kStart}},
+                          "Failed to evaluate Start/Stop: Address: as a hex address",
+                          "Start/Stop: Address: '0x123456789' is beyond the 32-bit address range"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Without a trace server there is no record store of the server's: the
+// records go into the operation's own, and etb_data.json onto disk.
+TEST_F(EtbSimTest, WithoutATraceServerTheCaptureDecodesIntoItsOwnStore) {
+  auto op = make({}, {});
+  op->createHlOperation();
+  ASSERT_EQ(op->enable(true), 0);
+  op->onDataCollecting();
+  auto run = reinterpret_cast<OstrandSim_Run_t>(dlsym(handle, "OstrandSim_Run"));
+  auto wait = reinterpret_cast<OstrandSim_WaitHalted_t>(dlsym(handle, "OstrandSim_WaitHalted"));
+  ASSERT_EQ(run("CM4", 2000), 0);
+  ASSERT_EQ(wait("CM4", 20000), 0);
+  {
+    std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+    tools->stopRecording(op->getOperationHandle());
+  }
+  op->onDataReady();
+  EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Idle);
+  ASSERT_NE(op->ownRecordStore(), nullptr);
+  EXPECT_GT(op->ownRecordStore()->size(), 0u);
+  const std::string dir = home.data() + "/live-targets/CM4/ETB";
+  Json::Value data;
+  ASSERT_TRUE(Json::Reader().parse(readText(dir + "/etb_data.json"), data));
+  EXPECT_TRUE(data["data"].isArray());
+  EXPECT_TRUE(std::filesystem::exists(dir + "/metadata"));
+  op->enable(false);
+}
+
+}  // namespace
