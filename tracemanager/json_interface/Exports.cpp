@@ -3,7 +3,8 @@
 // Load order of the module-wide state matters: the connection list is built
 // before the WorkQueue, so at unload the queue stops first (tasks not yet
 // started are dropped) and the connections still open are destroyed after,
-// each telling its host closed() once.
+// each telling its host closed() once; the decoder library's objects go
+// last.
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -14,6 +15,8 @@
 #include "source_utilities/HostApis.hpp"
 #include "source_utilities/Logger.hpp"
 #include "source_utilities/OstrandExport.hpp"
+#include "tool_access/CTraceApp.hpp"
+#include "tool_access/CloudHemlock.hpp"
 #include "tsp_server/ExperimentKinds.hpp"
 #include "tsp_server/TspServer.hpp"
 #include "wattline/WLExperimentKind.hpp"
@@ -21,6 +24,19 @@
 namespace {
 
 const char* const moduleNames[] = {"trace"};
+
+// Built before the state below, so destroyed after it: once the connections
+// are gone, and with them the tool gate, what the gate left in the decoder
+// library goes back to it, so unloading the module leaves nothing behind.
+struct ToolRelease {
+  ToolRelease() = default;
+  ToolRelease(const ToolRelease&) = delete;
+  ToolRelease& operator=(const ToolRelease&) = delete;
+  ~ToolRelease() {
+    if (CloudHemlock::current() == nullptr) CTraceApp::releaseAtUnload();
+  }
+};
+ToolRelease toolRelease;
 
 // Runs at load, in this order.
 struct ModuleState {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <new>
 
 #include "hemlock/hemlockErrorIF.hpp"
 #include "source_utilities/Logger.hpp"
@@ -19,8 +20,8 @@ namespace CTraceApp {
 namespace {
 
 struct State {
-  // The library stays loaded until the process ends: the channel server's
-  // threads may still call into it.
+  // The library stays loaded until the process ends (it is pinned): the
+  // channel server's threads may still call into it.
   QX_NLV::uDll* foundryModule = nullptr;
   IChannelFoundry* foundry = nullptr;
   // Set for a foundry given by useFoundry instead of the library's export.
@@ -32,9 +33,12 @@ struct State {
   TraceTable traceTable{};
 };
 
-// Never destroyed, like the library it points into.
+// Never destroyed, like the library it points into: functions here may be
+// called during static destruction. It lives in static storage rather than
+// on the heap, and releaseAtUnload frees what it points to.
 State& state() {
-  static auto* instance = new State();
+  alignas(State) static unsigned char storage[sizeof(State)];
+  static State* instance = new (storage) State();
   return *instance;
 }
 
@@ -62,6 +66,7 @@ bool TraceInit(const std::string& directory, CloudHemlockNotificationIF* listene
       reportFailure("CTraceApp: Couldn't load ChannelFoundry.dll!");
       return false;
     }
+    module->pin();
     s.foundryModule = module;
     s.traceTable.fill(nullptr);
     if (s.foundry == nullptr) CreateChannelFoundry();
@@ -208,6 +213,22 @@ void useFoundry(IChannelFoundry* given, DestroyChannelFoundry_t destroy) {
   State& s = state();
   s.foundry = given;
   s.destroyGiven = destroy;
+}
+
+void releaseAtUnload() {
+  State& s = state();
+  for (CTRACE*& slot : s.traceTable) {
+    if (slot == nullptr) continue;
+    slot->ShutdownDecoder();
+    delete slot;
+    slot = nullptr;
+  }
+  DestroyChannelServer();
+  DestroyChannelFoundry();
+  delete s.eventHandler;
+  s.eventHandler = nullptr;
+  delete s.foundryModule;  // pinned: the library itself stays
+  s.foundryModule = nullptr;
 }
 
 }  // namespace CTraceApp

@@ -49,6 +49,12 @@ TraceTable& traceTable();
 // The first empty slot of the trace table, or -1 when all are taken.
 int32_t freeSlot();
 
+// At unload of the module, once no CloudHemlock is left: the decoders still
+// in the table, the channel server and the foundry go back to the library,
+// and the event handler and the library's handle are freed. The library
+// stays loaded. TraceInit starts over from nothing after it.
+void releaseAtUnload();
+
 // A foundry that does not come from a loaded library (a host's own decoder,
 // tests): it is used, and given to `destroy` by DestroyChannelFoundry.
 void useFoundry(Qx::Nlv::Trace::IChannelFoundry* foundry, DestroyChannelFoundry_t destroy);

@@ -30,10 +30,12 @@ std::atomic<CloudHemlock*> theInstance{nullptr};
 std::atomic<uint32_t> instanceCount{0};
 
 // Loaded libraries stay loaded until the process ends: the tool libraries
-// keep threads and objects of their own. Reachable from here, never freed.
-std::vector<QX_NLV::uDll*>& loadedLibraries() {
-  static auto* libraries = new std::vector<QX_NLV::uDll*>();
-  return *libraries;
+// keep threads and objects of their own. Each is pinned when loaded, so the
+// handles can go with this module (a host may unload it) while the
+// libraries stay.
+std::vector<std::unique_ptr<QX_NLV::uDll>>& loadedLibraries() {
+  static std::vector<std::unique_ptr<QX_NLV::uDll>> libraries;
+  return libraries;
 }
 
 }  // namespace
@@ -114,13 +116,11 @@ CloudHemlock::CloudHemlock(const std::string& base) : basePath(base) {
 
 void CloudHemlock::loadLibraries() {
   auto load = [](const std::string& name) -> QX_NLV::uDll* {
-    auto* library = new QX_NLV::uDll();
-    if (!library->FindAndLoad(name.c_str(), 0)) {
-      delete library;
-      return nullptr;
-    }
-    loadedLibraries().push_back(library);
-    return library;
+    auto library = std::make_unique<QX_NLV::uDll>();
+    if (!library->FindAndLoad(name.c_str(), 0)) return nullptr;
+    library->pin();
+    loadedLibraries().push_back(std::move(library));
+    return loadedLibraries().back().get();
   };
   auto require = [&](const std::string& name, const char* failure) {
     QX_NLV::uDll* library = load(name);
@@ -208,6 +208,9 @@ void CloudHemlock::unregister() {
 CloudHemlock::~CloudHemlock() {
   QX_TRACE_FUNCTION("CloudHemlock::~CloudHemlock");
   unregister();
+  // Servers the tool side never cleaned up are the gate's to give back; the
+  // tool libraries stay loaded, so their release is still there to call.
+  releaseOperationServers();
   // Channel events that come after this object is gone are only stored.
   if (CloudTraceEventHandler* handler = CTraceApp::eventHandler()) {
     handler->setNotifications(nullptr);

@@ -175,6 +175,9 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
   void loadLibraries();
   void registerCleanup();
   void unregister();
+  // Gives every cached operation server back to the tool and empties both
+  // caches; at cleanup() and when the gate goes without one.
+  void releaseOperationServers();
   Qx::Nlv::Xevt::IOperationServer* operationServer(Qx::Nlv::Xevt::ISession* session,
                                                     const std::string& target, uint32_t kind);
   void fillDevice(Qx::Nlv::Xevt::IDevice* device, Json::Value& entry);
@@ -217,7 +220,8 @@ class CloudHemlock : public Qx::Nlv::Hemlock::CleanupCallbackIF,
   std::map<std::string, uint32_t> formatNames;
   std::map<std::string, uint32_t> dataTypeNames;
   std::map<std::string, int32_t> transformNames;
-  // Operation servers by target, cached until cleanup().
+  // Operation servers by target, cached until cleanup() or the end of the
+  // gate, whichever comes first.
   std::map<std::string, Qx::Nlv::Xevt::IOperationServer*> subOperationServers;
   std::map<std::string, Qx::Nlv::Xevt::IOperationServer*> operationServers;
   bool xmlDbChecked = false;

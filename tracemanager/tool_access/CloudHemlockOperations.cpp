@@ -377,6 +377,19 @@ bool CloudHemlock::lookupSymbol(uint32_t handle, const std::string& name, uint64
   return true;
 }
 
+void CloudHemlock::releaseOperationServers() {
+  for (auto* servers : {&operationServers, &subOperationServers}) {
+    for (auto& [target, server] : *servers) {
+      try {
+        if (server != nullptr) server->release();
+      } catch (...) {
+        QX_LOG_ERROR("CloudHemlock: release of the operation server of %s failed", target.c_str());
+      }
+    }
+    servers->clear();
+  }
+}
+
 void CloudHemlock::cleanup() {
   QX_TRACE_FUNCTION("CloudHemlock::cleanup");
   std::lock_guard<std::recursive_mutex> guard(toolMutex);
@@ -395,17 +408,7 @@ void CloudHemlock::cleanup() {
         releaseOperation(handle);
       }
     });
-    for (auto* servers : {&operationServers, &subOperationServers}) {
-      for (auto& [target, server] : *servers) {
-        try {
-          if (server != nullptr) server->release();
-        } catch (...) {
-          QX_LOG_ERROR("CloudHemlock::cleanup: release of the server of %s failed",
-                       target.c_str());
-        }
-      }
-      servers->clear();
-    }
+    releaseOperationServers();
     for (CTRACE*& slot : CTraceApp::traceTable()) {
       if (slot == nullptr || slot->decoderReady) continue;
       slot->ShutdownDecoder();

@@ -68,6 +68,20 @@ std::string& uDll::modulePath(std::string& out) const {
   return out;
 }
 
+bool uDll::pin() const {
+  if (handle_ == nullptr) return false;
+  link_map* map = nullptr;
+  if (::dlinfo(handle_, RTLD_DI_LINKMAP, &map) != 0 || map == nullptr || map->l_name == nullptr) {
+    return false;
+  }
+  // Opening the loaded library again with RTLD_NODELETE marks it for good;
+  // the extra reference this takes is given back at once.
+  void* again = ::dlopen(map->l_name, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+  if (again == nullptr) return false;
+  ::dlclose(again);
+  return true;
+}
+
 void* uDll::symbol(const char* name) const {
   if (handle_ == nullptr || name == nullptr) return nullptr;
   if (void* found = ::dlsym(handle_, name)) return found;

@@ -24,6 +24,10 @@ class uDll {
   // A symbol of the loaded library: the plain name first, then with a
   // leading "_". Null when not loaded or not found.
   void* symbol(const char* name) const;
+  // Keeps the loaded library in the process until it ends, whatever later
+  // closes it (this object's destruction too): for libraries whose threads
+  // and objects may outlive the code that loaded them. False when not loaded.
+  bool pin() const;
 
   bool loaded() const { return handle_ != nullptr; }
   const std::string& name() const { return name_; }

@@ -1,5 +1,6 @@
 #include "source_utilities/uDll.hpp"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include "source_utilities/uEnvironment.hpp"
@@ -26,6 +27,30 @@ TEST(uDllTest, FailuresKeepTheReason) {
   EXPECT_EQ(missing.errorText().rfind("failed to load libno_such_tool_library.so with error code ", 0), 0u)
       << missing.errorText();
   EXPECT_EQ(missing.symbol("x"), nullptr);
+}
+
+// A pinned library stays in the process after its last handle is closed; an
+// unpinned one leaves with it. libbz2 is a library the test does not link.
+TEST(uDllTest, PinnedLibraryOutlivesItsLastClose) {
+  constexpr const char* kLibrary = "libbz2.so.1";
+  auto loaded = [&] {
+    void* handle = dlopen(kLibrary, RTLD_NOW | RTLD_NOLOAD);
+    if (handle != nullptr) dlclose(handle);
+    return handle != nullptr;
+  };
+  if (loaded()) GTEST_SKIP() << kLibrary << " is part of the test program";
+  {
+    uDll unpinned;
+    if (!unpinned.FindAndLoad(kLibrary, 0)) GTEST_SKIP() << unpinned.errorText();
+  }
+  EXPECT_FALSE(loaded());
+  {
+    uDll pinned;
+    ASSERT_TRUE(pinned.FindAndLoad(kLibrary, 0)) << pinned.errorText();
+    EXPECT_TRUE(pinned.pin());
+  }
+  EXPECT_TRUE(loaded());
+  EXPECT_FALSE(uDll().pin());
 }
 
 TEST(uDllTest, ModeAtOrAboveTheNoModeMarkIsStoredAsZero) {
