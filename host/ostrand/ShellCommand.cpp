@@ -87,6 +87,8 @@ constexpr const char* kHelp =
     "  :disconnect CPU       disconnect it\n"
     "  :run CPU [N]          run it until halted, or for N instructions\n"
     "  :halt CPU             halt it\n"
+    "  :save CPU FILE        save its last run as a .tdf recording (waits up to\n"
+    "                        5 s for a halt under way; fails if it never ran)\n"
     "  :wait TEXT [SECONDS]  wait until a printed line holds TEXT (default 10 s)\n"
     "  :sleep MS             pause reading input\n"
     "  :files DIR            the names in a directory (~/: the user directory)\n"

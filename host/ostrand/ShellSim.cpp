@@ -168,9 +168,21 @@ bool ShellSim::hostLine(const std::string& line, std::string& error) {
     }
     return call(entry<OstrandSim_Run_t>(library_, "OstrandSim_Run")(w[1].c_str(), number), verb + " " + w[1], error);
   }
+  if (verb == ":save") {
+    if (w.size() != 3) return (error = ":save needs a CPU and a file, as in ':save CM4 /tmp/run.tdf'"), false;
+    // A halt just asked for may still be ending the run: let it finish.
+    entry<OstrandSim_WaitHalted_t>(library_, "OstrandSim_WaitHalted")(w[1].c_str(), 5000);
+    const std::string file = std::filesystem::absolute(w[2]).lexically_normal().string();
+    if (!call(entry<OstrandSim_Save_t>(library_, "OstrandSim_Save")(w[1].c_str(), file.c_str()),
+              ":save " + w[1], error)) {
+      return false;
+    }
+    std::fprintf(stderr, "saved the last run of %s as %s\n", w[1].c_str(), file.c_str());
+    return true;
+  }
   error = "unknown host line '" + line +
           "' (host lines: :targets, :connect CPU, :disconnect CPU, :run CPU [N], :halt CPU, "
-          ":wait TEXT [SECONDS], :sleep MS, :files DIR)";
+          ":save CPU FILE, :wait TEXT [SECONDS], :sleep MS, :files DIR)";
   return false;
 }
 

@@ -34,7 +34,10 @@ typedef int32_t (*OstrandSim_WaitHalted_t)(const char* cpu, uint32_t timeoutMs);
 // length the whole text needs (excluding the NUL); call again with a bigger
 // buffer if it was cut.
 typedef int32_t (*OstrandSim_State_t)(char* buffer, size_t size);
-// Saves the last run of a CPU as a .tdf recording.
+// Saves the last run of a CPU as a .tdf recording: the header (CPU,
+// receiver, program file, clock), the configuration the run was made with
+// and the trace bytes its trace unit held. -1 unknown CPU, -2 no run with a
+// trace yet, -3 the CPU is running, -4 the file cannot be written.
 typedef int32_t (*OstrandSim_Save_t)(const char* cpu, const char* tdfFile);
 typedef const char* (*OstrandSim_LastError_t)();
 

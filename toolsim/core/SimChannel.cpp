@@ -3,10 +3,15 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
+#include "TdfRecording.hpp"
+#include "TraceRecorder.hpp"
 #include "SimError.hpp"
 #include "SimWorld.hpp"
 
@@ -124,22 +129,60 @@ class SimProgramDataSource final : public IProgramDataSource {
 
 class SimConfigManager final : public IDeviceConfigManager {
  public:
-  explicit SimConfigManager(std::string cpu) : cpu_(std::move(cpu)) {}
+  SimConfigManager(std::string cpu, uint64_t clockHz) : cpu_(std::move(cpu)) {
+    if (clockHz > 0) properties_["Timing Clock Frequency"] = Json::UInt64{clockHz};
+  }
   void RegisterEventHandler(CDeviceConfigEvents* listener) override { listener_ = listener; }
   // The live configuration is what the host says the device is; the
   // decoder keeps the text it is given.
   void applyLiveConfiguration() override {
     if (listener_ != nullptr) listener_->OnDeviceConfig(cpu_.c_str(), nullptr, configuration_);
   }
+  // A recording's configuration: the properties its run was made with.
   void LoadConfiguration(const char* path, uint32_t) override {
-    throw SimError(std::string("No device configuration can be read from '") + (path ? path : "") + "'");
+    const std::string file = path != nullptr ? path : "";
+    TdfRecording recording;
+    try {
+      recording = readTdf(file);
+    } catch (const std::exception& e) {
+      throw SimError(e.what());
+    }
+    Json::Value conf;
+    std::string errors;
+    std::istringstream in(recording.configuration);
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &conf, &errors) || !conf.isObject()) {
+      throw SimError("Cannot read trace recording " + file + ": its configuration is no JSON object");
+    }
+    properties_ = conf;
+    if (!properties_.isMember("Timing Clock Frequency") && recording.clockHz > 0) {
+      properties_["Timing Clock Frequency"] = Json::UInt64{static_cast<uint64_t>(recording.clockHz)};
+    }
   }
-  bool getProperty(const char* name, ConfigProperty& value) override { return false; }
+  bool getProperty(const char* name, ConfigProperty& value) override {
+    const Json::Value& v = properties_[name != nullptr ? name : ""];
+    if (v.isBool()) {
+      value.integer = v.asBool() ? 1 : 0;
+    } else if (v.isIntegral()) {
+      value.integer = v.asInt64();
+      value.real = static_cast<double>(value.integer);
+    } else if (v.isDouble()) {
+      value.real = v.asDouble();
+      value.integer = static_cast<int64_t>(value.real);
+    } else if (v.isString()) {
+      text_ = v.asString();
+      value.text = text_.c_str();
+    } else {
+      return false;
+    }
+    return true;
+  }
 
  private:
   std::string cpu_;
   CDeviceConfigEvents* listener_ = nullptr;
   std::string configuration_;
+  Json::Value properties_{Json::objectValue};
+  std::string text_;
 };
 
 // Lays the rows of a source out as the column model says: values at their
@@ -179,9 +222,9 @@ uint32_t bytesOf(uint32_t bits) { return bits <= 8 ? 1 : bits <= 16 ? 2 : bits <
 
 class SimDecoder final : public IDecoder {
  public:
-  SimDecoder(std::string cpu, std::string receiver, std::string program, bool file)
+  SimDecoder(std::string cpu, std::string receiver, std::string program, bool file, uint64_t clockHz)
       : cpu_(std::move(cpu)), receiver_(std::move(receiver)), file_(file), columns_(decoderColumns(receiver_)),
-        programData_(std::move(program)), config_(cpu_) {
+        programData_(std::move(program)), config_(cpu_, clockHz) {
     for (const ColumnDef& c : columns_) {
       offsets_.push_back(rowSize_);
       sizes_.push_back(c.isString ? 6 : bytesOf(c.bits));
@@ -211,7 +254,11 @@ class SimDecoder final : public IDecoder {
     rows = 0;
     strings.clear();
     if (seekPosition == kSeekStart) {
-      source_ = file_ ? nullptr : SimWorld::instance().capture(cpu_);
+      try {
+        source_ = file_ ? fileRows_ : SimWorld::instance().capture(cpu_);
+      } catch (const std::exception& e) {
+        throw std::string(e.what());
+      }
       next_ = 0;
     } else if (seekPosition != kSeekContinue) {
       throw std::string("seek position " + std::to_string(seekPosition) + " is not supported");
@@ -231,8 +278,30 @@ class SimDecoder final : public IDecoder {
     }
   }
 
+  // Reads a recording's trace and decodes it with the program the decoder
+  // was made with (or else the one the recording names).
   void LoadFile(const char* path, uint32_t, uint32_t) override {
-    throw SimError(std::string("'") + (path ? path : "") + "' holds no trace data this decoder can read");
+    const std::string file = path != nullptr ? path : "";
+    if (!file_) throw SimError("A live decoder reads its CPU's trace, not a file ('" + file + "')");
+    try {
+      const TdfRecording recording = readTdf(file);
+      if (recording.receiverName != receiver_) {
+        throw SimError("Trace recording " + file + " holds " + recording.receiverName + " trace, not " + receiver_);
+      }
+      std::string program = programData_.getProgramFile();
+      if (program.empty()) program = recording.programFile;
+      std::unique_ptr<ProgramImage> image;
+      try {
+        image = std::make_unique<ProgramImage>(program);
+      } catch (const std::exception& e) {
+        throw SimError("Trace recording " + file + ": its program file cannot be read: " + e.what());
+      }
+      fileRows_ = decodeTraceRows(recording, *image);
+    } catch (const SimError&) {
+      throw;
+    } catch (const std::exception& e) {
+      throw SimError(e.what());
+    }
   }
   IOverlayInfo* getOverlayInfo() override { return nullptr; }
 
@@ -248,6 +317,7 @@ class SimDecoder final : public IDecoder {
   std::vector<uint32_t> sizes_;
   uint32_t rowSize_ = 0;
   std::shared_ptr<const RowSource> source_;
+  std::shared_ptr<const RowSource> fileRows_;  // a file decoder's rows, after LoadFile
   uint64_t next_ = 0;
   SimProgramDataSource programData_;
   SimConfigManager config_;
@@ -275,7 +345,11 @@ class SimFoundry final : public IChannelFoundry {
     if (receiver != "MTB" && receiver != "ETB") {
       throw SimError("No trace decoder for receiver '" + receiver + "' of CPU " + live->cpu());
     }
-    decoder = new SimDecoder(live->cpu(), receiver, coffFile != nullptr ? coffFile : "", false);
+    const CpuSpec* spec = nullptr;
+    auto scenario = SimWorld::instance().scenario();
+    if (scenario) spec = scenario->findCpu(live->cpu());
+    decoder = new SimDecoder(live->cpu(), receiver, coffFile != nullptr ? coffFile : "", false,
+                             spec != nullptr ? spec->clockHz : 0);
   }
   void LookupProgramDataSource(IDecoder* decoder, IProgramDataSource*& source) override {
     source = decoder != nullptr ? static_cast<SimDecoder*>(decoder)->programData() : nullptr;
@@ -290,11 +364,17 @@ class SimFoundry final : public IChannelFoundry {
     if (receiver != "MTB" && receiver != "ETB") {
       throw SimError("No trace decoder for receiver '" + receiver + "' of the recording");
     }
+    if (driver == nullptr) throw SimError("A file decoder needs a file channel driver");
     decoder = new SimDecoder(cpuInfo != nullptr && cpuInfo->name != nullptr ? cpuInfo->name : "", receiver,
-                             coffFile != nullptr ? coffFile : "", true);
+                             coffFile != nullptr ? coffFile : "", true, 0);
   }
   bool isSTM(const CpuInfo*, const char*, const char*) override { return false; }
-  bool isITM(const CpuInfo*, const char*, const char*) override { return false; }
+  // Both trace units count in core cycles: their clock is the device
+  // configuration's "Timing Clock Frequency" (the CPU clock).
+  bool isITM(const CpuInfo*, const char* receiverName, const char*) override {
+    const std::string receiver = receiverName != nullptr ? receiverName : "";
+    return receiver == "MTB" || receiver == "ETB";
+  }
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "SimError.hpp"
 #include "SimWorld.hpp"
+#include "TdfRecording.hpp"
 
 namespace OstrandSim {
 
@@ -300,7 +302,8 @@ class SimTargetObject final : public ITargetObject {
 
 class SimSession final : public ISession {
  public:
-  explicit SimSession(std::shared_ptr<const Scenario> scenario) : scenario_(std::move(scenario)) {
+  SimSession(std::shared_ptr<const Scenario> scenario, bool file)
+      : scenario_(std::move(scenario)), file_(file) {
     for (const DeviceSpec& d : scenario_->devices) devices_.push_back(std::make_unique<SimDevice>(d, *scenario_));
     for (const CpuSpec& c : scenario_->cpus) targets_.push_back(std::make_unique<SimTargetObject>(c));
   }
@@ -326,6 +329,10 @@ class SimSession final : public ISession {
  private:
   IOperationServer* server(const char* target, bool sub, char* errorText, size_t size) {
     std::string name = target != nullptr ? target : "";
+    if (file_) {
+      copyError(errorText, size, "A recording's session has no operations: its CPU does not run");
+      return nullptr;
+    }
     if (scenario_->findCpu(name) == nullptr) {
       copyError(errorText, size, "No CPU '" + name + "' in this session");
       return nullptr;
@@ -338,9 +345,42 @@ class SimSession final : public ISession {
   }
 
   std::shared_ptr<const Scenario> scenario_;
+  bool file_;
   std::vector<std::unique_ptr<SimDevice>> devices_;
   std::vector<std::unique_ptr<SimTargetObject>> targets_;
 };
+
+// The program a recording names, or the file of that name beside the
+// recording when the two were moved together.
+std::string programOf(const TdfRecording& r, const std::string& file) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  if (r.programFile.empty() || fs::exists(r.programFile, ec)) return r.programFile;
+  fs::path beside = fs::path(file).parent_path() / fs::path(r.programFile).filename();
+  return fs::exists(beside, ec) ? beside.string() : r.programFile;
+}
+
+std::shared_ptr<const Scenario> recordingScenario(const std::string& file) {
+  const TdfRecording r = readTdf(file);
+  auto scenario = std::make_shared<Scenario>();
+  scenario->name = "recording " + std::filesystem::path(file).filename().string();
+  scenario->path = file;
+  CpuSpec cpu;
+  cpu.name = r.cpuName;
+  cpu.kind = r.cpuValues[0];
+  cpu.program = programOf(r, file);
+  cpu.clockHz = static_cast<uint64_t>(r.clockHz);
+  cpu.traceSourceId = r.cpuValues[3];
+  DeviceSpec device;
+  device.name = "recording";
+  device.id = 1;
+  device.kind = cpu.kind;
+  device.nodes.push_back(NodeSpec{cpu.name, "", cpu.kind, cpu.program, {}});
+  device.routes.push_back(RouteSpec{cpu.name, r.receiverName, ""});
+  scenario->cpus.push_back(std::move(cpu));
+  scenario->devices.push_back(std::move(device));
+  return scenario;
+}
 
 class SimSessionManager final : public ISessionManager {
  public:
@@ -350,12 +390,17 @@ class SimSessionManager final : public ISessionManager {
       copyError(errorText, size, "No debug session: no scenario is active");
       return nullptr;
     }
-    return new SimSession(std::move(scenario));
+    return new SimSession(std::move(scenario), false);
   }
+  // A recording's session: one device with the recorded CPU, its program
+  // and its trace route. No scenario needs to be active.
   ISession* openFileSession(const char* fileName, char* errorText, size_t size) override {
-    copyError(errorText, size,
-              std::string("No stored configuration can be read from '") + (fileName ? fileName : "") + "'");
-    return nullptr;
+    try {
+      return new SimSession(recordingScenario(fileName != nullptr ? fileName : ""), true);
+    } catch (const std::exception& e) {
+      copyError(errorText, size, e.what());
+      return nullptr;
+    }
   }
   void releaseSession(ISession* session) override { delete static_cast<SimSession*>(session); }
 };

@@ -540,6 +540,7 @@ int32_t SimWorld::run(const std::string& name, uint64_t limit, std::string& erro
   cpu->lastError.clear();
   cpu->halt = std::make_shared<std::atomic<bool>>(false);
   cpu->recorder = recorder;
+  if (recorder) cpu->runConfiguration = configurationOf(name, receiver, trace);
   // What a debugger reports when it lets a target go: the job's run setup to
   // the clients of the target, the trace channel recording, then running.
   post([this, id] {

@@ -106,6 +106,10 @@ class __attribute__((visibility("default"))) SimWorld {
   // What the CPU's trace holds now: the recording of the last (or current)
   // run, or an empty table of the receiver's columns.
   std::shared_ptr<const RowSource> capture(const std::string& cpu);
+  // Saves the trace of the CPU's last run as a .tdf recording (written by
+  // SimRecording.cpp): -1 unknown CPU, -2 no run with a trace yet, -3
+  // running, -4 the file could not be written.
+  int32_t saveRecording(const std::string& cpu, const std::string& file, std::string& error);
 
  private:
   struct Cpu {
@@ -121,9 +125,14 @@ class __attribute__((visibility("default"))) SimWorld {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> halt;
     std::shared_ptr<TraceRecorder> recorder;
+    std::string runConfiguration;  // JSON text: what the operations asked of the last run
   };
 
   SimWorld();
+  // The enabled operations' properties for `receiver`, as a recording keeps
+  // them (SimRecording.cpp); caller holds mutex_.
+  std::string configurationOf(const std::string& cpu, const std::string& receiver,
+                              const TraceSettings& settings) const;
   void post(std::function<void()> event);
   void eventLoop();
   // Where a power capture goes when the run starts, and its record type.

@@ -1,12 +1,15 @@
 #include "TraceRecorder.hpp"
 
 #include <mutex>
+
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "EtmDecoder.hpp"
 #include "EtmEncoder.hpp"
 #include "MtbDecoder.hpp"
 #include "MtbEncoder.hpp"
+#include "TdfRecording.hpp"
 
 namespace OstrandSim {
 
@@ -44,6 +47,17 @@ class DecodedRows final : public RowSource {
   std::vector<int> from_;  // column of the decoded table, -1 if none
   int read_ = -1;
 };
+
+std::shared_ptr<const RowSource> mtbRows(const MtbSnapshot& trace, const ProgramImage* image, bool hierarchical) {
+  MtbDecodeOptions options;
+  options.hierarchical = hierarchical;
+  options.maxRows = kMaxMtbRows;
+  return std::make_shared<DecodedRows>("MTB", decodeMtb(trace, image, options));
+}
+
+std::shared_ptr<const RowSource> etbRows(const EtmSnapshot& trace, const ProgramImage& image) {
+  return std::make_shared<DecodedRows>("ETB", decodeEtm(trace, image, nullptr, kMaxMtbRows));
+}
 
 class RecorderBase : public TraceRecorder {
  public:
@@ -113,10 +127,13 @@ class MtbRecorder final : public RecorderBase {
       std::lock_guard<std::mutex> guard(mutex_);
       snapshot = mtb_.snapshot();
     }
-    MtbDecodeOptions options;
-    options.hierarchical = hierarchical_;
-    options.maxRows = kMaxMtbRows;
-    return std::make_shared<DecodedRows>("MTB", decodeMtb(snapshot, image_.get(), options));
+    return mtbRows(snapshot, image_.get(), hierarchical_);
+  }
+  void saveTrace(TdfRecording& out) const override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    out.receiverName = "MTB";
+    out.mtb = mtb_.snapshot();
+    out.etm.reset();
   }
 
  private:
@@ -158,7 +175,13 @@ class EtbRecorder final : public RecorderBase {
       snapshot = etm_.snapshot();
     }
     if (!image_) return std::make_shared<TableRows>(decoderColumns("ETB"));
-    return std::make_shared<DecodedRows>("ETB", decodeEtm(snapshot, *image_, nullptr, kMaxMtbRows));
+    return etbRows(snapshot, *image_);
+  }
+  void saveTrace(TdfRecording& out) const override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    out.receiverName = "ETB";
+    out.etm = etm_.snapshot();
+    out.mtb.reset();
   }
 
  private:
@@ -189,6 +212,18 @@ std::unique_ptr<TraceRecorder> makeRecorder(const TraceSettings& settings, uint3
     return std::make_unique<EtbRecorder>(settings, traceId, clockHz, std::move(image), std::move(selfStop));
   }
   return std::make_unique<MtbRecorder>(settings, std::move(image), std::move(selfStop));
+}
+
+std::shared_ptr<const RowSource> decodeTraceRows(const TdfRecording& recording, const ProgramImage& image) {
+  if (recording.etm) return etbRows(*recording.etm, image);
+  if (!recording.mtb) return std::make_shared<TableRows>(decoderColumns(recording.receiverName));
+  // "Hierarchical Decode" of the run's configuration, as the recording keeps it.
+  bool hierarchical = true;
+  const nlohmann::json conf = nlohmann::json::parse(recording.configuration, nullptr, false);
+  if (conf.is_object() && conf.contains("Hierarchical Decode") && conf["Hierarchical Decode"].is_boolean()) {
+    hierarchical = conf["Hierarchical Decode"].get<bool>();
+  }
+  return mtbRows(*recording.mtb, &image, hierarchical);
 }
 
 const std::vector<ColumnDef>& decoderColumns(const std::string& receiver) {

@@ -20,6 +20,8 @@
 
 namespace OstrandSim {
 
+struct TdfRecording;
+
 enum class RecordingStop { kNone, kUserRequest, kBufferFull, kTrigger };
 
 class TraceRecorder : public StepConsumer {
@@ -30,6 +32,9 @@ class TraceRecorder : public StepConsumer {
   virtual RecordingStop stopped() const = 0;
   // The rows of what the buffer holds now.
   virtual std::shared_ptr<const RowSource> rows() const = 0;
+  // The receiver and the bytes the trace unit holds now, as a recording
+  // saves them.
+  virtual void saveTrace(TdfRecording& out) const = 0;
 };
 
 // Rows a decoder hands out at most in one table.
@@ -43,6 +48,11 @@ inline constexpr uint64_t kMaxMtbRows = 16384;
 std::unique_ptr<TraceRecorder> makeRecorder(const TraceSettings& settings, uint32_t traceId,
                                             uint64_t clockHz, std::shared_ptr<const ProgramImage> image,
                                             std::function<void(RecordingStop)> selfStop);
+
+// The rows of a saved trace (TdfRecording), decoded as the recorder of its
+// receiver decodes its buffer: the file decoder's rows are the live ones.
+// Throws std::runtime_error when the ETM decoder refuses the stream.
+std::shared_ptr<const RowSource> decodeTraceRows(const TdfRecording& recording, const ProgramImage& image);
 
 // The columns of the receiver's decoder ("MTB", "ETB").
 const std::vector<ColumnDef>& decoderColumns(const std::string& receiver);

@@ -77,10 +77,7 @@ OSTRAND_SIM_API int32_t OstrandSim_State(char* buffer, size_t size) {
   });
 }
 OSTRAND_SIM_API int32_t OstrandSim_Save(const char* cpu, const char* tdfFile) {
-  return control([&](std::string& e) {
-    e = "Saving a run as a recording is not available yet";
-    return -5;
-  });
+  return control([&](std::string& e) { return SimWorld::instance().saveRecording(text(cpu), text(tdfFile), e); });
 }
 OSTRAND_SIM_API const char* OstrandSim_LastError() { return lastError.c_str(); }
 
