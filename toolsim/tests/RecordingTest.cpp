@@ -1,0 +1,328 @@
+// Saved runs: OstrandSim_Save writes a CPU's last run as a .tdf recording,
+// and the file decoder of the foundry, with its configuration manager and
+// the file session, opens it without a target. The file decoder's rows are
+// the live decoder's rows for the same run; damaged files are refused with
+// a message that names the file, never a crash.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "hemlock/ToolEntryPoints.hpp"
+#include "hemlock/hemlockErrorIF.hpp"
+#include "sim/SimControl.hpp"
+
+namespace {
+
+using namespace Qx::Nlv;
+namespace fs = std::filesystem;
+
+template <typename F>
+F entry(const char* library, const char* name) {
+  void* handle = dlopen((std::string(OSTRAND_TOOL_DIR) + "/lib" + library + ".so").c_str(), RTLD_NOW);
+  return handle != nullptr ? reinterpret_cast<F>(dlsym(handle, name)) : nullptr;
+}
+
+const auto loadScenario = entry<OstrandSim_LoadScenario_t>("hemlock", "OstrandSim_LoadScenario");
+const auto lastError = entry<OstrandSim_LastError_t>("hemlock", "OstrandSim_LastError");
+const auto simRun = entry<OstrandSim_Run_t>("hemlock", "OstrandSim_Run");
+const auto waitHalted = entry<OstrandSim_WaitHalted_t>("hemlock", "OstrandSim_WaitHalted");
+const auto simConnect = entry<OstrandSim_Connect_t>("hemlock", "OstrandSim_Connect");
+const auto simSave = entry<OstrandSim_Save_t>("hemlock", "OstrandSim_Save");
+const auto sessions = entry<XEVT_GetSessionManager_t>("qx_xevt_session", "XEVT_GetSessionManager");
+const auto createFoundry = entry<CreateChannelFoundry_t>("ChannelFoundry", "CreateChannelFoundry");
+const auto destroyFoundry = entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry");
+
+using Table = std::vector<std::vector<std::string>>;  // column names first, "" for no value
+
+// Every row of a decoder, read as the module reads it: column model, then
+// blocks from seek position 0 and on from the last row.
+Table readAll(Trace::IDecoder* decoder) {
+  uint32_t count = 0, rowSize = 0;
+  decoder->getColumnCount(count);
+  std::vector<uint32_t> offsets, sizes;
+  std::vector<bool> strings;
+  Table out(1);
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t id = 0, bits = 0, size = 0;
+    bool isString = false;
+    const char *name = nullptr, *t1 = nullptr, *t2 = nullptr;
+    decoder->getColumnInfo(i, id, bits, isString, name, t1, t2);
+    decoder->prepareColumn(i, isString);
+    decoder->bitsToBytes(bits, size);
+    out[0].push_back(name);
+    offsets.push_back(rowSize);
+    sizes.push_back(isString ? 6 : size);
+    strings.push_back(isString);
+    rowSize += sizes.back();
+  }
+  const uint32_t block = 500, validBytes = (count + 7) / 8;
+  std::vector<uint8_t> data(rowSize * block), valid(validBytes * block);
+  std::vector<Trace::TracePosition> positions(block);
+  for (uint32_t seek = Trace::kSeekStart;; seek = Trace::kSeekContinue) {
+    uint32_t rows = 0;
+    std::string text;
+    decoder->SeekRead(seek, 0, {}, block, rows, data.data(), positions.data(), valid.data(), text);
+    for (uint32_t r = 0; r < rows; ++r) {
+      std::vector<std::string> cells;
+      for (uint32_t c = 0; c < count; ++c) {
+        const uint8_t* cell = &data[r * rowSize + offsets[c]];
+        if ((valid[r * validBytes + c / 8] & (1u << (c % 8))) == 0) {
+          cells.emplace_back();
+        } else if (strings[c]) {
+          uint32_t at = 0;
+          uint16_t len = 0;
+          std::memcpy(&at, cell, 4);
+          std::memcpy(&len, cell + 4, 2);
+          cells.push_back(text.substr(at, len));
+        } else {
+          uint64_t v = 0;
+          std::memcpy(&v, cell, sizes[c]);
+          cells.push_back(std::to_string(v));
+        }
+      }
+      out.push_back(cells);
+    }
+    if (rows < block) break;
+  }
+  return out;
+}
+
+class RecordingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(loadScenario(""), 0) << lastError();
+    dir_ = fs::temp_directory_path() / ("toolsim-rec-" + std::to_string(getpid()));
+    fs::create_directories(dir_);
+    foundry_ = createFoundry();
+  }
+  void TearDown() override {
+    destroyFoundry(foundry_);
+    fs::remove_all(dir_);
+  }
+  std::string path(const std::string& name) const { return (dir_ / name).string(); }
+
+  // Runs a CPU of the default scenario and saves the run.
+  std::string runAndSave(const char* cpu, uint64_t instructions, const std::string& file) {
+    EXPECT_EQ(simConnect(cpu), 0) << lastError();
+    EXPECT_EQ(simRun(cpu, instructions), 0) << lastError();
+    EXPECT_EQ(waitHalted(cpu, 10000), 0) << lastError();
+    EXPECT_EQ(simSave(cpu, path(file).c_str()), 0) << lastError();
+    return path(file);
+  }
+
+  // The live decoder of a CPU's last run.
+  Table live(const char* cpu, const char* receiver) {
+    Trace::IChannelServer* server = nullptr;
+    foundry_->CreateChannelServer(server, 1);
+    Trace::IChannelDriver* driver = nullptr;
+    EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
+    Trace::IDecoder* decoder = nullptr;
+    foundry_->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
+    Table rows = readAll(decoder);
+    foundry_->DestroyDecoder(decoder);
+    foundry_->DestroyChannelServer(server, 0);
+    return rows;
+  }
+
+  // The file decoder as the module drives it: file channel driver, file
+  // decoder, LoadFile, LoadConfiguration; the clock from the configuration.
+  Table file(const std::string& tdf, const char* receiver, const char* program, int64_t* clockHz = nullptr) {
+    Trace::IFileChannelDriver* driver = nullptr;
+    foundry_->CreateFileChannelDriver(driver);
+    Trace::IDecoder* decoder = nullptr;
+    Table rows;
+    try {
+      foundry_->CreateDecoder(driver, receiver, nullptr, program, decoder, tdf.c_str());
+      Trace::IDeviceConfigManager* config = nullptr;
+      foundry_->LookupDeviceConfigManager(decoder, config);
+      decoder->LoadFile(tdf.c_str(), 0, 0);
+      config->LoadConfiguration(tdf.c_str(), 0);
+      Trace::ConfigProperty clock;
+      if (clockHz != nullptr && config->getProperty("Timing Clock Frequency", clock)) *clockHz = clock.integer;
+      rows = readAll(decoder);
+    } catch (...) {
+      if (decoder != nullptr) foundry_->DestroyDecoder(decoder);
+      foundry_->DestroyFileChannelDriver(driver);
+      throw;
+    }
+    foundry_->DestroyDecoder(decoder);
+    foundry_->DestroyFileChannelDriver(driver);
+    return rows;
+  }
+
+  fs::path dir_;
+  Trace::IChannelFoundry* foundry_ = nullptr;
+};
+
+struct SavedRun {
+  const char* cpu;
+  const char* receiver;
+  uint64_t instructions;
+  int64_t clockHz;
+};
+
+class SavedRuns : public RecordingTest, public ::testing::WithParamInterface<SavedRun> {};
+
+TEST_P(SavedRuns, DecodeFromTheFileToTheLiveRows) {
+  const SavedRun& run = GetParam();
+  const std::string tdf = runAndSave(run.cpu, run.instructions, std::string(run.cpu) + ".tdf");
+  const Table liveRows = live(run.cpu, run.receiver);
+  ASSERT_GT(liveRows.size(), 5u);
+  int64_t clock = 0;
+  const Table fileRows = file(tdf, run.receiver, nullptr, &clock);
+  EXPECT_EQ(fileRows, liveRows);
+  EXPECT_EQ(clock, run.clockHz);
+  const size_t status = std::find(liveRows[0].begin(), liveRows[0].end(), "Trace Status") - liveRows[0].begin();
+  ASSERT_LT(status, liveRows[0].size());
+  EXPECT_TRUE(std::any_of(liveRows.begin() + 1, liveRows.end(),
+                          [&](const auto& row) { return !row[status].empty(); }));
+
+  // A second run replaces the first: the file still holds the first.
+  ASSERT_EQ(simRun(run.cpu, 40), 0) << lastError();
+  ASSERT_EQ(waitHalted(run.cpu, 10000), 0);
+  EXPECT_EQ(file(tdf, run.receiver, nullptr), fileRows);
+
+  // The file session shows the recorded CPU with its program and route,
+  // with no scenario behind it.
+  ASSERT_EQ(loadScenario(""), 0);
+  char error[Xevt::kErrorTextSize] = {};
+  Xevt::ISession* session = sessions()->openFileSession(tdf.c_str(), error, sizeof error);
+  ASSERT_NE(session, nullptr) << error;
+  ASSERT_EQ(session->deviceCount(), 1u);
+  Xevt::IDevice* device = nullptr;
+  session->getDevices(&device, 1);
+  const wchar_t* program = nullptr;
+  device->getOutFileName(program, run.cpu);
+  ASSERT_NE(program, nullptr);
+  EXPECT_TRUE(fs::exists(fs::path(std::wstring(program))));
+  Xevt::RouteList routes;
+  device->getRoutes(routes);
+  ASSERT_EQ(routes.count, 1u);
+  const char* receiver = nullptr;
+  routes.routes[0]->getReceiver(receiver);
+  EXPECT_STREQ(receiver, run.receiver);
+  EXPECT_EQ(session->getOperationServer(run.cpu, error, sizeof error), nullptr);
+  EXPECT_NE(std::string(error).find("no operations"), std::string::npos) << error;
+  sessions()->releaseSession(session);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothCpus, SavedRuns,
+                         ::testing::Values(SavedRun{"CM0P", "MTB", 3000, 16000000},
+                                           SavedRun{"CM4", "ETB", 1500, 25000000}),
+                         [](const auto& info) { return std::string(info.param.cpu); });
+
+TEST_F(RecordingTest, SavingSaysWhyItCannot) {
+  EXPECT_EQ(simSave("NOPE", path("a.tdf").c_str()), -1);
+  EXPECT_NE(std::string(lastError()).find("No CPU 'NOPE'"), std::string::npos) << lastError();
+  EXPECT_EQ(simSave("CM0P", path("a.tdf").c_str()), -2);
+  EXPECT_NE(std::string(lastError()).find("no run to save yet; run it first"), std::string::npos) << lastError();
+  ASSERT_EQ(simConnect("CM0P"), 0);
+  ASSERT_EQ(simRun("CM0P", 100), 0);
+  ASSERT_EQ(waitHalted("CM0P", 10000), 0);
+  EXPECT_EQ(simSave("CM0P", (path("missing-dir") + "/a.tdf").c_str()), -4);
+  EXPECT_NE(std::string(lastError()).find("missing-dir/a.tdf"), std::string::npos) << lastError();
+  EXPECT_EQ(simSave("CM0P", ""), -4);
+  EXPECT_FALSE(fs::exists(path("a.tdf")));
+}
+
+TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
+  const std::string tdf = runAndSave("CM4", 500, "moved.tdf");
+  const fs::path elsewhere = dir_ / "elsewhere";
+  fs::create_directories(elsewhere);
+  fs::copy_file(std::string(OSTRAND_TOOL_DIR) + "/scenarios/firmware/m4.elf", elsewhere / "m4.elf");
+  fs::rename(tdf, elsewhere / "moved.tdf");
+  // The session looks beside the file when the recorded path is gone; the
+  // decoder takes the program it is given (the module finds it the same way).
+  char error[Xevt::kErrorTextSize] = {};
+  Xevt::ISession* session = sessions()->openFileSession((elsewhere / "moved.tdf").c_str(), error, sizeof error);
+  ASSERT_NE(session, nullptr) << error;
+  sessions()->releaseSession(session);
+  EXPECT_GT(file((elsewhere / "moved.tdf").string(), "ETB", (elsewhere / "m4.elf").c_str()).size(), 5u);
+}
+
+// ---- damaged files ------------------------------------------------------------
+
+using Bytes = std::vector<char>;
+
+Bytes readBytes(const std::string& p) {
+  std::ifstream in(p, std::ios::binary);
+  return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void writeBytes(const std::string& p, const Bytes& b) {
+  std::ofstream(p, std::ios::binary | std::ios::trunc).write(b.data(), static_cast<std::streamsize>(b.size()));
+}
+
+size_t find(const Bytes& b, const std::string& text) {
+  auto it = std::search(b.begin(), b.end(), text.begin(), text.end());
+  return static_cast<size_t>(it - b.begin());
+}
+
+struct Damage {
+  const char* name;
+  std::function<void(Bytes&)> change;
+  const char* error;  // a part of the message
+};
+
+TEST_F(RecordingTest, DamagedFilesAreRefusedWithTheFileAndTheFault) {
+  const std::string good = runAndSave("CM0P", 3000, "good.tdf");
+  const Bytes original = readBytes(good);
+  const std::vector<Damage> damages = {
+      {"empty", [](Bytes& b) { b.clear(); }, "cut short in the header"},
+      {"old header", [](Bytes& b) { std::memcpy(b.data(), "TDF1", 4); }, "no TDF2 header"},
+      {"format version", [](Bytes& b) { b[8] = 99; }, "format version 99 not supported"},
+      {"component", [](Bytes& b) { b[16] = 'X'; }, "wrong component name"},
+      {"data magic", [](Bytes& b) { b[find(b, "OSTD")] = 'X'; }, "no data section"},
+      {"data version", [](Bytes& b) { b[find(b, "OSTD") + 4] = 7; }, "data section of another version"},
+      {"configuration", [](Bytes& b) { b[find(b, "CONF") + 8] = '['; }, "configuration is not JSON"},
+      {"trace chunk tag", [](Bytes& b) { b[find(b, "MTBB")] = 'X'; }, "no trace in the data section"},
+      {"MTB position", [](Bytes& b) { b[find(b, "MTBB") + 8] = 3; }, "MTB position outside its buffer"},
+      {"chunk length", [](Bytes& b) { b[find(b, "MTBB") + 7] = 0x7F; }, "cut short in a chunk"},
+      {"program", [](Bytes& b) { b[find(b, "m0plus.elf") + 9] = 'X'; }, "program file cannot be read"},
+  };
+  for (const Damage& d : damages) {
+    SCOPED_TRACE(d.name);
+    const std::string bad = path(std::string("bad-") + d.name + ".tdf");
+    Bytes bytes = original;
+    d.change(bytes);
+    writeBytes(bad, bytes);
+    try {
+      file(bad, "MTB", nullptr);
+      ADD_FAILURE() << "a damaged file was decoded";
+    } catch (Hemlock::hemlockErrorIF& e) {
+      const std::string text = e.GetErrorText();
+      EXPECT_NE(text.find(d.error), std::string::npos) << text;
+      EXPECT_NE(text.find(bad), std::string::npos) << text;
+    }
+  }
+
+  // Cut anywhere, the file is refused (by the decoder and the file session)
+  // and nothing crashes.
+  for (size_t size = 0; size < original.size(); size += 5) {
+    const std::string cut = path("cut.tdf");
+    writeBytes(cut, Bytes(original.begin(), original.begin() + static_cast<long>(size)));
+    EXPECT_THROW(file(cut, "MTB", nullptr), Hemlock::hemlockErrorIF) << size;
+    char error[Xevt::kErrorTextSize] = {};
+    EXPECT_EQ(sessions()->openFileSession(cut.c_str(), error, sizeof error), nullptr) << size;
+    EXPECT_NE(std::string(error).find(cut), std::string::npos) << error;
+  }
+
+  // The trace of another receiver than the decoder's, and no file at all.
+  EXPECT_THROW(file(good, "ETB", nullptr), Hemlock::hemlockErrorIF);
+  try {
+    file(path("none.tdf"), "MTB", nullptr);
+    ADD_FAILURE() << "a missing file was decoded";
+  } catch (Hemlock::hemlockErrorIF& e) {
+    EXPECT_NE(std::string(e.GetErrorText()).find("none.tdf"), std::string::npos) << e.GetErrorText();
+  }
+}
+
+}  // namespace
