@@ -1,0 +1,93 @@
+// A saved run reopened as a TDF session through `ostrand shell --sim`, as a
+// debug host drives it: the replies and events against a golden transcript,
+// the decoded table on disk against a golden of its rows, and that table
+// served by the trace server's TDF experiment with the firmware's symbols.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "ProgramRunner.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "experiments/TDFExperiment.hpp"
+
+namespace {
+
+using ostrand_test::ProgramRun;
+using ostrand_test::readFile;
+namespace fs = std::filesystem;
+
+const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
+
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// One line per row: the cells, "-" where a cell has no value.
+std::string rowsText(const Json::Value& table) {
+  std::string out;
+  for (const Json::Value& c : table["Columns"]) out += c["name"].asString() + " | ";
+  out += "\n";
+  for (const Json::Value& row : table["Rows"]) {
+    for (const Json::Value& cell : row) out += (cell.isNull() ? std::string("-") : cell.asString()) + " | ";
+    out += "\n";
+  }
+  return out;
+}
+
+void checkGolden(const std::string& name, const std::string& actual) {
+  if (std::getenv("OSTRAND_UPDATE_GOLDEN") != nullptr) std::ofstream(kGolden + name) << actual;
+  EXPECT_EQ(actual, readFile(kGolden + name)) << name;
+}
+
+TEST(TdfSessionTest, SavedRunOpensAsATdfSessionWithTheFirmwaresSymbols) {
+  ostrand_test::ProgramRunner runner;
+  fs::create_directories(runner.dir() + "/runs");
+  const std::string input = replaceAll(readFile(kGolden + "tdf_session.jsonl"), "<home>", runner.dir());
+  ProgramRun r = runner.run("shell --sim", input);
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.err.find("saved the last run of CM4 as " + runner.dir() + "/runs/cm4.tdf"), std::string::npos)
+      << r.err;
+  checkGolden("tdf_session.expected", replaceAll(r.out, runner.dir(), "<home>"));
+
+  const std::string dir = runner.dir() + "/.QX-trace/data/file-targets/file/cm4/TDF";
+  Json::Value metadata, table;
+  ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadata"), metadata)) << dir;
+  EXPECT_EQ(metadata["typeId"].asString(), "TDF");
+  EXPECT_EQ(metadata["dataFile"].asString(), "tdf_data.json");
+  ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/tdf_data.json"), table));
+  checkGolden("tdf_session_rows.expected", rowsText(table));
+
+  // The trace server's experiment serves the table with the symbol columns.
+  VSKTspServer::DataBrokerRouter router;
+  VSKTspServer::TDFExperiment experiment("cm4_TDF", &router);
+  experiment.addTrace(VSKTspServer::VSKTrace("TDF", dir, ""));
+  experiment.open();
+  const auto columns = experiment.table->getColumns("").model;
+  std::vector<std::string> names;
+  for (const auto& c : columns) names.push_back(c.name);
+  for (const char* name : {"Program Address", "Trace Status", "Function", "File", "Dir"}) {
+    EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+  }
+  VSKTspServer::TableLinesRequest all;
+  all.requested_table_count = 0x7fffffff;
+  const auto lines = experiment.table->getLines(all).model;
+  EXPECT_EQ(lines.size, static_cast<int64_t>(table["Rows"].size()));
+  const size_t function = std::find(names.begin(), names.end(), "Function") - names.begin();
+  bool sawMain = false, sawHandler = false;
+  for (const auto& line : lines.lines) {
+    sawMain = sawMain || line.cells[function].content == "main";
+    sawHandler = sawHandler || line.cells[function].content == "Reset_Handler";
+  }
+  EXPECT_TRUE(sawMain);
+  EXPECT_TRUE(sawHandler);
+}
+
+}  // namespace
