@@ -35,13 +35,16 @@ namespace fs = std::filesystem;
 void printGenUsage(FILE* out) {
   std::fprintf(
       out,
-      "usage: ostrand gen mtb|tdf|placeholder|wattline|all [options]\n\n"
+      "usage: ostrand gen mtb|tdf|tdf-table|placeholder|wattline|all [options]\n\n"
       "Write sample capture directories (a `metadata` file and a data file) into a\n"
       "data tree, as a capture leaves them, for `ostrand serve` and the tests.\n\n"
       "Kinds:\n"
       "  mtb           an MTB capture: runs of code with instructions, source lines\n"
       "                and blocked (secure) markers, mtb_data.json\n"
-      "  tdf           a TDF recording: a table of columns and rows, tdf_data.json\n"
+      "  tdf           a .tdf recording of a simulated CPU's run, to open with a TDF\n"
+      "                session; it has options of its own: see 'ostrand gen tdf --help'\n"
+      "  tdf-table     a decoded TDF capture: a table of columns and rows,\n"
+      "                tdf_data.json, as a TDF session leaves it\n"
       "  placeholder   MTB, ETB and TDF captures with only their `metadata`, as\n"
       "                written before any data has arrived\n"
       "  wattline      a power capture (WLData.bin with its state description);\n"
@@ -53,12 +56,12 @@ void printGenUsage(FILE* out) {
       "  --data DIR    user directory; captures go below DIR/.QX-trace/data\n"
       "                (default: $USERPROFILE, else $HOME)\n"
       "  --target T    target path, \"/\" between levels (one kind only; defaults:\n"
-      "                mtb Probe/Cortex_M4_0, tdf file/recording,\n"
+      "                mtb Probe/Cortex_M4_0, tdf-table file/recording,\n"
       "                placeholder Probe/Cortex_M0_1)\n"
-      "  --size N      instructions (mtb) or rows (tdf); default 10000, up to\n"
+      "  --size N      instructions (mtb) or rows (tdf-table); default 10000, up to\n"
       "                100000000\n"
       "  --seed S      seed of the pseudo-random data (default 1)\n"
-      "  --tree T      where TDF captures go: \"file\" (file-targets, as a capture\n"
+      "  --tree T      where TDF tables go: \"file\" (file-targets, as a capture\n"
       "                leaves them; default) or \"live\" (live-targets, so that\n"
       "                `ostrand serve` finds them by its scan)\n"
       "  --help        show this text\n\n"
@@ -481,7 +484,9 @@ struct Kind {
 // when the options above fit it, else with `runWithArgs`.
 constexpr Kind kKinds[] = {
     {"mtb", "Probe/Cortex_M4_0", genMtb, nullptr},
-    {"tdf", "file/recording", genTdf, nullptr},
+    {"tdf-table", "file/recording", genTdf, nullptr},
+    // `gen tdf ...` runs a simulated CPU and saves a recording (GenTdfCommand.cpp).
+    {"tdf", "", nullptr, runGenTdf},
     {"placeholder", "Probe/Cortex_M0_1", genPlaceholder, nullptr},
     // `gen wattline ...` takes its own options; `gen all` writes the set.
     {"wattline", "sim", genWattlineSet, runGenWattline},
@@ -575,7 +580,7 @@ int runGen(int argc, char** argv) {
     return kExitOk;
   }
   if (o.kind.empty()) {
-    std::fprintf(stderr, "ostrand gen: say which kind to write: mtb, tdf, placeholder, wattline or all\n");
+    std::fprintf(stderr, "ostrand gen: say which kind to write: mtb, tdf, tdf-table, placeholder, wattline or all\n");
     return kExitUsage;
   }
   if (o.dataDir.empty()) {
@@ -606,7 +611,7 @@ int runGen(int argc, char** argv) {
   }
   if (!known) {
     std::fprintf(stderr,
-                 "ostrand gen: unknown kind '%s'; choose mtb, tdf, placeholder, wattline or all\n",
+                 "ostrand gen: unknown kind '%s'; choose mtb, tdf, tdf-table, placeholder, wattline or all\n",
                  o.kind.c_str());
     return kExitUsage;
   }

@@ -80,6 +80,28 @@ int parseServeOptions(int argc, char** argv, ServeOptions& options, bool& help) 
   return 0;
 }
 
+// `ostrand gen tdf` leaves .tdf recordings beside the data tree; they are
+// no captures, so the scan does not show them. Say so rather than serve an
+// empty list without a word.
+void noteRecordings() {
+  const char* user = std::getenv("USERPROFILE");
+  if (user == nullptr || *user == '\0') user = std::getenv("HOME");
+  if (user == nullptr) return;
+  const std::filesystem::path dir = std::filesystem::path(user) / ".QX-trace" / "recordings";
+  std::error_code ec;
+  size_t count = 0;
+  for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator();
+       it.increment(ec)) {
+    count += it->path().extension() == ".tdf" ? 1 : 0;
+  }
+  if (count == 0) return;
+  std::fprintf(stderr,
+               "ostrand serve: %zu .tdf recording(s) in %s are not served: a recording is opened by a\n"
+               "TDF session (cloudTrace.configureTDFSession, e.g. in `ostrand shell --sim`), whose\n"
+               "trace server then serves its decoded table; see 'ostrand gen tdf --help'.\n",
+               count, dir.c_str());
+}
+
 }  // namespace
 
 int runServe(int argc, char** argv) {
@@ -149,6 +171,7 @@ int runServe(int argc, char** argv) {
     // The server still serves; a later POST /tsp/api/experiments rescans.
     std::fprintf(stderr, "ostrand serve: scan of the data tree stopped: %s\n", e.what());
   }
+  noteRecordings();
   std::printf("Trace server on http://localhost:%d/tsp/api (data: %s)\n", options.port,
               options.dataDir.empty() ? "user directory" : options.dataDir.c_str());
   std::printf("Viewer: open http://localhost:%d/ in a browser\n", options.port);

@@ -26,6 +26,7 @@ int runServe(int argc, char** argv);
 int runDemo(int argc, char** argv);
 int runGenWattline(int argc, char** argv);
 int runGen(int argc, char** argv);
+int runGenTdf(int argc, char** argv);
 int runLookup(int argc, char** argv);
 int runDisasm(int argc, char** argv);
 

@@ -90,7 +90,7 @@ TEST_F(GenCommand, SameSeedSameBytesOtherSeedOtherData) {
 }
 
 TEST_F(GenCommand, TdfCaptureReadsAsATable) {
-  ASSERT_EQ(gen({"tdf", "--data", root.string(), "--size", "250"}), 0);
+  ASSERT_EQ(gen({"tdf-table", "--data", root.string(), "--size", "250"}), 0);
   const fs::path dir = root / ".QX-trace/data/file-targets/file/recording/TDF";
   TDFExperiment experiment("recording_TDF", &router);
   experiment.addTrace(VSKTrace("TDF", dir.string(), ""));
@@ -104,7 +104,7 @@ TEST_F(GenCommand, TdfCaptureReadsAsATable) {
   EXPECT_EQ(lines.model.lines[9].cells[0].content, "249");
   EXPECT_EQ(experiment.table->getColumns("").model.size(), 8u);
 
-  ASSERT_EQ(gen({"tdf", "--data", root.string(), "--size", "5", "--tree", "live"}), 0);
+  ASSERT_EQ(gen({"tdf-table", "--data", root.string(), "--size", "5", "--tree", "live"}), 0);
   EXPECT_TRUE(fs::exists(live("file/recording/TDF/tdf_data.json")));
 }
 
@@ -165,7 +165,7 @@ TEST_F(GenCommand, BadCommandLinesAreUsageErrors) {
   EXPECT_EQ(gen({"mtb", "--data", data, "--seed"}), ostrand::kExitUsage);
   EXPECT_EQ(gen({"mtb", "tdf", "--data", data}), ostrand::kExitUsage);
   EXPECT_EQ(gen({"all", "--data", data, "--target", "x"}), ostrand::kExitUsage);
-  EXPECT_EQ(gen({"tdf", "--data", data, "--tree", "both"}), ostrand::kExitUsage);
+  EXPECT_EQ(gen({"tdf-table", "--data", data, "--tree", "both"}), ostrand::kExitUsage);
   // Targets name levels below the data tree; ".." would write outside --data.
   EXPECT_EQ(gen({"mtb", "--data", data, "--target", "../../../../escaped"}), ostrand::kExitUsage);
   EXPECT_EQ(gen({"wattline", "--data", data, "--target", "a/./../../../../escaped"}),

@@ -90,4 +90,24 @@ TEST(TdfSessionTest, SavedRunOpensAsATdfSessionWithTheFirmwaresSymbols) {
   EXPECT_TRUE(sawHandler);
 }
 
+// `gen tdf` saves a run the same way as the shell and says where, and how
+// to open it.
+TEST(TdfSessionTest, GenTdfSavesTheRunTheShellSavesAndSaysHowToOpenIt) {
+  ostrand_test::ProgramRunner runner;
+  ProgramRun gen = runner.run("gen tdf --data '" + runner.dir() + "' --cpu CM4 --instructions 400");
+  ASSERT_EQ(gen.exitCode, 0) << gen.err;
+  const std::string file = runner.dir() + "/.QX-trace/recordings/CM4.tdf";
+  EXPECT_EQ(gen.out, file + "\n");
+  EXPECT_NE(gen.err.find("cloudTrace.configureTDFSession"), std::string::npos) << gen.err;
+  // The same run as the shell's golden session: the same recording bytes.
+  ProgramRun shell = runner.run("shell --sim", ":connect CM4\n:run CM4 400\n:save CM4 " + runner.dir() + "/b.tdf\n");
+  ASSERT_EQ(shell.exitCode, 0) << shell.err;
+  EXPECT_EQ(readFile(file), readFile(runner.dir() + "/b.tdf"));
+
+  ProgramRun bad = runner.run("gen tdf --cpu NOPE --data '" + runner.dir() + "'");
+  EXPECT_EQ(bad.exitCode, 1);
+  EXPECT_NE(bad.err.find("No CPU 'NOPE'"), std::string::npos) << bad.err;
+  EXPECT_EQ(runner.run("gen tdf --instructions lots").exitCode, 2);
+}
+
 }  // namespace

@@ -36,7 +36,7 @@ cleanup() {
 trap cleanup EXIT INT TERM
 
 "$build/bin/ostrand" gen mtb --data "$data" --size 5000 --seed 7 >/dev/null
-"$build/bin/ostrand" gen tdf --data "$data" --size 300 --seed 7 >/dev/null
+"$build/bin/ostrand" gen tdf-table --data "$data" --size 300 --seed 7 >/dev/null
 tdf_dir="$data/.QX-trace/data/file-targets/file/recording/TDF"
 # Power captures: state words in the v4 and the v5 layout, and none.
 "$build/bin/ostrand" gen wattline --data "$data" --target sim/wl_v4 --type 7 --states v4 \

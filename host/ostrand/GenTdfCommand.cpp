@@ -1,0 +1,176 @@
+// `ostrand gen tdf`: runs a CPU of a scenario of the simulated debug
+// environment and saves the run as a .tdf recording, the file a TDF session
+// opens. The tool libraries of the build tree do the work, through their
+// control entry point, as `shell --sim` drives them.
+#include <dlfcn.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "ostrand/ExitCodes.hpp"
+#include "ostrand/Subcommands.hpp"
+#include "sim/SimControl.hpp"
+
+namespace ostrand {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void printGenTdfUsage(FILE* out) {
+  std::fprintf(
+      out,
+      "usage: ostrand gen tdf [options]\n\n"
+      "Run a CPU of a simulated scenario under trace and save the run as a .tdf\n"
+      "recording: the trace bytes its trace unit held, the CPU, receiver and\n"
+      "program, and the settings of the run. A recording is opened by a TDF session\n"
+      "(cloudTrace.configureTDFSession with the file), which decodes it into the\n"
+      "table a viewer shows; `ostrand serve` does not list recordings.\n\n"
+      "  --scenario FILE     scenario to run (default: the default scenario beside\n"
+      "                      the tool libraries)\n"
+      "  --cpu NAME          CPU to run; it needs an MTB or ETB route (default CM0P)\n"
+      "  --instructions N    instructions to run, 1 to 100000000 (default 5000)\n"
+      "  --out FILE          the recording to write (default:\n"
+      "                      <data>/.QX-trace/recordings/<CPU>.tdf)\n"
+      "  --data DIR          user directory for the default --out (default:\n"
+      "                      $USERPROFILE, else $HOME)\n"
+      "  --module PATH       the module whose tree holds the tool libraries (default:\n"
+      "                      the one built beside this program, or $OSTRAND_MODULE)\n"
+      "  --help              show this text\n\n"
+      "For a decoded TDF table that `ostrand serve` shows without a session, see\n"
+      "'ostrand gen tdf-table'.\n");
+}
+
+struct Options {
+  std::string scenario, cpu = "CM0P", out, dataDir, module;
+  uint64_t instructions = 5000;
+};
+
+constexpr uint64_t kMaxInstructions = 100'000'000;
+
+int parse(int argc, char** argv, Options& o, bool& help) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      help = true;
+      return kExitOk;
+    }
+    const bool known = arg == "--scenario" || arg == "--cpu" || arg == "--instructions" || arg == "--out" ||
+                       arg == "--data" || arg == "--module";
+    if (!known) {
+      std::fprintf(stderr, "ostrand gen tdf: unknown option '%s'; see 'ostrand gen tdf --help'\n", arg.c_str());
+      return kExitUsage;
+    }
+    if (i + 1 >= argc) {
+      std::fprintf(stderr, "ostrand gen tdf: %s needs a value; see 'ostrand gen tdf --help'\n", arg.c_str());
+      return kExitUsage;
+    }
+    const char* value = argv[++i];
+    if (arg == "--instructions") {
+      char* end = nullptr;
+      errno = 0;
+      const unsigned long long n = std::strtoull(value, &end, 10);
+      if (*value == '\0' || *value == '-' || *end != '\0' || errno != 0 || n < 1 || n > kMaxInstructions) {
+        std::fprintf(stderr, "ostrand gen tdf: --instructions wants a number from 1 to %" PRIu64 ", not '%s'\n",
+                     kMaxInstructions, value);
+        return kExitUsage;
+      }
+      o.instructions = n;
+    } else {
+      std::string& field = arg == "--scenario" ? o.scenario
+                           : arg == "--cpu"    ? o.cpu
+                           : arg == "--out"    ? o.out
+                           : arg == "--data"   ? o.dataDir
+                                               : o.module;
+      field = value;
+    }
+  }
+  return kExitOk;
+}
+
+std::string defaultModule() {
+  if (const char* env = std::getenv("OSTRAND_MODULE"); env != nullptr && *env != '\0') return env;
+#ifdef OSTRAND_DEFAULT_MODULE
+  return OSTRAND_DEFAULT_MODULE;
+#else
+  return "libOstrand.so";
+#endif
+}
+
+template <typename F>
+F entry(void* library, const char* name) {
+  return reinterpret_cast<F>(dlsym(library, name));
+}
+
+}  // namespace
+
+int runGenTdf(int argc, char** argv) {
+  Options o;
+  bool help = false;
+  if (int rc = parse(argc, argv, o, help); rc != kExitOk) return rc;
+  if (help) {
+    printGenTdfUsage(stdout);
+    return kExitOk;
+  }
+  if (o.out.empty()) {
+    if (o.dataDir.empty()) {
+      const char* home = std::getenv("USERPROFILE");
+      if (home == nullptr || *home == '\0') home = std::getenv("HOME");
+      if (home == nullptr || *home == '\0') {
+        std::fprintf(stderr, "ostrand gen tdf: set USERPROFILE or HOME, or pass --data DIR or --out FILE\n");
+        return kExitUsage;
+      }
+      o.dataDir = home;
+    }
+    o.out = (fs::path(o.dataDir) / ".QX-trace" / "recordings" / (o.cpu + ".tdf")).string();
+  }
+  std::error_code ec;
+  const fs::path out = fs::absolute(o.out, ec).lexically_normal();
+  fs::create_directories(out.parent_path(), ec);
+
+  const fs::path module = fs::absolute(o.module.empty() ? defaultModule() : o.module, ec);
+  const fs::path toolDir = (module.parent_path().parent_path() / "emulation" / "analysis" / "bin").lexically_normal();
+  void* library = dlopen((toolDir / "libhemlock.so").c_str(), RTLD_NOW);
+  if (library == nullptr || dlsym(library, "OstrandSim_Save") == nullptr) {
+    std::fprintf(stderr,
+                 "ostrand gen tdf: the simulated tool libraries are not at %s (build the project, or pass "
+                 "--module with the module of a complete tree)\n",
+                 toolDir.c_str());
+    return kExitNoModule;
+  }
+  auto lastError = entry<OstrandSim_LastError_t>(library, "OstrandSim_LastError");
+  auto step = [&](int32_t result, const std::string& what) {
+    if (result >= 0) return true;
+    std::fprintf(stderr, "ostrand gen tdf: %s: %s\n", what.c_str(), lastError());
+    return false;
+  };
+  const char* cpu = o.cpu.c_str();
+  // A generous bound: the slowest executor runs about a million
+  // instructions a second.
+  const uint32_t timeoutMs = static_cast<uint32_t>(30000 + o.instructions / 100);
+  const bool ok =
+      step(entry<OstrandSim_LoadScenario_t>(library, "OstrandSim_LoadScenario")(o.scenario.c_str()), "scenario") &&
+      step(entry<OstrandSim_Connect_t>(library, "OstrandSim_Connect")(cpu), "connect " + o.cpu) &&
+      step(entry<OstrandSim_Run_t>(library, "OstrandSim_Run")(cpu, o.instructions), "run " + o.cpu) &&
+      step(entry<OstrandSim_WaitHalted_t>(library, "OstrandSim_WaitHalted")(cpu, timeoutMs), "run " + o.cpu) &&
+      step(entry<OstrandSim_Save_t>(library, "OstrandSim_Save")(cpu, out.c_str()), "save " + o.cpu);
+  if (!ok) return kExitFailure;
+  entry<OstrandSim_Disconnect_t>(library, "OstrandSim_Disconnect")(cpu);
+  std::printf("%s\n", out.c_str());
+  std::fprintf(stderr,
+               "ostrand gen tdf: saved %" PRIu64 " instructions of %s as the recording above.\n"
+               "A recording is not a capture directory: `ostrand serve` does not list it. Open it\n"
+               "with a TDF session, e.g. in `ostrand shell --sim`:\n"
+               "  {\"command\":\"cloudTrace.configureTDFSession\",\"id\":1,\"data\":[\"file/%s\","
+               "\"{\\\"traceSession\\\":{\\\"TDF\\\":{\\\"enable\\\":true,\\\"opProp\\\":{\\\"File\\\":\\\"%s\\\"}}}}\"]}\n"
+               "The decoded table then lies in <home>/.QX-trace/data/file-targets/file/%s/TDF.\n",
+               o.instructions, cpu, cpu, out.c_str(), cpu);
+  return kExitOk;
+}
+
+}  // namespace ostrand
