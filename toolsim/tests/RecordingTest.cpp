@@ -237,7 +237,7 @@ TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
   const std::string tdf = runAndSave("CM4", 500, "moved.tdf");
   const fs::path elsewhere = dir_ / "elsewhere";
   fs::create_directories(elsewhere);
-  fs::copy_file(std::string(OSTRAND_TOOL_DIR) + "/scenarios/firmware/m4.elf", elsewhere / "m4.elf");
+  fs::copy_file(std::string(OSTRAND_TOOL_DIR) + "/scenarios/firmware/run_mps2.elf", elsewhere / "run_mps2.elf");
   fs::rename(tdf, elsewhere / "moved.tdf");
   // The session looks beside the file when the recorded path is gone; the
   // decoder takes the program it is given (the module finds it the same way).
@@ -245,7 +245,7 @@ TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
   Xevt::ISession* session = sessions()->openFileSession((elsewhere / "moved.tdf").c_str(), error, sizeof error);
   ASSERT_NE(session, nullptr) << error;
   sessions()->releaseSession(session);
-  EXPECT_GT(file((elsewhere / "moved.tdf").string(), "ETB", (elsewhere / "m4.elf").c_str()).size(), 5u);
+  EXPECT_GT(file((elsewhere / "moved.tdf").string(), "ETB", (elsewhere / "run_mps2.elf").c_str()).size(), 5u);
 }
 
 // ---- damaged files ------------------------------------------------------------
@@ -286,7 +286,7 @@ TEST_F(RecordingTest, DamagedFilesAreRefusedWithTheFileAndTheFault) {
       {"trace chunk tag", [](Bytes& b) { b[find(b, "MTBB")] = 'X'; }, "no trace in the data section"},
       {"MTB position", [](Bytes& b) { b[find(b, "MTBB") + 8] = 3; }, "MTB position outside its buffer"},
       {"chunk length", [](Bytes& b) { b[find(b, "MTBB") + 7] = 0x7F; }, "cut short in a chunk"},
-      {"program", [](Bytes& b) { b[find(b, "m0plus.elf") + 9] = 'X'; }, "program file cannot be read"},
+      {"program", [](Bytes& b) { b[find(b, "run_microbit.elf") + 15] = 'X'; }, "program file cannot be read"},
   };
   for (const Damage& d : damages) {
     SCOPED_TRACE(d.name);
