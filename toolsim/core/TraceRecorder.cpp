@@ -24,6 +24,14 @@ class DecodedRows final : public RowSource {
       : columns_(decoderColumns(receiver)), table_(std::move(table)) {
     for (const ColumnDef& c : columns_) from_.push_back(table_.columnIndex(c.name));
     read_ = table_.columnIndex(kReadAddress);
+    // "Timestamp": the cycles counted up to the row, so a reader with the
+    // CPU clock has real times.
+    const int cycles = table_.columnIndex(kCycles);
+    uint64_t counted = 0;
+    for (size_t r = 0; cycles >= 0 && r < table_.rowCount(); ++r) {
+      counted += table_.value(r, cycles).value_or(0);
+      timestamps_.push_back(counted);
+    }
   }
 
   const std::vector<ColumnDef>& columns() const override { return columns_; }
@@ -35,6 +43,8 @@ class DecodedRows final : public RowSource {
         if (auto v = table_.value(row, from_[c])) sink.value(c, *v);
       } else if (columns_[c].name == "Index") {
         sink.value(c, index);
+      } else if (columns_[c].name == "Timestamp" && row < timestamps_.size()) {
+        sink.value(c, timestamps_[row]);
       } else if (columns_[c].name == kTraceStatus && read_ >= 0 && table_.has(row, read_)) {
         sink.text(c, "Run");
       }
@@ -45,6 +55,7 @@ class DecodedRows final : public RowSource {
   const std::vector<ColumnDef>& columns_;
   RowTable table_;
   std::vector<int> from_;  // column of the decoded table, -1 if none
+  std::vector<uint64_t> timestamps_;  // per row, when the table counts cycles
   int read_ = -1;
 };
 
