@@ -1,5 +1,7 @@
 #include "tool_access/CloudOperation.hpp"
 
+#include <new>
+
 #include "symbols/CloudDisasm.hpp"
 #include "symbols/ObjectFileInfo.hpp"
 
@@ -11,9 +13,12 @@ struct Registry {
 };
 
 // Made on first use and never destroyed: records may still be released by
-// tool threads while the process ends.
+// tool threads while the process ends. It lives in static storage rather
+// than on the heap, so a module unloaded with no record left leaves nothing
+// behind.
 Registry& registry() {
-  static auto* instance = new Registry();
+  alignas(Registry) static unsigned char storage[sizeof(Registry)];
+  static Registry* instance = new (storage) Registry();
   return *instance;
 }
 

@@ -42,6 +42,13 @@ std::pair<std::string, std::string> traceDirOf(const std::string& metadataFile) 
   return {dir.string(), dir.filename().string()};
 }
 
+// An experiment whose first load failed: listed with the status a failed
+// load leaves ("RUNNING") and no outputs, so a viewer shows the capture as
+// not loaded instead of not there. The reason is in the log.
+bool isFailedLoad(const VSKExperiment& experiment) {
+  return experiment.indexingStatus == kIndexingRunning && experiment.outputs.empty();
+}
+
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -212,7 +219,12 @@ VSKExperiment* ModelManager::openExperiment(std::string name, std::vector<std::s
     VSKTrace* trace = getTrace(uuid);
     if (!trace) continue;
     try {
-      if (VSKExperiment* experiment = getExperimentByName(experimentName(root, *trace))) {
+      VSKExperiment* experiment = getExperimentByName(experimentName(root, *trace));
+      if (experiment != nullptr && isFailedLoad(*experiment)) {
+        // Made again from the start: the capture may be repaired.
+        deleteExperiment(experiment->UUID);
+        added.push_back(uuid);
+      } else if (experiment != nullptr) {
         experiment->refresh();
         std::cout << "Refresh experiment: " << experiment->name << std::endl;
       } else {
@@ -255,12 +267,13 @@ VSKExperiment* ModelManager::createExperiments(const std::string& name,
     if (!trace) continue;
     // One capture that cannot become an experiment (no device, a kind
     // without a class, data that does not load) hides none of the others.
+    std::shared_ptr<VSKExperiment> experiment;
     try {
       const std::string en = experimentName(name, *trace);
       std::unique_ptr<VSKExperiment> made = makeExperiment(trace->type, en, dataBroker.get());
       if (!made)
         throw std::invalid_argument("capture kind '" + trace->type + "' has no experiment");
-      std::shared_ptr<VSKExperiment> experiment = std::move(made);
+      experiment = std::move(made);
       experiment->addTrace(*trace);
       experiment->open();
       last = experiment.get();
@@ -268,6 +281,13 @@ VSKExperiment* ModelManager::createExperiments(const std::string& name,
       std::cout << "New experiment: " << experiment->name << std::endl;
     } catch (const std::exception& error) {
       reportCaptureFailure(trace->path, error);
+      // A capture that has a name and a kind but does not load stays in the
+      // list as a failed load, without the outputs a partial load made.
+      if (experiment) {
+        experiment->close();
+        experiment->indexingStatus = kIndexingRunning;
+        experiments.emplace(experiment->UUID, experiment);
+      }
     }
   }
   return last;
@@ -341,6 +361,7 @@ int ModelManager::exportCaptureToCSV(std::string target, std::string type, std::
 
   int exported = 0;
   for (const auto& experiment : getExperiments()) {
+    if (isFailedLoad(*experiment)) continue;
     if (!stem.empty() && !startsWith(experiment->name, target) &&
         !startsWith(experiment->name, stem))
       continue;

@@ -61,7 +61,12 @@ function renderList() {
     const box = el('div', { class: 'experiment', 'data-uuid': experiment.UUID },
       el('h3', {}, el('span', { class: 'kind' }, kind), experiment.name),
       el('div', { class: 'facts' }, facts));
-    if (outputs.length === 0 || state.empty.has(experiment.UUID)) {
+    // A capture the server could not load is listed with the status a
+    // failed load leaves and no outputs; the server's log names the reason.
+    if (experiment.indexingStatus === 'RUNNING' && outputs.length === 0) {
+      box.append(el('p', { class: 'note failed' },
+        'Not loaded: the server could not read this capture. Its log names the file and the reason.'));
+    } else if (outputs.length === 0 || state.empty.has(experiment.UUID)) {
       box.append(el('p', { class: 'note placeholder' },
         'No data in this capture yet: it is a placeholder until a capture finishes.'));
     } else if (experiment.indexingStatus !== 'COMPLETED') {

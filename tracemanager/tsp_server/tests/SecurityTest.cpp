@@ -99,11 +99,15 @@ class SecurityTest : public ::testing::Test {
   httplib::Result rescan() {
     return postJson("/tsp/api/experiments", {{"parameters", {{"name", "LiveTarget"}, {"traces", json::array()}}}});
   }
-  std::vector<std::string> experimentNames() {
+  // The experiments listed with `status`: "COMPLETED" for the loaded ones,
+  // "RUNNING" for captures that failed to load.
+  std::vector<std::string> experimentNames(const std::string& status = "COMPLETED") {
     std::vector<std::string> names;
     auto res = client->Get("/tsp/api/experiments");
     if (!res || res->status != 200) return names;
-    for (const auto& e : json::parse(res->body)) names.push_back(e["name"]);
+    for (const auto& e : json::parse(res->body)) {
+      if (e["indexingStatus"] == status) names.push_back(e["name"]);
+    }
     std::sort(names.begin(), names.end());
     return names;
   }
@@ -279,6 +283,16 @@ TEST_F(SecurityTest, EachCaptureLoadsOrFailsOnItsOwnAndARepairIsPickedUp) {
   running->server().refreshLive();
   EXPECT_EQ(experimentNames(),
             (std::vector<std::string>{"Good1_TDF", "Good2_TDF", "Good3_CoreTrace"}));
+  // A capture with a name and a kind whose data does not load is listed as a
+  // failed load, with no outputs; the others are only in the log.
+  ASSERT_EQ(experimentNames("RUNNING"), std::vector<std::string>{"Truncated_CoreTrace"});
+  for (const auto& e : json::parse(client->Get("/tsp/api/experiments")->body)) {
+    if (e["indexingStatus"] != "RUNNING") continue;
+    auto outputs = client->Get("/tsp/api/experiments/" + e["UUID"].get<std::string>() + "/outputs");
+    ASSERT_TRUE(outputs);
+    EXPECT_EQ(outputs->status, 200);
+    EXPECT_EQ(json::parse(outputs->body), json::array());
+  }
 
   // Repaired on disk: the next scan brings both back, and answers with one.
   CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/metadata", good);
@@ -290,6 +304,7 @@ TEST_F(SecurityTest, EachCaptureLoadsOrFailsOnItsOwnAndARepairIsPickedUp) {
   EXPECT_EQ(res->status, 200);
   EXPECT_EQ(experimentNames(), (std::vector<std::string>{"Broken_TDF", "Good1_TDF", "Good2_TDF",
                                                          "Good3_CoreTrace", "Truncated_CoreTrace"}));
+  EXPECT_TRUE(experimentNames("RUNNING").empty());
 }
 
 // ---- Bounded cost per request ---------------------------------------------
