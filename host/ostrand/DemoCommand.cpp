@@ -88,16 +88,15 @@ int runDemo(int argc, char** argv) {
     std::perror("ostrand demo: cannot make a temporary directory");
     return kExitFailure;
   }
+  // The server's scan lists every capture it finds, so `gen` lists none.
   std::printf("Sample captures in %s:\n", dir.c_str());
   std::fflush(stdout);
-  int rc = runWith(runGen, {"gen", "all", "--data", dir, "--tree", "live", "--size", options.size});
+  int rc = runWith(
+      runGen, {"gen", "all", "--data", dir, "--tree", "live", "--size", options.size, "--quiet"});
   if (rc == kExitOk)
     rc = runWith(runGen, {"gen", "wattline", "--data", dir, "--target", "sim/long_capture",
-                          "--duration", options.duration, "--rate", "100000"});
-  if (rc == kExitOk) {
-    std::printf("\n");
-    rc = runWith(runServe, {"serve", "--data", dir, "--port", options.port});
-  }
+                          "--duration", options.duration, "--rate", "100000", "--quiet"});
+  if (rc == kExitOk) rc = runWith(runServe, {"serve", "--data", dir, "--port", options.port});
   if (options.keep) {
     std::fprintf(stderr, "ostrand demo: the captures stay in %s\n", dir.c_str());
   } else {
