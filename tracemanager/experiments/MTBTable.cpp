@@ -5,6 +5,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "experiments/TableText.hpp"
 #include "source_utilities/Logger.hpp"
@@ -218,21 +219,21 @@ TableLine MTBTable::makeLine(int64_t index, int64_t run, int64_t instruction) co
   if (!d.is_object()) (void)d["dir"];  // type error 305
   if (!c.is_object()) (void)c["seq"];
 
-  const RunCells r = readRun(d);
-  const RowCells row = readRow(c);
+  RunCells r = readRun(d);
+  RowCells row = readRow(c);
 
   TableLine line;
   line.index = index;
   line.cells.resize(9);
-  line.cells[0].content = row.seq;
+  line.cells[0].content = std::move(row.seq);
   if (instruction == 0 && r.arrow) line.cells[1].content = "=>";
-  line.cells[2].content = row.addr;
-  line.cells[3].content = r.function;
-  line.cells[4].content = r.file;
-  line.cells[5].content = row.lno;
-  line.cells[6].content = row.src;
-  line.cells[7].content = row.assembly;
-  line.cells[8].content = r.dir;
+  line.cells[2].content = std::move(row.addr);
+  line.cells[3].content = std::move(r.function);
+  line.cells[4].content = std::move(r.file);
+  line.cells[5].content = std::move(row.lno);
+  line.cells[6].content = std::move(row.src);
+  line.cells[7].content = std::move(row.assembly);
+  line.cells[8].content = std::move(r.dir);
   return line;
 }
 
