@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -32,6 +31,7 @@
 #include <nlohmann/json.hpp>
 
 #include "experiments/VSKExperiment.hpp"
+#include "experiments/generator/SampleCaptureWriter.hpp"
 #include "tsp_server/ModelManager.hpp"
 #include "tsp_server/TspServer.hpp"
 #include "tsp_server/models/TableLinesWriter.hpp"
@@ -42,54 +42,20 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kLinesPerRequest = 200;
-constexpr int kInstructionsPerRun = 8;
 
-void writeMetadata(const fs::path& dir, const std::string& device, const std::string& type,
-                   const std::string& dataFile) {
-  fs::create_directories(dir);
-  std::ofstream(dir / "metadata") << nlohmann::json{
-      {"typeId", type}, {"device", device}, {"dataFile", dataFile}}.dump();
-}
-
-// Written as text, since a document of a million instructions is far
-// cheaper to print than to build.
-void writeMtb(const fs::path& dir, const std::string& device, int instructions) {
-  writeMetadata(dir, device, "MTB", "mtb_data.json");
-  std::FILE* out = std::fopen((dir / "mtb_data.json").c_str(), "w");
-  const int runs = instructions / kInstructionsPerRun;
-  std::fputs(R"({"header":["PC"],"data":[)", out);
-  for (int r = 0; r < runs; ++r) {
-    std::fprintf(out,
-                 R"(%s{"seq":%d,"first":"%08X","last":"%08X","function":"fn_%d","file":"main.c","dir":"/src"})",
-                 r ? "," : "", r, 0x08000100 + r * 16, 0x0800010E + r * 16, r % 97);
+// A capture of the shared sample writers under the live tree of `root`.
+void writeCapture(const fs::path& root, const std::string& device, const std::string& type,
+                  uint64_t size) {
+  namespace samples = VSKTspServer::samples;
+  const std::string dir = samples::captureDirectory(root.string(), "live-targets", device, type);
+  const bool mtb = type == "MTB";
+  const std::string file = dir + (mtb ? "/mtb_data.json" : "/tdf_data.json");
+  if (!samples::writeMetadataFile(dir, type, device, mtb ? "mtb_data.json" : "tdf_data.json") ||
+      !(mtb ? samples::writeMtbDocument(file, size, 1)
+            : samples::writeTdfDocument(file, size, 1))) {
+    std::fprintf(stderr, "bench: cannot write %s\n", file.c_str());
+    std::exit(1);
   }
-  std::fputs(R"(],"code":[)", out);
-  int seq = 0;
-  for (int r = 0; r < runs; ++r) {
-    std::fputs(r ? ",[" : "[", out);
-    for (int i = 0; i < kInstructionsPerRun; ++i, ++seq) {
-      std::fprintf(out,
-                   R"(%s{"seq":%d,"addr":"%08X","asm":"  adds r0, r0, #1","lno":%d,"src":"    total += step;"})",
-                   i ? "," : "", seq, 0x08000100 + r * 16 + 2 * i, 10 + i);
-    }
-    std::fputs("]", out);
-  }
-  std::fputs("]}", out);
-  std::fclose(out);
-}
-
-void writeTdf(const fs::path& dir, const std::string& device, int rows) {
-  writeMetadata(dir, device, "TDF", "tdf_data.json");
-  std::FILE* out = std::fopen((dir / "tdf_data.json").c_str(), "w");
-  std::fputs(
-      R"({"Columns":[{"name":"Index"},{"name":"Time"},{"name":"Address"},{"name":"Event"},{"name":"Detail"}],"Rows":[)",
-      out);
-  for (int i = 0; i < rows; ++i) {
-    std::fprintf(out, R"(%s["%d","%lld","%08X","branch","to %08X, taken"])", i ? "," : "", i,
-                 1000LL * i, 0x08000100 + 2 * i, 0x08000200 + 4 * i);
-  }
-  std::fputs("]}", out);
-  std::fclose(out);
 }
 
 struct Table {
@@ -105,12 +71,11 @@ class Fixture {
     std::random_device random;
     root_ = fs::temp_directory_path() / ("ostrand-bench-" + std::to_string(random()));
     ::setenv("USERPROFILE", root_.c_str(), 1);
-    const fs::path live = root_ / ".QX-trace/data/live-targets/Bench";
     std::fprintf(stderr, "writing sample captures (1,000,000 lines)...\n");
-    writeMtb(live / "Mtb10k/MTB", "Bench/Mtb10k", 10'000);
-    writeMtb(live / "Mtb1M/MTB", "Bench/Mtb1M", 1'000'000);
-    writeTdf(live / "Tdf10k/TDF", "Bench/Tdf10k", 10'000);
-    writeTdf(live / "Tdf1M/TDF", "Bench/Tdf1M", 1'000'000);
+    writeCapture(root_, "Bench/Mtb10k", "MTB", 10'000);
+    writeCapture(root_, "Bench/Mtb1M", "MTB", 1'000'000);
+    writeCapture(root_, "Bench/Tdf10k", "TDF", 10'000);
+    writeCapture(root_, "Bench/Tdf1M", "TDF", 1'000'000);
 
     server_.port = freePort();
     thread_ = std::thread([this] { server_.run(); });

@@ -114,14 +114,13 @@ int runSampleDemo(const DemoOptions& options) {
   }
   std::printf("Sample captures in %s:\n", dir.path().c_str());
   std::fflush(stdout);
-  int rc = runWith(runGen, {"gen", "all", "--data", dir.path(), "--tree", "live", "--size", options.size});
+  // The server's scan lists every capture it finds, so `gen` lists none.
+  int rc = runWith(runGen, {"gen", "all", "--data", dir.path(), "--tree", "live", "--size", options.size,
+                            "--quiet"});
   if (rc == kExitOk)
     rc = runWith(runGen, {"gen", "wattline", "--data", dir.path(), "--target", "sim/long_capture",
-                          "--duration", options.duration, "--rate", "100000"});
-  if (rc == kExitOk) {
-    std::printf("\n");
-    rc = runWith(runServe, {"serve", "--data", dir.path(), "--port", options.port});
-  }
+                          "--duration", options.duration, "--rate", "100000", "--quiet"});
+  if (rc == kExitOk) rc = runWith(runServe, {"serve", "--data", dir.path(), "--port", options.port});
   return rc;
 }
 

@@ -3,26 +3,20 @@
 // probe.
 //
 // Each kind writes a capture directory with its `metadata` file and, except
-// for placeholders, its data file. Data is pseudo-random but reproducible:
-// the same seed and size give the same bytes. Large documents are streamed:
-// every run of an MTB document is derived from (seed, run index) alone, so
-// the `code` and `data` arrays are written in two passes that regenerate the
-// runs instead of keeping them, and memory stays flat for millions of rows.
-#include <sys/stat.h>
+// for placeholders, its data file. The files are made by the sample capture
+// writers (experiments/generator, wattline/generator), which the tests and
+// benchmarks share; this file is the command line.
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <string>
-#include <vector>
 
+#include "experiments/generator/SampleCaptureWriter.hpp"
+#include "ostrand/ArgReader.hpp"
 #include "ostrand/ExitCodes.hpp"
 #include "ostrand/Subcommands.hpp"
 #include "wattline/generator/WLCaptureGenerator.hpp"
@@ -31,6 +25,7 @@ namespace ostrand {
 namespace {
 
 namespace fs = std::filesystem;
+namespace samples = VSKTspServer::samples;
 
 void printGenUsage(FILE* out) {
   std::fprintf(
@@ -64,6 +59,7 @@ void printGenUsage(FILE* out) {
       "  --tree T      where TDF tables go: \"file\" (file-targets, as a capture\n"
       "                leaves them; default) or \"live\" (live-targets, so that\n"
       "                `ostrand serve` finds them by its scan)\n"
+      "  --quiet       do not list the capture directories written\n"
       "  --help        show this text\n\n"
       "Prints the capture directories it wrote. Existing files are replaced.\n");
 }
@@ -77,87 +73,18 @@ struct GenOptions {
   uint64_t size = 10'000;
   uint64_t seed = 1;
   bool liveTdf = false;
-};
-
-// ---- Pseudo-random numbers --------------------------------------------
-
-// splitmix64: small, fast and good enough for sample data; a generator per
-// run seeded from (seed, run) lets any run be made again on its own.
-struct Random {
-  uint64_t state;
-  uint64_t next() {
-    uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
-  }
-  uint32_t below(uint32_t n) { return static_cast<uint32_t>(next() % n); }
-};
-
-// ---- Streaming JSON text ----------------------------------------------
-
-// Buffered writer of JSON text; flushes in large blocks.
-class JsonOut {
- public:
-  explicit JsonOut(const std::string& path) : file(path, std::ios::binary | std::ios::trunc) {
-    buffer.reserve(kBlock + 4096);
-  }
-  bool ok() const { return file.good(); }
-  JsonOut& raw(const std::string& text) {
-    buffer += text;
-    return flushIfFull();
-  }
-  JsonOut& raw(const char* text) {
-    buffer += text;
-    return flushIfFull();
-  }
-  JsonOut& str(const std::string& text) {
-    buffer += '"';
-    for (char ch : text) {
-      const auto c = static_cast<unsigned char>(ch);
-      if (c == '"' || c == '\\') {
-        buffer += '\\';
-        buffer += ch;
-      } else if (c < 0x20) {
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-        buffer += escaped;
-      } else {
-        buffer += ch;
-      }
-    }
-    buffer += '"';
-    return flushIfFull();
-  }
-  JsonOut& num(uint64_t value) { return raw(std::to_string(value)); }
-  bool close() {
-    file.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-    buffer.clear();
-    file.close();
-    return !file.fail();
-  }
-
- private:
-  static constexpr size_t kBlock = 1 << 20;
-  JsonOut& flushIfFull() {
-    if (buffer.size() >= kBlock) {
-      file.write(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-      buffer.clear();
-    }
-    return *this;
-  }
-  std::ofstream file;
-  std::string buffer;
+  bool quiet = false;  // no list of the directories written
 };
 
 // Progress on stderr when it is a terminal, at most once per percent.
 class Progress {
  public:
-  Progress(std::string label, uint64_t total)
-      : label(std::move(label)), total(total), shown(isatty(STDERR_FILENO) != 0) {}
-  void update(uint64_t done) {
-    if (!shown || total == 0) return;
-    const int percent = static_cast<int>(done * 100 / total);
+  explicit Progress(std::string label)
+      : label(std::move(label)), shown(isatty(STDERR_FILENO) != 0) {}
+  // `done` from 0 to 1.
+  void update(double done) {
+    if (!shown) return;
+    const int percent = static_cast<int>(done * 100);
     if (percent == last) return;
     last = percent;
     std::fprintf(stderr, "\r%s: %3d%%", label.c_str(), percent);
@@ -168,225 +95,14 @@ class Progress {
 
  private:
   std::string label;
-  uint64_t total;
   bool shown;
   int last = -1;
 };
 
-// ---- Capture directories and metadata ----------------------------------
-
-std::string utcNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm tm{};
-  gmtime_r(&now, &tm);
-  char text[32];
-  std::strftime(text, sizeof text, "%FT%TZ", &tm);
-  return text;
-}
-
 // <data>/<tree>/<target levels>/<kind>, created.
 std::string captureDir(const GenOptions& o, const std::string& tree, const std::string& target,
                        const std::string& kind) {
-  fs::path dir = fs::path(o.dataDir) / ".QX-trace" / "data" / tree;
-  size_t begin = 0;
-  while (begin <= target.size()) {
-    size_t end = target.find('/', begin);
-    if (end == std::string::npos) end = target.size();
-    if (end > begin) dir /= target.substr(begin, end - begin);
-    begin = end + 1;
-  }
-  dir /= kind;
-  fs::create_directories(dir);
-  return dir.string();
-}
-
-// The metadata of a capture, keys in ascending order as the capture side
-// writes them.
-bool writeMetadata(const std::string& dir, const std::string& typeId, const std::string& target,
-                   const std::string& dataFile) {
-  JsonOut out(dir + "/metadata");
-  out.raw("{\n   \"dataFile\" : ").str(dataFile);
-  out.raw(",\n   \"device\" : ").str(target);
-  out.raw(",\n   \"deviceId\" : \"unknown\",\n   \"source\" : \"VSK Vireo\",\n   \"time\" : ");
-  out.str(utcNow()).raw(",\n   \"typeId\" : ").str(typeId).raw("\n}\n");
-  return out.close();
-}
-
-// ---- MTB documents -------------------------------------------------------
-
-struct Function {
-  const char* name;
-  const char* file;
-  const char* dir;
-  uint32_t address;
-  uint32_t firstLine;
-  bool hasDebugInfo;
-};
-
-constexpr Function kFunctions[] = {
-    {"main", "main.c", "/work/firmware/src", 0x00000400, 40, true},
-    {"SysTick_Handler", "irq.c", "/work/firmware/src", 0x00000180, 12, true},
-    {"sensor_read", "sensor.c", "/work/firmware/drivers", 0x00000600, 88, true},
-    {"filter_step", "filter.c", "/work/firmware/dsp", 0x00000800, 21, true},
-    {"uart_send", "uart.c", "/work/firmware/drivers", 0x00000A40, 57, true},
-    {"memcpy", "n/a", "n/a", 0x00001200, 0, false},
-};
-
-constexpr const char* kInstructions[] = {
-    "movs r0, #1",    "ldr r3, [r7, #4]", "str r2, [r3, #0]", "adds r1, r1, #1",
-    "cmp r1, #15",    "bne.n 0x%08x",     "ldrb r0, [r4, r2]", "lsls r2, r2, #2",
-    "push {r4, r7, lr}", "pop {r4, r7, pc}", "bl 0x%08x",     "muls r0, r1, r0",
-};
-
-constexpr const char* kSourceLines[] = {
-    "    count++;",           "    value = read_reg(ADC0);", "    if (count > LIMIT) {",
-    "        acc += sample * k;", "    return acc >> 4;",        "    while (!(UART->SR & TXE)) {}",
-    "    buffer[i] = x;",     "}",
-};
-
-struct Instruction {
-  std::string addr;
-  std::string assembly;
-  std::string lno;  // JSON text: a number or "n/a"
-  std::string src;
-};
-
-struct Run {
-  bool blocked = false;
-  std::string first;  // empty for the start of the trace
-  std::string last;
-  const Function* function = nullptr;
-  std::vector<Instruction> code;
-};
-
-std::string hex8(uint32_t value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08" PRIX32, value);
-  return text;
-}
-
-// Run `index` of the document, from the seed alone. Roughly one run in 40
-// is a secure (blocked) region, marked as the decoder marks it.
-Run makeRun(uint64_t seed, uint64_t index) {
-  Random random{seed * 0x100000001B3ull ^ (index + 1) * 0x9E3779B97F4A7C15ull};
-  Run run;
-  if (index > 0 && random.below(40) == 0) {
-    run.blocked = true;
-    run.first = "SECURE, BLOCKED";
-    run.last = "SECURE, BLOCKED";
-    const bool to = random.below(2) == 0;
-    run.code.push_back({"SECURE, BLOCKED",
-                        to ? "Dst Address (Branch To)" : "Src Address (Branch From)",
-                        "\"n/a\"", "n/a"});
-    return run;
-  }
-  run.function = &kFunctions[random.below(std::size(kFunctions))];
-  uint32_t address = run.function->address + 2 * random.below(32);
-  uint32_t line = run.function->firstLine + random.below(20);
-  const uint32_t length = 1 + random.below(12);
-  for (uint32_t i = 0; i < length; ++i) {
-    Instruction in;
-    in.addr = hex8(address);
-    char text[48];
-    std::snprintf(text, sizeof text, kInstructions[random.below(std::size(kInstructions))],
-                  run.function->address + 2 * random.below(64));
-    // The disassembler indents its text; the table trims it.
-    in.assembly = std::string(random.below(3) == 0 ? "  " : "") + text;
-    if (run.function->hasDebugInfo) {
-      if (random.below(3) == 0) ++line;
-      in.lno = std::to_string(line);
-      in.src = kSourceLines[random.below(std::size(kSourceLines))];
-    } else {
-      in.lno = "\"n/a\"";
-      in.src = "n/a";
-    }
-    run.code.push_back(std::move(in));
-    address += random.below(4) == 0 ? 4 : 2;
-  }
-  run.first = index == 0 ? "" : run.code.front().addr;
-  run.last = run.code.back().addr;
-  return run;
-}
-
-// Calls `visit(run, index, firstSeq)` for every run until `size`
-// instructions are made; the last run is cut to fit.
-void forEachRun(const GenOptions& o, const std::function<void(Run&, uint64_t, uint64_t)>& visit) {
-  uint64_t seq = 0;
-  for (uint64_t index = 0; seq < o.size; ++index) {
-    Run run = makeRun(o.seed, index);
-    if (run.code.size() > o.size - seq) run.code.resize(o.size - seq);
-    visit(run, index, seq);
-    seq += run.code.size();
-  }
-}
-
-bool writeMtbDocument(const GenOptions& o, const std::string& path) {
-  JsonOut out(path);
-  if (!out.ok()) return false;
-  Progress progress("mtb_data.json", o.size * 2);
-  out.raw("{\"code\":[");
-  forEachRun(o, [&](Run& run, uint64_t index, uint64_t seq) {
-    out.raw(index == 0 ? "\n[" : ",\n[");
-    for (size_t j = 0; j < run.code.size(); ++j) {
-      const Instruction& in = run.code[j];
-      out.raw(j == 0 ? "{\"addr\":" : ",{\"addr\":").str(in.addr);
-      out.raw(",\"asm\":").str(in.assembly).raw(",\"lno\":").raw(in.lno);
-      out.raw(",\"seq\":").num(seq + j).raw(",\"src\":").str(in.src).raw("}");
-    }
-    out.raw("]");
-    progress.update(seq);
-  });
-  out.raw("],\n\"data\":[");
-  forEachRun(o, [&](Run& run, uint64_t index, uint64_t seq) {
-    const bool known = run.function != nullptr;
-    out.raw(index == 0 ? "\n{\"dir\":" : ",\n{\"dir\":").str(known ? run.function->dir : "n/a");
-    out.raw(",\"file\":").str(known ? run.function->file : "n/a");
-    out.raw(",\"first\":").str(run.first);
-    out.raw(",\"function\":").str(known ? run.function->name : "n/a");
-    out.raw(",\"last\":").str(run.last).raw(",\"seq\":").num(index).raw("}");
-    progress.update(o.size + seq);
-  });
-  out.raw("],\n\"header\":[\"Index\",\"Cycle Count\",\"Read Address\",\"Write Address\","
-          "\"Program Address\",\"Function\",\"File\",\"Dir\"]}\n");
-  return out.close();
-}
-
-// ---- TDF documents -------------------------------------------------------
-
-bool writeTdfDocument(const GenOptions& o, const std::string& path) {
-  static constexpr const char* kColumns[] = {"Index",  "Time (ns)", "Event", "Program Address",
-                                             "Data",   "Function",  "File",  "Dir"};
-  static constexpr const char* kEvents[] = {"ITM Port 0", "Exception Entry", "Exception Exit",
-                                            "Data Watch", "PC Sample",       "Overflow"};
-  JsonOut out(path);
-  if (!out.ok()) return false;
-  Progress progress("tdf_data.json", o.size);
-  out.raw("{\"Columns\":[");
-  for (size_t c = 0; c < std::size(kColumns); ++c) {
-    out.raw(c == 0 ? "{\"format\":\"default\",\"name\":" : ",{\"format\":\"default\",\"name\":");
-    out.str(kColumns[c]).raw("}");
-  }
-  out.raw("],\n\"Rows\":[");
-  Random random{o.seed * 0xD1B54A32D192ED03ull + 7};
-  uint64_t time = 0;
-  for (uint64_t row = 0; row < o.size; ++row) {
-    time += 20 + random.below(5000);
-    const Function& f = kFunctions[random.below(std::size(kFunctions))];
-    const uint32_t event = random.below(std::size(kEvents));
-    out.raw(row == 0 ? "\n[" : ",\n[").str(std::to_string(row)).raw(",");
-    out.str(std::to_string(time)).raw(",").str(kEvents[event]).raw(",");
-    out.str("0x" + hex8(f.address + 2 * random.below(64))).raw(",");
-    // Not every event carries data: the decoder leaves those cells null.
-    if (event == 0 || event == 3) {
-      out.str("0x" + hex8(static_cast<uint32_t>(random.next())));
-    } else {
-      out.raw("null");
-    }
-    out.raw(",").str(f.name).raw(",").str(f.file).raw(",").str(f.dir).raw("]");
-    progress.update(row);
-  }
-  out.raw("]}\n");
-  return out.close();
+  return samples::captureDirectory(o.dataDir, tree, target, kind);
 }
 
 // ---- The kinds ----------------------------------------------------------
@@ -399,17 +115,25 @@ int failWrite(const std::string& path) {
 
 int genMtb(const GenOptions& o, const std::string& target) {
   const std::string dir = captureDir(o, "live-targets", target, "MTB");
-  if (!writeMetadata(dir, "MTB", target, "mtb_data.json")) return failWrite(dir + "/metadata");
-  if (!writeMtbDocument(o, dir + "/mtb_data.json")) return failWrite(dir + "/mtb_data.json");
-  std::printf("%s\n", dir.c_str());
+  if (!samples::writeMetadataFile(dir, "MTB", target, "mtb_data.json"))
+    return failWrite(dir + "/metadata");
+  Progress progress("mtb_data.json");
+  if (!samples::writeMtbDocument(dir + "/mtb_data.json", o.size, o.seed,
+                                 [&](double done) { progress.update(done); }))
+    return failWrite(dir + "/mtb_data.json");
+  if (!o.quiet) std::printf("%s\n", dir.c_str());
   return kExitOk;
 }
 
 int genTdf(const GenOptions& o, const std::string& target) {
   const std::string dir = captureDir(o, o.liveTdf ? "live-targets" : "file-targets", target, "TDF");
-  if (!writeMetadata(dir, "TDF", target, "tdf_data.json")) return failWrite(dir + "/metadata");
-  if (!writeTdfDocument(o, dir + "/tdf_data.json")) return failWrite(dir + "/tdf_data.json");
-  std::printf("%s\n", dir.c_str());
+  if (!samples::writeMetadataFile(dir, "TDF", target, "tdf_data.json"))
+    return failWrite(dir + "/metadata");
+  Progress progress("tdf_data.json");
+  if (!samples::writeTdfDocument(dir + "/tdf_data.json", o.size, o.seed,
+                                 [&](double done) { progress.update(done); }))
+    return failWrite(dir + "/tdf_data.json");
+  if (!o.quiet) std::printf("%s\n", dir.c_str());
   return kExitOk;
 }
 
@@ -427,8 +151,9 @@ int genPlaceholder(const GenOptions& o, const std::string& target) {
         captureDir(o, k.fileTree ? "file-targets" : "live-targets", target, k.kind);
     std::error_code ec;
     fs::remove(fs::path(dir) / k.dataFile, ec);
-    if (!writeMetadata(dir, k.kind, target, k.dataFile)) return failWrite(dir + "/metadata");
-    std::printf("%s\n", dir.c_str());
+    if (!samples::writeMetadataFile(dir, k.kind, target, k.dataFile))
+      return failWrite(dir + "/metadata");
+    if (!o.quiet) std::printf("%s\n", dir.c_str());
   }
   return kExitOk;
 }
@@ -456,16 +181,16 @@ int genWattlineSet(const GenOptions& o, const std::string& target) {
     options.sampleRate = 10'000;
     options.durationSeconds = static_cast<double>(o.size) / options.sampleRate;
     const std::string dir = captureDir(o, "live-targets", options.device, "Wattline");
-    Progress progress(options.device, 1000);
+    Progress progress(options.device);
     try {
-      VSKTspServer::writeCaptureDirectory(
-          dir, options, [&](double done) { progress.update(static_cast<uint64_t>(done * 1000)); });
+      VSKTspServer::writeCaptureDirectory(dir, options,
+                                          [&](double done) { progress.update(done); });
     } catch (const std::exception& e) {
       std::fprintf(stderr, "ostrand gen: %s; check the --data directory and the free space\n",
                    e.what());
       return kExitFailure;
     }
-    std::printf("%s\n", dir.c_str());
+    if (!o.quiet) std::printf("%s\n", dir.c_str());
   }
   return kExitOk;
 }
@@ -504,59 +229,50 @@ bool parseNumber(const char* text, uint64_t& value) {
 
 // 0 when the options are good, else the exit code (the message is printed).
 int parseGenOptions(int argc, char** argv, GenOptions& o, bool& help) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
+  ArgReader args("ostrand gen", argc, argv);
+  std::string value;
+  while (args.next()) {
+    if (args.isHelp()) {
       help = true;
       return 0;
     }
-    if (arg.rfind("--", 0) != 0) {
-      if (!o.kind.empty()) {
-        std::fprintf(stderr, "ostrand gen: one kind at a time ('%s' after '%s'); use 'all'\n",
-                     arg.c_str(), o.kind.c_str());
-        return kExitUsage;
-      }
-      o.kind = arg;
+    if (args.is("--quiet")) {
+      o.quiet = true;
       continue;
     }
-    if (i + 1 >= argc) {
-      std::fprintf(stderr, "ostrand gen: %s needs a value; see 'ostrand gen --help'\n",
-                   arg.c_str());
-      return kExitUsage;
+    if (!args.isOption()) {
+      if (!o.kind.empty()) {
+        return args.fail("one kind at a time ('" + args.arg() + "' after '" + o.kind +
+                         "'); use 'all'");
+      }
+      o.kind = args.arg();
+      continue;
     }
-    const char* value = argv[++i];
-    if (arg == "--data") {
+    if (!args.isAny({"--data", "--target", "--size", "--seed", "--tree"}) || !args.value(value))
+      return args.fail();
+    if (args.is("--data")) {
       o.dataDir = value;
-    } else if (arg == "--target") {
+    } else if (args.is("--target")) {
       if (!isTargetBelowTree(value)) {
-        std::fprintf(stderr,
-                     "ostrand gen: --target '%s' may not hold '.' or '..' levels; it names "
-                     "directories below the data tree\n",
-                     value);
-        return kExitUsage;
+        return args.fail("--target '" + value +
+                         "' may not hold '.' or '..' levels; it names directories below the "
+                         "data tree");
       }
       o.target = value;
-    } else if (arg == "--size") {
-      if (!parseNumber(value, o.size) || o.size < 1 || o.size > kMaxSize) {
-        std::fprintf(stderr, "ostrand gen: --size wants a number from 1 to %" PRIu64 ", not '%s'\n",
-                     kMaxSize, value);
-        return kExitUsage;
+    } else if (args.is("--size")) {
+      if (!parseNumber(value.c_str(), o.size) || o.size < 1 || o.size > kMaxSize) {
+        return args.fail("--size wants a number from 1 to " + std::to_string(kMaxSize) + ", not '" +
+                         value + "'");
       }
-    } else if (arg == "--seed") {
-      if (!parseNumber(value, o.seed)) {
-        std::fprintf(stderr, "ostrand gen: --seed wants a non-negative number, not '%s'\n", value);
-        return kExitUsage;
-      }
-    } else if (arg == "--tree") {
-      if (std::strcmp(value, "live") != 0 && std::strcmp(value, "file") != 0) {
-        std::fprintf(stderr, "ostrand gen: --tree is \"live\" or \"file\", not '%s'\n", value);
-        return kExitUsage;
-      }
-      o.liveTdf = std::strcmp(value, "live") == 0;
+    } else if (args.is("--seed")) {
+      if (!parseNumber(value.c_str(), o.seed))
+        return args.fail("--seed wants a non-negative number, not '" + value + "'");
+    } else if (args.is("--tree")) {
+      if (value != "live" && value != "file")
+        return args.fail("--tree is \"live\" or \"file\", not '" + value + "'");
+      o.liveTdf = value == "live";
     } else {
-      std::fprintf(stderr, "ostrand gen: unknown option '%s'; see 'ostrand gen --help'\n",
-                   arg.c_str());
-      return kExitUsage;
+      return args.fail();
     }
   }
   return 0;
@@ -583,15 +299,8 @@ int runGen(int argc, char** argv) {
     std::fprintf(stderr, "ostrand gen: say which kind to write: mtb, tdf, tdf-table, placeholder, wattline or all\n");
     return kExitUsage;
   }
-  if (o.dataDir.empty()) {
-    const char* home = std::getenv("USERPROFILE");
-    if (!home || !*home) home = std::getenv("HOME");
-    if (!home || !*home) {
-      std::fprintf(stderr, "ostrand gen: set USERPROFILE or HOME, or pass --data DIR\n");
-      return kExitUsage;
-    }
-    o.dataDir = home;
-  }
+  o.dataDir = userDirectoryOr(o.dataDir, "ostrand gen", "--data DIR");
+  if (o.dataDir.empty()) return kExitUsage;
   const bool all = o.kind == "all";
   if (all && !o.target.empty()) {
     std::fprintf(stderr, "ostrand gen: --target goes with one kind; 'all' uses one target each\n");

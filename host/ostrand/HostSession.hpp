@@ -19,7 +19,7 @@
 
 #include "kit/CapstoneDisasmManager.hpp"
 #include "kit/ElfSymbolManager.hpp"
-#include "kit/HostConnection.hpp"
+#include "kit/QueueHostConnection.hpp"
 #include "kit/ModuleLoader.hpp"
 #include "ostrand/ShellSim.hpp"
 

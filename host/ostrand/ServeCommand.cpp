@@ -14,13 +14,16 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
+#include "ostrand/ArgReader.hpp"
 #include "ostrand/ExitCodes.hpp"
 #include "ostrand/Subcommands.hpp"
 #include "source_utilities/Logger.hpp"
 #include "tsp_server/ExperimentKinds.hpp"
+#include "tsp_server/MetadataDiscovery.hpp"
 #include "tsp_server/TspServer.hpp"
 #include "wattline/WLExperimentKind.hpp"
 
@@ -49,33 +52,24 @@ struct ServeOptions {
 
 // 0 when the options are good, else the exit code (the message is printed).
 int parseServeOptions(int argc, char** argv, ServeOptions& options, bool& help) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
+  ArgReader args("ostrand serve", argc, argv);
+  std::string value;
+  while (args.next()) {
+    if (args.isHelp()) {
       help = true;
       return 0;
     }
-    if ((arg == "--data" || arg == "--port") && i + 1 >= argc) {
-      std::fprintf(stderr, "ostrand serve: %s needs a value; see 'ostrand serve --help'\n",
-                   arg.c_str());
-      return kExitUsage;
+    if (!args.is("--data") && !args.is("--port")) return args.fail();
+    if (!args.value(value)) return args.fail();
+    if (args.is("--data")) {
+      options.dataDir = value;
+      continue;
     }
-    if (arg == "--data") {
-      options.dataDir = argv[++i];
-    } else if (arg == "--port") {
-      char* end = nullptr;
-      const long port = std::strtol(argv[++i], &end, 10);
-      if (*end != '\0' || port < 1 || port > 65535) {
-        std::fprintf(stderr, "ostrand serve: --port wants a number from 1 to 65535, not '%s'\n",
-                     argv[i]);
-        return kExitUsage;
-      }
-      options.port = static_cast<int>(port);
-    } else {
-      std::fprintf(stderr, "ostrand serve: unknown option '%s'; see 'ostrand serve --help'\n",
-                   arg.c_str());
-      return kExitUsage;
-    }
+    char* end = nullptr;
+    const long port = std::strtol(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0' || port < 1 || port > 65535)
+      return args.fail("--port wants a number from 1 to 65535, not '" + value + "'");
+    options.port = static_cast<int>(port);
   }
   return 0;
 }
@@ -83,10 +77,7 @@ int parseServeOptions(int argc, char** argv, ServeOptions& options, bool& help) 
 // `ostrand gen tdf` leaves .tdf recordings beside the data tree; they are
 // no captures, so the scan does not show them. Say so rather than serve an
 // empty list without a word.
-void noteRecordings() {
-  const char* user = std::getenv("USERPROFILE");
-  if (user == nullptr || *user == '\0') user = std::getenv("HOME");
-  if (user == nullptr) return;
+void noteRecordings(const std::string& user) {
   const std::filesystem::path dir = std::filesystem::path(user) / ".QX-trace" / "recordings";
   std::error_code ec;
   size_t count = 0;
@@ -100,6 +91,42 @@ void noteRecordings() {
                "TDF session (cloudTrace.configureTDFSession, e.g. in `ostrand shell --sim`), whose\n"
                "trace server then serves its decoded table; see 'ostrand gen tdf --help'.\n",
                count, dir.c_str());
+}
+
+// The captures below `tree` by kind (the name of each capture directory).
+std::map<std::string, size_t> capturesIn(const std::filesystem::path& tree) {
+  std::error_code ec;
+  if (!std::filesystem::is_directory(tree, ec)) return {};
+  std::map<std::string, size_t> kinds;
+  for (const auto& metadata : VSKTspServer::metadataFilesBelow(tree.string()))
+    ++kinds[std::filesystem::path(metadata).parent_path().filename().string()];
+  return kinds;
+}
+
+// What the scan read and found, so that an empty server is explained.
+void reportScan(const std::string& userDir) {
+  const std::filesystem::path data = std::filesystem::path(userDir) / ".QX-trace" / "data";
+  const auto live = capturesIn(data / "live-targets");
+  size_t total = 0;
+  std::string kinds;
+  for (const auto& [kind, count] : live) {
+    total += count;
+    kinds += (kinds.empty() ? "" : ", ") + std::to_string(count) + " " + kind;
+  }
+  std::printf("Scanned %s: %zu capture%s%s%s%s\n", (data / "live-targets").c_str(), total,
+              total == 1 ? "" : "s", total ? " (" : "", kinds.c_str(), total ? ")" : "");
+  if (total != 0) return;
+  size_t elsewhere = 0;
+  for (const auto& [kind, count] : capturesIn(data / "file-targets")) elsewhere += count;
+  std::fprintf(stderr,
+               "ostrand serve: nothing to serve; a capture is a folder below %s that holds a "
+               "file named `metadata`\n",
+               (data / "live-targets").c_str());
+  if (elsewhere != 0)
+    std::fprintf(stderr,
+                 "ostrand serve: %zu capture%s in %s: a client opens those, the scan does not "
+                 "(`ostrand gen tdf-table --tree live` writes TDF tables where the scan looks)\n",
+                 elsewhere, elsewhere == 1 ? "" : "s", (data / "file-targets").c_str());
 }
 
 }  // namespace
@@ -119,11 +146,11 @@ int runServe(int argc, char** argv) {
                    options.dataDir.c_str());
       return kExitBadInput;
     }
+    // The server reads the user directory where the module does.
     ::setenv("USERPROFILE", std::filesystem::absolute(options.dataDir).c_str(), 1);
-  } else if (!std::getenv("USERPROFILE") && !std::getenv("HOME")) {
-    std::fprintf(stderr, "ostrand serve: set USERPROFILE or HOME, or pass --data DIR\n");
-    return kExitUsage;
   }
+  const std::string userDir = userDirectoryOr(options.dataDir, "ostrand serve", "--data DIR");
+  if (userDir.empty()) return kExitUsage;
 
   // The server's own log (QX_TRACE_LOGGING) goes where the module's would.
   Logger::bootstrap();
@@ -171,7 +198,8 @@ int runServe(int argc, char** argv) {
     // The server still serves; a later POST /tsp/api/experiments rescans.
     std::fprintf(stderr, "ostrand serve: scan of the data tree stopped: %s\n", e.what());
   }
-  noteRecordings();
+  reportScan(userDir);
+  noteRecordings(userDir);
   std::printf("Trace server on http://localhost:%d/tsp/api (data: %s)\n", options.port,
               options.dataDir.empty() ? "user directory" : options.dataDir.c_str());
   std::printf("Viewer: open http://localhost:%d/ in a browser\n", options.port);

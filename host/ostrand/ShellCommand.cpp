@@ -9,6 +9,7 @@
 #include <iostream>
 #include <string>
 
+#include "ostrand/ArgReader.hpp"
 #include "ostrand/ExitCodes.hpp"
 #include "ostrand/HostSession.hpp"
 #include "ostrand/Subcommands.hpp"
@@ -63,33 +64,29 @@ int runShell(int argc, char** argv) {
   double waitSeconds = 10;
   bool simulate = false;
   std::string scenario;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
+  ArgReader args("ostrand shell", argc, argv);
+  std::string value;
+  while (args.next()) {
+    if (args.isHelp()) {
       std::fputs(kHelp, stdout);
       return kExitOk;
     }
-    if (arg == "--sim") {
+    if (args.is("--sim")) {
       simulate = true;
-      if (i + 1 < argc && std::strncmp(argv[i + 1], "--", 2) != 0) scenario = argv[++i];
+      args.optionalValue(scenario);
       continue;
     }
-    if ((arg == "--module" || arg == "--wait") && i + 1 < argc) {
-      std::string value = argv[++i];
-      if (arg == "--module") {
-        modulePath = value;
-      } else {
-        try {
-          waitSeconds = std::stod(value);
-        } catch (const std::exception&) {
-          std::fprintf(stderr, "ostrand shell: --wait needs a number of seconds, not '%s'\n", value.c_str());
-          return kExitUsage;
-        }
-      }
+    if (!args.is("--module") && !args.is("--wait")) return args.fail();
+    if (!args.value(value)) return args.fail();
+    if (args.is("--module")) {
+      modulePath = value;
       continue;
     }
-    std::fprintf(stderr, "ostrand shell: unknown option '%s' (see ostrand shell --help)\n", arg.c_str());
-    return kExitUsage;
+    try {
+      waitSeconds = std::stod(value);
+    } catch (const std::exception&) {
+      return args.fail("--wait needs a number of seconds, not '" + value + "'");
+    }
   }
 
   HostSession session([](const std::string& text) {

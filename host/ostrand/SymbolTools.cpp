@@ -1,7 +1,9 @@
 #include "ostrand/SymbolTools.hpp"
 
+#include <algorithm>
 #include <charconv>
 
+#include "ostrand/ArgReader.hpp"
 #include "source_utilities/HostApis.hpp"
 
 namespace ostrand {
@@ -21,43 +23,39 @@ std::optional<uint64_t> parseAddress(std::string_view text) {
 
 SymbolArgs parseSymbolArgs(int argc, char** argv, const std::vector<std::string>& valued) {
   SymbolArgs args;
-  for (int i = 1; i < argc; ++i) {
-    std::string_view arg = argv[i];
-    auto value = [&](std::string& out) {
-      if (i + 1 >= argc) {
-        args.error = std::string(arg) + " needs a value";
-        return false;
-      }
-      out = argv[++i];
-      return true;
-    };
-    if (arg == "--help" || arg == "-h") {
+  ArgReader reader(argv[0], argc, argv);
+  std::string text;
+  while (reader.next()) {
+    const std::string& arg = reader.arg();
+    if (reader.isHelp()) {
       args.help = true;
-    } else if (arg == "--json") {
+      continue;
+    }
+    if (reader.is("--json")) {
       args.json = true;
-    } else if (arg == "--elf") {
-      if (!value(args.elf)) return args;
-    } else if (arg == "--processor-id") {
-      std::string text;
-      if (!value(text)) return args;
+      continue;
+    }
+    if (!reader.isOption()) {
+      args.positional.push_back(arg);
+      continue;
+    }
+    const bool known = reader.is("--elf") || reader.is("--processor-id") ||
+                       std::find(valued.begin(), valued.end(), arg) != valued.end();
+    if (!known || !reader.value(text)) {
+      args.error = reader.error();
+      return args;
+    }
+    if (reader.is("--elf")) {
+      args.elf = text;
+    } else if (reader.is("--processor-id")) {
       auto id = parseAddress(text);
       if (!id || *id > 0xFFFFFFFFu) {
         args.error = "--processor-id needs a 32-bit number, not '" + text + "'";
         return args;
       }
       args.processorId = uint32_t(*id);
-    } else if (arg.size() > 2 && arg.substr(0, 2) == "--") {
-      bool known = false;
-      for (const auto& name : valued) known = known || arg == name;
-      if (!known) {
-        args.error = "unknown option '" + std::string(arg) + "'";
-        return args;
-      }
-      std::string text;
-      if (!value(text)) return args;
-      args.options.emplace_back(std::string(arg), text);
     } else {
-      args.positional.emplace_back(arg);
+      args.options.emplace_back(arg, text);
     }
   }
   if (!args.help && args.elf.empty()) args.error = "--elf FILE is required";

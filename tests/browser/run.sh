@@ -30,44 +30,18 @@ shots="$build/browser-test"
 rm -rf "$shots"
 mkdir -p "$shots"
 log=$(mktemp)
-demo_pid=
-cleanup() {
-  if [ -n "$demo_pid" ] && kill -0 "$demo_pid" 2>/dev/null; then
-    kill "$demo_pid" 2>/dev/null || true
-    wait "$demo_pid" 2>/dev/null || true
-  fi
-  rm -f "$log"
-}
-trap cleanup EXIT INT TERM
+. "$here/../server.sh"
+server_extra_cleanup='rm -f "$log"'
 
-port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
+port=$(free_port)
 # The demo writes its captures into a temporary directory of its own and
-# removes it when it stops.
-"$build/bin/ostrand" demo --samples --port "$port" >"$log" 2>&1 &
-demo_pid=$!
-
-# Bounded wait for the viewer's address; writing and loading the captures
-# takes a few seconds.
-tries=0
-until grep -q '^Viewer: ' "$log" 2>/dev/null; do
-  tries=$((tries + 1))
-  if [ $tries -gt 1200 ] || ! kill -0 "$demo_pid" 2>/dev/null; then
-    echo "browser test: the demo did not come up:" >&2
-    cat "$log" >&2
-    exit 1
-  fi
-  sleep 0.1
-done
+# removes it when it stops. Writing and loading them takes a few seconds.
+server_start "browser test" "$log" '^Viewer: ' 1200 "$build/bin/ostrand" demo --samples --port "$port"
 
 status=0
 timeout 300 node "$here/viewer.test.mjs" "http://localhost:$port" "$shots" || status=$?
 
-# The demo's server stops by itself on GET /stop, and the demo cleans up.
-node -e "require('http').get('http://localhost:$port/stop', r => r.resume()).on('error', () => {})"
-tries=0
-while kill -0 "$demo_pid" 2>/dev/null && [ $tries -lt 100 ]; do
-  tries=$((tries + 1))
-  sleep 0.1
-done
+# The demo cleans up when its server stops.
+server_stop "$port"
 echo "browser test: screenshots in $shots"
 exit $status

@@ -28,15 +28,8 @@ if [ ! -d "$here/node_modules/tsp-typescript-client" ]; then
 fi
 
 data=$(mktemp -d)
-server_pid=
-cleanup() {
-  if [ -n "$server_pid" ] && kill -0 "$server_pid" 2>/dev/null; then
-    kill "$server_pid" 2>/dev/null || true
-    wait "$server_pid" 2>/dev/null || true
-  fi
-  rm -rf "$data"
-}
-trap cleanup EXIT INT TERM
+. "$here/../server.sh"
+server_extra_cleanup='rm -rf "$data"'
 
 "$build/bin/ostrand" gen mtb --data "$data" --size 5000 --seed 7 >/dev/null
 "$build/bin/ostrand" gen tdf-table --data "$data" --size 300 --seed 7 >/dev/null
@@ -49,57 +42,26 @@ tdf_dir="$data/.QX-trace/data/file-targets/file/recording/TDF"
 "$build/bin/ostrand" gen wattline --data "$data" --target sim/wl_plain --type 8 \
   --duration 2 --rate 2000 --seed 9 >/dev/null
 
-port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
-"$build/bin/tsp_e2e_server" --port "$port" --data "$data" --etb-records 1000 >"$data/server.log" 2>&1 &
-server_pid=$!
-
-# Bounded wait for the server's "READY" line.
-tries=0
-until grep -q '^READY' "$data/server.log" 2>/dev/null; do
-  tries=$((tries + 1))
-  if [ $tries -gt 100 ] || ! kill -0 "$server_pid" 2>/dev/null; then
-    echo "e2e: the server did not come up:" >&2
-    cat "$data/server.log" >&2
-    exit 1
-  fi
-  sleep 0.1
-done
+port=$(free_port)
+server_start e2e "$data/server.log" '^READY' 100 \
+  "$build/bin/tsp_e2e_server" --port "$port" --data "$data" --etb-records 1000
 
 status=0
 node "$here/e2e.mjs" "http://localhost:$port" "$tdf_dir" wl_v4_WL++ wl_v5_WL++ wl_plain_WL || status=$?
 
-stop_server() {  # port, pid: GET /stop, then a bounded wait for the process to end
-  node -e "require('http').get('http://localhost:$1/stop', r => r.resume()).on('error', () => {})"
-  tries=0
-  while kill -0 "$2" 2>/dev/null && [ $tries -lt 150 ]; do
-    tries=$((tries + 1))
-    sleep 0.1
-  done
-}
-stop_server "$port" "$server_pid"
+server_stop "$port"
 [ $status -eq 0 ] || exit $status
 
 # The module's own server after captures taken as a debug host takes them:
 # `ostrand demo` runs the simulated targets' firmware under QEMU, captures
 # every kind through the module, and keeps the module's server up.
-port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close();});')
-"$build/bin/ostrand" demo --port "$port" >"$data/demo.log" 2>&1 &
-server_pid=$!
-tries=0
-until grep -q '^Viewer: ' "$data/demo.log" 2>/dev/null; do
-  tries=$((tries + 1))
-  if [ $tries -gt 1200 ] || ! kill -0 "$server_pid" 2>/dev/null; then
-    echo "e2e: the demo's captures did not come up:" >&2
-    cat "$data/demo.log" >&2
-    exit 1
-  fi
-  sleep 0.1
-done
+port=$(free_port)
+server_start "e2e (module's server)" "$data/demo.log" '^Viewer: ' 1200 "$build/bin/ostrand" demo --port "$port"
 # The experiments the captures make, by kind and name.
 node "$here/e2e.mjs" "http://localhost:$port" - mtb:_CoreTrace || status=$?
 if [ $status -ne 0 ]; then
   echo "e2e: what the demo printed:" >&2
   cat "$data/demo.log" >&2
 fi
-stop_server "$port" "$server_pid"
+server_stop "$port"
 exit $status

@@ -1,6 +1,8 @@
 #include "experiments/DataTree.hpp"
 
-#include <cstdlib>
+#include <stdexcept>
+
+#include "source_utilities/Platform.hpp"
 
 namespace VSKTspServer {
 
@@ -30,9 +32,8 @@ bool isWithin(const fs::path& inner, const fs::path& outer) {
 }  // namespace
 
 fs::path dataTreeRoot() {
-  const char* home = std::getenv("USERPROFILE");
-  if (home == nullptr || *home == '\0') home = std::getenv("HOME");
-  if (home == nullptr || *home == '\0')
+  const std::string home = QX_NLV::platform::homeDirectory();
+  if (home.empty())
     throw std::runtime_error("The user directory is unknown: set USERPROFILE or HOME");
   return fs::path(home) / ".QX-trace" / "data";
 }

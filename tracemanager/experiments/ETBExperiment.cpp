@@ -35,13 +35,11 @@ void ETBExperiment::open() {
 
 void ETBExperiment::loadData(bool reread) {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::ETBExperiment::loadData");
-  indexingStatus = kIndexingRunning;
-  VSKTrace& trace = traceFiles.at(0);
-  dataDir = trace.path;
-  if (reread) trace.readMetadata();
-  if (traceTable) traceTable->setData();
-  if (discontinuityTable) discontinuityTable->setData();
-  indexingStatus = kIndexingCompleted;
+  loadFirstTrace(reread, [this](VSKTrace& trace) {
+    dataDir = trace.path;
+    if (traceTable) traceTable->setData();
+    if (discontinuityTable) discontinuityTable->setData();
+  });
 }
 
 void ETBExperiment::refresh() { loadData(true); }

@@ -18,25 +18,23 @@ void MTBExperiment::open() {
   // the constructor (one per run, capture order) until the next setData.
   traceTable = std::make_unique<MTBTable>(&data);
   traceTable->name = "Trace";
-  traceTable->expandRuns = false;
+  traceTable->expandRows = false;
   traceTable->reversed = true;
   discontinuityTable = std::make_unique<MTBTable>(&data);
   discontinuityTable->name = "Discontinuity Trace";
-  discontinuityTable->expandRuns = true;
+  discontinuityTable->expandRows = true;
   discontinuityTable->reversed = false;
   outputs[discontinuityTable->id] = discontinuityTable.get();
 }
 
 void MTBExperiment::loadData(bool reread) {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::MTBExperiment::loadData");
-  indexingStatus = kIndexingRunning;
-  VSKTrace& trace = traceFiles.at(0);
-  dataDir = trace.path;
-  if (reread) trace.readMetadata();
-  data = nlohmann::json::parse(readDataText(dataDir, dataFileName(trace, dataFile)));
-  if (traceTable) traceTable->setData(&data);
-  if (discontinuityTable) discontinuityTable->setData(&data);
-  indexingStatus = kIndexingCompleted;
+  loadFirstTrace(reread, [this](VSKTrace& trace) {
+    dataDir = trace.path;
+    data = nlohmann::json::parse(readDataText(dataDir, dataFileName(trace, dataFile)));
+    if (traceTable) traceTable->setData(&data);
+    if (discontinuityTable) discontinuityTable->setData(&data);
+  });
 }
 
 void MTBExperiment::refresh() { loadData(true); }

@@ -5,6 +5,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "experiments/TableText.hpp"
 #include "source_utilities/Logger.hpp"
@@ -31,6 +32,42 @@ std::string seqText(const json& seq) {
   }
   // Not a number: the library's own type error 302.
   return std::to_string(seq.get<int64_t>());
+}
+
+// The cells of one run and of one instruction, read once for both the
+// model's lines and the written text, so the two cannot drift apart. Keys
+// are read in a fixed order, so a document with several bad keys fails on
+// the same one either way.
+struct RunCells {
+  std::string function, file, dir;
+  bool arrow = false;  // a non-empty `first`: the run's first line shows "=>"
+};
+
+RunCells readRun(const json& d) {
+  RunCells cells;
+  cells.dir = optionalString(d, "dir");
+  cells.function = optionalString(d, "function");
+  cells.file = optionalString(d, "file");
+  cells.arrow = !optionalString(d, "first").empty();
+  (void)optionalString(d, "last");  // type-checked, shown nowhere
+  return cells;
+}
+
+struct RowCells {
+  std::string seq, addr, lno, src, assembly;
+};
+
+RowCells readRow(const json& c) {
+  RowCells cells;
+  cells.seq = seqText(memberOrNull(c, "seq"));
+  cells.addr = optionalString(c, "addr");
+  cells.src = trimLeft(optionalString(c, "src"));
+  cells.assembly = trimLeft(optionalString(c, "asm"));
+  // The line number as compact JSON text, whatever its type: strings keep
+  // their quotes, so an unknown line shows "n/a" with them.
+  const json& lno = memberOrNull(c, "lno");
+  if (!lno.is_null() || c.contains("lno")) cells.lno = lno.dump();
+  return cells;
 }
 
 }  // namespace
@@ -64,7 +101,7 @@ void MTBTable::setData(json* document) {
   if (!code.is_array()) throw std::runtime_error("MTB document: \"code\" is not an array");
   for (size_t i = 0; i < code.size(); ++i) {
     const auto run = static_cast<int64_t>(i);
-    if (!expandRuns) {
+    if (!expandRows) {
       rows.emplace_back(run, 0);
       continue;
     }
@@ -108,7 +145,7 @@ bool appendEscaped(std::string& out, uint16_t (&length)[N],
 }  // namespace
 
 // Every line gets the text that makeLine and the writer would give it, made
-// by the same reads; a line where they would throw gets none.
+// by the same readers; a line where they would throw gets none.
 void MTBTable::writeText() {
   const json& runs = memberOrNull(*data, "data");
   const json& code = memberOrNull(*data, "code");
@@ -123,14 +160,10 @@ void MTBTable::writeText() {
     if (!d.is_object()) continue;
     RunText entry;
     try {
-      const std::string dir = optionalString(d, "dir");
-      const std::string function = optionalString(d, "function");
-      const std::string file = optionalString(d, "file");
-      const std::string first = optionalString(d, "first");
-      (void)optionalString(d, "last");
+      const RunCells cells = readRun(d);
       entry.at = text.size();
-      if (!appendEscaped(text, entry.length, {&function, &file, &dir})) continue;
-      entry.arrow = !first.empty();
+      if (!appendEscaped(text, entry.length, {&cells.function, &cells.file, &cells.dir})) continue;
+      entry.arrow = cells.arrow;
     } catch (const json::exception&) {
       continue;
     }
@@ -148,15 +181,11 @@ void MTBTable::writeText() {
     if (!c.is_object()) continue;
     RowText entry;
     try {
-      const std::string seq = seqText(memberOrNull(c, "seq"));
-      const std::string addr = optionalString(c, "addr");
-      const std::string src = trimLeft(optionalString(c, "src"));
-      const std::string assembly = trimLeft(optionalString(c, "asm"));
-      const json& lno = memberOrNull(c, "lno");
-      std::string lnoText;
-      if (!lno.is_null() || c.contains("lno")) lnoText = lno.dump();
+      const RowCells cells = readRow(c);
       entry.at = text.size();
-      if (!appendEscaped(text, entry.length, {&seq, &addr, &lnoText, &src, &assembly})) continue;
+      if (!appendEscaped(text, entry.length,
+                         {&cells.seq, &cells.addr, &cells.lno, &cells.src, &cells.assembly}))
+        continue;
     } catch (const json::exception&) {
       continue;
     }
@@ -190,31 +219,21 @@ TableLine MTBTable::makeLine(int64_t index, int64_t run, int64_t instruction) co
   if (!d.is_object()) (void)d["dir"];  // type error 305
   if (!c.is_object()) (void)c["seq"];
 
-  const std::string dir = optionalString(d, "dir");
-  const std::string function = optionalString(d, "function");
-  const std::string file = optionalString(d, "file");
-  const std::string first = optionalString(d, "first");
-  (void)optionalString(d, "last");  // type-checked, shown nowhere
-  const std::string seq = seqText(memberOrNull(c, "seq"));
-  const std::string addr = optionalString(c, "addr");
-  const std::string src = optionalString(c, "src");
-  const std::string assembly = optionalString(c, "asm");
-  const json& lno = memberOrNull(c, "lno");
+  RunCells r = readRun(d);
+  RowCells row = readRow(c);
 
   TableLine line;
   line.index = index;
   line.cells.resize(9);
-  line.cells[0].content = seq;
-  if (instruction == 0 && !first.empty()) line.cells[1].content = "=>";
-  line.cells[2].content = addr;
-  line.cells[3].content = function;
-  line.cells[4].content = file;
-  // The line number as compact JSON text, whatever its type: strings keep
-  // their quotes, so an unknown line shows "n/a" with them.
-  if (!lno.is_null() || c.contains("lno")) line.cells[5].content = lno.dump();
-  line.cells[6].content = trimLeft(src);
-  line.cells[7].content = trimLeft(assembly);
-  line.cells[8].content = dir;
+  line.cells[0].content = std::move(row.seq);
+  if (instruction == 0 && r.arrow) line.cells[1].content = "=>";
+  line.cells[2].content = std::move(row.addr);
+  line.cells[3].content = std::move(r.function);
+  line.cells[4].content = std::move(r.file);
+  line.cells[5].content = std::move(row.lno);
+  line.cells[6].content = std::move(row.src);
+  line.cells[7].content = std::move(row.assembly);
+  line.cells[8].content = std::move(r.dir);
   return line;
 }
 

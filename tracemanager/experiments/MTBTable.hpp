@@ -45,7 +45,7 @@ class MTBTable : public VSKTableProvider {
   TableLinesResponse getLines(TableLinesRequest request) override;
   bool writeLines(const TableLinesRequest& request, std::string& out) override;
 
-  bool expandRuns = false;  // a line per instruction, else per run
+  bool expandRows = false;  // a line per instruction, else one per run
   bool reversed = false;    // newest run first
 
   // Number of lines, for tests and the export.

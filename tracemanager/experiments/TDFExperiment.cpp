@@ -21,13 +21,11 @@ void TDFExperiment::open() {
 
 void TDFExperiment::loadData(bool reread) {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::TDFExperiment::loadData");
-  indexingStatus = kIndexingRunning;
-  VSKTrace& trace = traceFiles.at(0);
-  dataDir = trace.path;
-  if (reread) trace.readMetadata();
-  data = nlohmann::json::parse(readDataText(dataDir, dataFileName(trace, dataFile)));
-  if (table) table->setData(&data);
-  indexingStatus = kIndexingCompleted;
+  loadFirstTrace(reread, [this](VSKTrace& trace) {
+    dataDir = trace.path;
+    data = nlohmann::json::parse(readDataText(dataDir, dataFileName(trace, dataFile)));
+    if (table) table->setData(&data);
+  });
 }
 
 void TDFExperiment::refresh() { loadData(true); }

@@ -1,5 +1,6 @@
-// The provider tree: the interfaces that the protocol's routes call, and the
-// four base classes that give every output its descriptor.
+// The provider tree: the four base classes that give every output its
+// descriptor, over the interfaces that the protocol's routes call
+// (ProviderInterfaces.hpp).
 //
 // An experiment holds its outputs as `VSKDataProvider*`; a route reaches the
 // interface it needs by a dynamic cast and answers 501 when the cast fails.
@@ -20,47 +21,10 @@
 #include <string>
 #include <vector>
 
+#include "experiments/ProviderInterfaces.hpp"
 #include "tsp_server/models/TspObjects.hpp"
-#include "tsp_server/models/TspRequests.hpp"
-#include "tsp_server/models/TspResponses.hpp"
 
 namespace VSKTspServer {
-
-class IAnnoationsProvider {
- public:
-  virtual ~IAnnoationsProvider() = default;
-  virtual AnnotationCategoriesResponse getAnnotationCategories(AnnotationsRequest request) = 0;
-  virtual AnnotationsResponse getAnnotations(AnnotationsRequest request) = 0;
-};
-
-class IVirtualTableProvider {
- public:
-  virtual ~IVirtualTableProvider() = default;
-  virtual ColumnsResponse getColumns(std::string parameters) = 0;
-  virtual TableLinesResponse getLines(TableLinesRequest request) = 0;
-};
-
-class ITimeGraphProvider {
- public:
-  virtual ~ITimeGraphProvider() = default;
-  virtual ArrowsResponse getArrows(TimeRange range) = 0;
-  virtual StatesResponse getStates(TimeRange range, std::vector<int32_t> requestedItems) = 0;
-  virtual TooltipResponse getTooltip(TooltipRequest request) = 0;
-  virtual TimeGraphTreeResponse getTree(int64_t start, int64_t end) = 0;
-};
-
-class IStylesProvider {
- public:
-  virtual ~IStylesProvider() = default;
-  virtual StylesResponse getStyles(std::string parameters) = 0;
-};
-
-class IXYDataProvider {
- public:
-  virtual ~IXYDataProvider() = default;
-  virtual XYResponse getXY(TimeRange range, std::vector<int32_t> requestedItems) = 0;
-  virtual XYTreeResponse getXYTree(int64_t start, int64_t end) = 0;
-};
 
 // The static type of every output. Answers the two annotation operations
 // once for all providers: empty status, empty lists.

@@ -46,6 +46,14 @@ int VSKExperiment::exportTable(std::string path, std::string outputName,
   return -1;
 }
 
+void VSKExperiment::loadFirstTrace(bool reread, const std::function<void(VSKTrace&)>& parse) {
+  indexingStatus = kIndexingRunning;
+  VSKTrace& trace = traceFiles.at(0);
+  if (reread) trace.readMetadata();
+  parse(trace);
+  indexingStatus = kIndexingCompleted;
+}
+
 std::string VSKExperiment::readDataText(const std::string& dataDir, const std::string& fileName) {
   if (!dataBroker) throw std::logic_error("experiment '" + name + "' has no data broker");
   // The broker joins the path itself; the name is checked here, where the

@@ -12,6 +12,7 @@
 // experiment.
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <string>
@@ -66,6 +67,12 @@ class VSKExperiment : public Experiment {
   static int exportTable(std::string path, std::string outputName, VSKTableProvider* mainTable,
                          std::initializer_list<VSKTableProvider*> tables,
                          const std::string& dataDir);
+  // The load every capture kind shares, on the first trace file: the status
+  // is "RUNNING" while `parse` reads the capture and "COMPLETED" after it; a
+  // refresh (`reread`) first reads the trace's metadata again. Without a
+  // trace file it throws std::out_of_range; an exception from `parse` leaves
+  // "RUNNING" and goes to the caller.
+  void loadFirstTrace(bool reread, const std::function<void(VSKTrace& trace)>& parse);
   // The text the broker gives for `dataDir`/`fileName` on the file topic.
   std::string readDataText(const std::string& dataDir, const std::string& fileName);
 };

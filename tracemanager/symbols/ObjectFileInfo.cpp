@@ -15,6 +15,7 @@
 
 #include "source_utilities/HostApis.hpp"
 #include "source_utilities/Logger.hpp"
+#include "symbols/DebugEnvironmentSimple.hpp"
 
 namespace fs = std::filesystem;
 

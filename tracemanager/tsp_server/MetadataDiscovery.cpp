@@ -28,7 +28,8 @@ namespace {
 // symbolic link (a loop, or two links to one place) is walked once.
 using DirectoryId = std::pair<dev_t, ino_t>;
 
-void walk(const fs::path& dir, std::vector<std::string>& out, std::set<DirectoryId>& visited) {
+void walk(const fs::path& dir, std::vector<std::string>& out, std::set<DirectoryId>& visited,
+          bool print) {
   QX_TRACE_NAME("%s(...)\n", "VSKTspServer::recursiveFindMetadataFile");
   QX_TRACE_ARG("path", dir.c_str());
   struct stat info {};
@@ -48,10 +49,10 @@ void walk(const fs::path& dir, std::vector<std::string>& out, std::set<Directory
       // A link out of the data tree is not followed: nothing outside it is
       // ever opened.
       if (entry.is_symlink(typeError) && !insideDataTree(entry.path())) continue;
-      walk(entry.path(), out, visited);
+      walk(entry.path(), out, visited, print);
     } else if (fileName == "metadata") {
       out.push_back(entry.path().string());
-      std::cout << entry.path().string() << std::endl;
+      if (print) std::cout << entry.path().string() << std::endl;
     }
   }
   if (ec) {
@@ -64,7 +65,14 @@ void walk(const fs::path& dir, std::vector<std::string>& out, std::set<Directory
 
 void recursiveFindMetadataFile(const std::string& dir, std::vector<std::string>& out) {
   std::set<DirectoryId> visited;
-  walk(dir, out, visited);
+  walk(dir, out, visited, true);
+}
+
+std::vector<std::string> metadataFilesBelow(const std::string& dir) {
+  std::vector<std::string> out;
+  std::set<DirectoryId> visited;
+  walk(dir, out, visited, false);
+  return out;
 }
 
 }  // namespace VSKTspServer

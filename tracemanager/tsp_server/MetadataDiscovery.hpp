@@ -20,7 +20,10 @@ std::string getUserDir(const std::vector<std::string>& parts);
 // and directories alike; a directory that holds a `metadata` file is walked
 // further, so nested captures are found too. Each directory is walked once,
 // however many links lead to it, links out of the data tree are not
-// followed, and a directory that cannot be read is logged and skipped.
+// followed, and a directory that cannot be read is logged and skipped. Each
+// path found is also written to standard output.
 void recursiveFindMetadataFile(const std::string& dir, std::vector<std::string>& out);
+// The same walk without the output: what a scan of `dir` would find.
+std::vector<std::string> metadataFilesBelow(const std::string& dir);
 
 }  // namespace VSKTspServer

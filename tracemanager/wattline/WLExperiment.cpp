@@ -68,11 +68,12 @@ void WLExperiment::loadData(bool reread) {
   QX_TRACE_FUNCTION("VSKTspServer::WLExperiment::loadData");
   // Only a refresh gets here without a trace; there is nothing to load.
   if (traceFiles.empty()) return;
-  indexingStatus = kIndexingRunning;
+  loadFirstTrace(reread, [this](VSKTrace& trace) { loadTrace(trace); });
+}
+
+void WLExperiment::loadTrace(VSKTrace& trace) {
   if (!dataNode) dataNode = std::make_unique<WLDataNode>();
-  VSKTrace& trace = traceFiles.front();
   dataFolder = trace.path;
-  if (reread) trace.readMetadata();
   loadSupMetaData();
   QX_TRACE_ARG("path", dataFolder.c_str());
 
@@ -115,7 +116,6 @@ void WLExperiment::loadData(bool reread) {
   if (summary) summary->setData(dataNode.get());
   if (lineGraph) lineGraph->setData(dataNode.get());
   if (stateGraph) stateGraph->init(dataNode.get());
-  indexingStatus = kIndexingCompleted;
 }
 
 void WLExperiment::refresh() {

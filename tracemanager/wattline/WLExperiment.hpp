@@ -40,6 +40,8 @@ class WLExperiment : public VSKExperiment {
   int exportCsv(std::string path, std::string outputName) override;
 
   void loadData(bool reread);
+  // The load of one trace, inside the base's load sequence.
+  void loadTrace(VSKTrace& trace);
   void loadSupMetaData();
 
   std::string dataFile = "WLData.bin";

@@ -1,8 +1,12 @@
 #include "experiments/CsvWriter.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "TestSupport.hpp"
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace VSKTspServer {
 namespace {
@@ -49,12 +53,8 @@ TEST(CsvWriter, HeaderOnlyAndBytesUnchanged) {
 TEST(CsvWriter, MissingDirectoryThrowsWithThePath) {
   TempDir dir;
   const std::string path = dir / "no/such/dir/out.csv";
-  try {
-    CsvWriter writer(path, {"a"});
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), "Failed to create file '" + path + "'");
-  }
+  EXPECT_THAT([&] { CsvWriter writer(path, {"a"}); },
+              ThrowsMessage<std::runtime_error>(StrEq("Failed to create file '" + path + "'")));
 }
 
 }  // namespace

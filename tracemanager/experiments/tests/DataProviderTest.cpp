@@ -1,10 +1,14 @@
 #include "experiments/VSKDataProvider.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "TestSupport.hpp"
 #include "experiments/CsvWriter.hpp"
 #include "experiments/VSKExperiment.hpp"
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace VSKTspServer {
 namespace {
@@ -98,12 +102,8 @@ TEST(VSKExperimentBase, OutputsAndLifecycle) {
   EXPECT_EQ(experiment.UUID.size(), 36u);
   EXPECT_EQ(experiment.UUID[14], '4');  // version 4
   EXPECT_NE(Plain("y", nullptr).UUID, experiment.UUID);
-  try {
-    experiment.getOutput("com.qx.vsk.vireo.TableDataProvider.1");
-    FAIL() << "no exception";
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "Invalid OutputId");
-  }
+  EXPECT_THAT([&] { experiment.getOutput("com.qx.vsk.vireo.TableDataProvider.1"); },
+              ThrowsMessage<std::invalid_argument>(StrEq("Invalid OutputId")));
   Graph graph;
   FixedTable table;
   experiment.outputs[table.id] = &table;

@@ -1,5 +1,6 @@
 #include "experiments/ETBExperiment.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,6 +8,9 @@
 
 #include "TestSupport.hpp"
 #include "experiments/DataBrokerRouter.hpp"
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace VSKTspServer {
 namespace {
@@ -49,12 +53,8 @@ class EtbCapture : public ::testing::Test {
 TEST_F(EtbCapture, BeforeTheFirstRefreshAnEmptyStoreCannotAnswer) {
   auto experiment = openExperiment();
   EXPECT_EQ(experiment->discontinuityTable->getColumns("").model.size(), 10u);
-  try {
-    lines(*experiment->discontinuityTable, 0, 200);
-    FAIL() << "no exception";
-  } catch (const std::out_of_range& e) {
-    EXPECT_STREQ(e.what(), "invalid vector subscript");
-  }
+  EXPECT_THAT([&] { lines(*experiment->discontinuityTable, 0, 200); },
+              ThrowsMessage<std::out_of_range>(StrEq("invalid vector subscript")));
   experiment->refresh();
   auto empty = lines(*experiment->discontinuityTable, 0, 200);
   EXPECT_EQ(empty.model.size, 0);

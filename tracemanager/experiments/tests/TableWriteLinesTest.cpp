@@ -89,7 +89,7 @@ TEST(MtbWriteLines, SameBytesAsTheModelForEveryLineAndFlavour) {
   for (bool expand : {false, true}) {
     for (bool reversed : {false, true}) {
       MTBTable table(&doc);
-      table.expandRuns = expand;
+      table.expandRows = expand;
       table.reversed = reversed;
       table.setData(&doc);
       SCOPED_TRACE(::testing::Message() << "expand " << expand << " reversed " << reversed);
@@ -150,7 +150,7 @@ TEST(MtbWriteLines, DeclinesOnlyTheRangesThatHoldABadLine) {
     json doc = json::parse(R"({"data":[{},{},{},{}],"code":[[{"seq":0}],[{"seq":1}],[{"seq":2}],[{"seq":3}]]})");
     c.spoil(doc);
     MTBTable table(&doc);
-    table.expandRuns = true;
+    table.expandRows = true;
     table.setData(&doc);
     std::string text;
     EXPECT_FALSE(writes(table, range(2, 1), &text));

@@ -1,5 +1,6 @@
 #include "symbols/ObjectFileInfo.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,10 @@
 #include "FakeSymbolManager.hpp"
 #include "TestSupport.hpp"
 #include "source_utilities/HostApis.hpp"
+
+using ::testing::HasSubstr;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace fs = std::filesystem;
 
@@ -40,24 +45,18 @@ TEST_F(ObjectFileInfoTest, WithoutSymbolManagerCreateGivesEmptyPointer) {
 TEST_F(ObjectFileInfoTest, VersionOtherThanFiveIsRefusedOnBothRoads) {
   for (uint32_t version : {4u, 6u}) {
     manager.version = version;
-    try {
-      ObjectFileInfo::create("x.elf");
-      FAIL() << "version " << version << " accepted";
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Mismatch API version");
-    }
+    EXPECT_THAT([&] { ObjectFileInfo::create("x.elf"); },
+                ThrowsMessage<std::runtime_error>(StrEq("Mismatch API version")))
+        << "version " << version << " accepted";
     EXPECT_THROW(ObjectFileInfo(470, 14), std::runtime_error);
   }
 }
 
 TEST_F(ObjectFileInfoTest, PackageNotMadeIsAnOrdinaryException) {
   manager.failCreate = true;
-  try {
-    ObjectFileInfo::create("x.elf");
-    FAIL();
-  } catch (const std::exception& e) {
-    EXPECT_STREQ(e.what(), "Failed to create the symbol package interface");
-  }
+  EXPECT_THAT(
+      [&] { ObjectFileInfo::create("x.elf"); },
+      ThrowsMessage<std::exception>(StrEq("Failed to create the symbol package interface")));
   EXPECT_THROW(ObjectFileInfo(470, 14), std::runtime_error);
 }
 
@@ -170,12 +169,8 @@ TEST_F(ObjectFileInfoTest, EmptyObjectPathIsNoError) {
 
 TEST_F(ObjectFileInfoTest, VanishedObjectFileFailsWithLastWriteTime) {
   manager.setUp = [&](fake::Package& p) { p.objectPath = (dir / "absent.elf").string(); };
-  try {
-    ObjectFileInfo::create("absent.elf");
-    FAIL();
-  } catch (const fs::filesystem_error& e) {
-    EXPECT_NE(std::string(e.what()).find("last_write_time"), std::string::npos);
-  }
+  EXPECT_THAT([&] { ObjectFileInfo::create("absent.elf"); },
+              ThrowsMessage<fs::filesystem_error>(HasSubstr("last_write_time")));
 }
 
 TEST_F(ObjectFileInfoTest, Sha1OfKnownInputs) {

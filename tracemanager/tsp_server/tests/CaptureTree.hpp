@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "TestSupport.hpp"
+#include "experiments/generator/SampleCaptureWriter.hpp"
 #include "experiments/generator/SampleCaptures.hpp"
 
 namespace ostrand_test {
@@ -21,8 +22,10 @@ class CaptureTree : public TempHome {
   // directory.
   std::filesystem::path addLiveCapture(const std::string& target, const std::string& type,
                                        nlohmann::json metadata = nullptr) {
-    if (metadata.is_null()) metadata = VSKTspServer::samples::defaultMetadata(target, type);
-    auto dir = liveTargets() / target / type;
+    namespace samples = VSKTspServer::samples;
+    if (metadata.is_null()) metadata = samples::defaultMetadata(target, type);
+    std::filesystem::path dir =
+        samples::captureDirectory(root().string(), "live-targets", target, type);
     writeFile(dir / "metadata", metadata.dump());
     return dir;
   }

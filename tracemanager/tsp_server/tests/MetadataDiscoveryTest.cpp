@@ -36,6 +36,8 @@ TEST(MetadataDiscoveryTest, FindsOnlyFilesNamedMetadataOutsideHiddenEntries) {
   EXPECT_EQ(sorted(manager.findMetadataFiles("")),
             sorted({(live / "Probe/M4/MTB/metadata").string(),
                     (live / "Probe/M4/MTB/inner/metadata").string()}));
+  // What `ostrand serve` reports walks by the same rules.
+  EXPECT_EQ(sorted(metadataFilesBelow(live.string())), sorted(manager.findMetadataFiles("")));
 }
 
 TEST(MetadataDiscoveryTest, RootIsSplitOnSlashesAndEmptyPiecesDropOut) {

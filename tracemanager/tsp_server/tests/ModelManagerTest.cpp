@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "CaptureTree.hpp"
 #include "experiments/VSKExperiment.hpp"
 #include "experiments/VSKTrace.hpp"
@@ -53,38 +52,48 @@ TEST(ModelManagerTest, PlainNameFindsTheExperimentThroughItsFirstTrace) {
   EXPECT_EQ(manager.getExperiments().size(), 1u);
 }
 
-TEST(ModelManagerTest, DeviceWithoutSlashTakesTheScanRootAsStem) {
-  CaptureTree tree;
-  tree.addLiveCapture("M0", "MTB", {{"typeId", "MTB"}, {"device", "M0"}});
-  ModelManager manager(nullptr);
-  manager.openExperiment("LiveTarget", {});
-  EXPECT_EQ(experimentNames(manager), (std::vector<std::string>{"_CoreTrace"}));
-}
-
-TEST(ModelManagerTest, MetadataWithoutDeviceKeepsItsTraceButMakesNoExperiment) {
-  CaptureTree tree;
-  tree.addLiveCapture("Probe/M4", "MTB", {{"typeId", "MTB"}});
-  ModelManager manager(nullptr);
-  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
-  EXPECT_EQ(manager.getTraceUUIDs().size(), 1u);
-  EXPECT_TRUE(manager.getExperiments().empty());
-}
-
-TEST(ModelManagerTest, UnreadableMetadataAddsNoTrace) {
-  CaptureTree tree;
-  CaptureTree::writeFile(tree.liveTargets() / "Probe/M4/MTB/metadata", "");
-  ModelManager manager(nullptr);
-  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
-  EXPECT_TRUE(manager.getTraceUUIDs().empty());
-}
-
-TEST(ModelManagerTest, UnknownKindCreatesNoExperiment) {
-  CaptureTree tree;
-  tree.addLiveCapture("Probe/M4", "NOPE");
-  ModelManager manager(nullptr);
-  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
-  EXPECT_EQ(manager.getTraceUUIDs().size(), 1u);
-  EXPECT_TRUE(manager.getExperiments().empty());
+// What a scan makes of one capture directory: the traces it keeps and the
+// experiments it names.
+TEST(ModelManagerTest, ScanOfOneOddCapture) {
+  const struct {
+    const char* what;
+    void (*lay)(CaptureTree&);
+    size_t traces;
+    std::vector<std::string> experiments;
+  } cases[] = {
+      {"a device without a slash takes the scan root as stem",
+       [](CaptureTree& t) {
+         t.addLiveCapture("M0", "MTB", {{"typeId", "MTB"}, {"device", "M0"}});
+       },
+       1,
+       {"_CoreTrace"}},
+      {"metadata without a device keeps its trace but makes no experiment",
+       [](CaptureTree& t) {
+         t.addLiveCapture("Probe/M4", "MTB", {{"typeId", "MTB"}});
+       },
+       1,
+       {}},
+      {"unreadable metadata adds no trace",
+       [](CaptureTree& t) { t.writeFile(t.liveTargets() / "Probe/M4/MTB/metadata", ""); },
+       0,
+       {}},
+      {"an unknown kind makes no experiment",
+       [](CaptureTree& t) { t.addLiveCapture("Probe/M4", "NOPE"); },
+       1,
+       {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    CaptureTree tree;
+    c.lay(tree);
+    ModelManager manager(nullptr);
+    VSKExperiment* made = manager.openExperiment("LiveTarget", {});
+    if (c.experiments.empty()) {
+      EXPECT_EQ(made, nullptr);
+    }
+    EXPECT_EQ(manager.getTraceUUIDs().size(), c.traces);
+    EXPECT_EQ(experimentNames(manager), c.experiments);
+  }
 }
 
 TEST(ModelManagerTest, PathEndingRightAfterLiveTargetScansTheWholeTree) {

@@ -72,34 +72,28 @@ TEST(TspServerTest, OperationsBeforeRunDoNothing) {
   EXPECT_FALSE(server.isStarted());
 }
 
+// A port taken by another program, or held by an HTTP server that shares
+// ports (SO_REUSEPORT, the library's default), is reported, and run returns
+// at once.
 TEST(TspServerTest, TakenPortIsReportedAndRunReturns) {
   CaptureTree tree;
-  const int port = ostrand_test::freeLoopbackPort();
+  const int blocked = ostrand_test::freeLoopbackPort();
   // "localhost" may stand for both loopback addresses; the server takes
   // whichever it can bind, so the port is taken only when both are.
-  ostrand_test::PortBlocker blocker(port);
+  ostrand_test::PortBlocker blocker(blocked);
   ASSERT_TRUE(blocker.blocking());
-  TspServer server;
-  server.port = port;
-  server.run();  // returns at once
-  EXPECT_TRUE(server.isStarted());
-  EXPECT_TRUE(server.listenFailed());
-  server.terminate();
-  EXPECT_EQ(theModelManager, nullptr);
-}
-
-// Another HTTP server that shares ports (SO_REUSEPORT, the library's
-// default) must not let this one bind beside it.
-TEST(TspServerTest, PortHeldByAPortSharingServerCountsAsTaken) {
-  CaptureTree tree;
-  const int port = ostrand_test::freeLoopbackPort();
+  const int shared = ostrand_test::freeLoopbackPort();
   httplib::Server other;
-  ASSERT_TRUE(other.bind_to_port("127.0.0.1", port));
-  TspServer server;
-  server.port = port;
-  server.run();
-  EXPECT_TRUE(server.listenFailed());
-  server.terminate();
+  ASSERT_TRUE(other.bind_to_port("127.0.0.1", shared));
+  for (int port : {blocked, shared}) {
+    TspServer server;
+    server.port = port;
+    server.run();
+    EXPECT_TRUE(server.isStarted()) << port;
+    EXPECT_TRUE(server.listenFailed()) << port;
+    server.terminate();
+    EXPECT_EQ(theModelManager, nullptr) << port;
+  }
 }
 
 TEST(TspServerTest, SecondServerInTheProcessDoesNotTakeOverTheModel) {
@@ -155,7 +149,6 @@ TEST(TspServerTest, RequestsAndCaptureSideCallsAreSerialised) {
   for (auto& c : clients) c.join();
   EXPECT_EQ(ok.load(), 40);
 }
-
 
 // The viewer's files under "/", beside protocol routes that answer as
 // before, and nothing outside the viewer's folder.

@@ -82,7 +82,7 @@ struct WLGeneratorOptions {
   double durationSeconds = 10.0;
   uint32_t sampleRate = 10000;  // samples per second
   uint64_t seed = 1;
-  bool wrapEnergy = true;       // start the counter so that it wraps once
+  bool wrapEnergy = false;  // start the counter so that it wraps once (for tests)
   std::string device = "sim/cortex_m4_0";
 };
 

@@ -75,7 +75,14 @@ WLGeneratorOptions options(uint32_t type, WLStateLayout layout, double seconds =
   o.durationSeconds = seconds;
   o.sampleRate = rate;
   o.seed = 7;
+  o.wrapEnergy = true;  // these captures test the wrap; a default capture has none
   return o;
+}
+
+TEST(WLCaptureGenerator, CounterWrapsOnlyWhenAsked) {
+  WLGeneratorOptions o;
+  o.durationSeconds = 0.5;
+  EXPECT_EQ(Generated(o).result.energyWraps, 0u);
 }
 
 TEST(WLCaptureGenerator, EnergyIntegratesPowerAndWrapsOnce) {

@@ -4,6 +4,7 @@
 // WLStreamDecodeTest.
 #include "wattline/WLDataNode.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,6 +14,9 @@
 #include <limits>
 
 #include "WLTestStreams.hpp"
+
+using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 
 namespace VSKTspServer {
 namespace {
@@ -87,12 +91,8 @@ TEST(WLDataNodeFile, FileThatShrankBeforeDecodeFailsCleanly) {
   WLDataNode node;
   ASSERT_TRUE(node.readFile(dir.path(), "WLData.bin"));
   ASSERT_EQ(::truncate(path.c_str(), 18 * 50), 0);
-  try {
-    node.decode();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string(e.what()).find("became shorter"), std::string::npos) << e.what();
-  }
+  EXPECT_THAT([&] { node.decode(); },
+              ThrowsMessage<std::runtime_error>(HasSubstr("became shorter")));
   EXPECT_EQ(node.times[19999], 0u);
   EXPECT_EQ(node.currents[10], 0u);
   node.computeStats(0, node.recordCount);
@@ -180,14 +180,15 @@ TEST(WLDataNodeIndex, IndexOfTimeAssumesEvenSpacing) {
   EXPECT_EQ(node.indexOfTime(5), 0u);
   node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
   node.decode();
-  // step = (1900 - 1000) / 10 = 90 us
-  EXPECT_EQ(node.indexOfTime(0), 0u);
-  EXPECT_EQ(node.indexOfTime(1000), 0u);
-  EXPECT_EQ(node.indexOfTime(1089), 0u);
-  EXPECT_EQ(node.indexOfTime(1090), 1u);
-  EXPECT_EQ(node.indexOfTime(1500), 5u);  // 500 / 90 = 5.55
-  EXPECT_EQ(node.indexOfTime(1900), 9u);
-  EXPECT_EQ(node.indexOfTime(std::numeric_limits<uint64_t>::max()), 9u);
+  // step = (1900 - 1000) / 10 = 90 us; 1500 is 500 / 90 = 5.55 steps in.
+  for (auto [time, index] : {std::pair<uint64_t, uint64_t>{0, 0},
+                             {1000, 0},
+                             {1089, 0},
+                             {1090, 1},
+                             {1500, 5},
+                             {1900, 9},
+                             {std::numeric_limits<uint64_t>::max(), 9}})
+    EXPECT_EQ(node.indexOfTime(time), index) << time;
 
   StreamBuilder flat(0x08, 0);
   flat.add({7, {}, 0, 0, 0}).add({7, {}, 0, 0, 0}).add({7, {}, 0, 0, 0});
@@ -199,13 +200,9 @@ TEST(WLDataNodeIndex, IndexOfTimeAssumesEvenSpacing) {
 TEST(WLDataNodeIndex, NearestIndexPrefersTheUpperOnATie) {
   const std::vector<uint64_t> list{10, 20, 30, 40};
   EXPECT_EQ(nearestIndex({}, 5), 0u);
-  EXPECT_EQ(nearestIndex(list, 0), 0u);
-  EXPECT_EQ(nearestIndex(list, 10), 0u);
-  EXPECT_EQ(nearestIndex(list, 99), 3u);
-  EXPECT_EQ(nearestIndex(list, 24), 1u);
-  EXPECT_EQ(nearestIndex(list, 25), 2u);
-  EXPECT_EQ(nearestIndex(list, 26), 2u);
-  EXPECT_EQ(nearestIndex(list, 30), 2u);
+  for (auto [value, index] :
+       {std::pair<uint64_t, uint64_t>{0, 0}, {10, 0}, {99, 3}, {24, 1}, {25, 2}, {26, 2}, {30, 2}})
+    EXPECT_EQ(nearestIndex(list, value), index) << value;
 }
 
 }  // namespace

@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "TestSupport.hpp"
 #include "WLTestStreams.hpp"
 
 namespace VSKTspServer {
@@ -89,15 +87,9 @@ TEST(WLTable, SlicedExportMatchesTheOneRequestExport) {
   TempDir dir;
   ASSERT_EQ(table.exportCsv(dir.path() + "/whole.csv"), 0);
   ASSERT_EQ(table.exportInSlices(dir.path() + "/sliced.csv", 7), 0);
-  auto read = [](const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  };
-  const std::string whole = read(dir.path() + "/whole.csv");
+  const std::string whole = ostrand_test::readFile(dir.path() + "/whole.csv");
   EXPECT_EQ(whole.substr(0, 40), "Time,Energy,Current,Voltage,DSR1,DSR0\r\n1");
-  EXPECT_EQ(read(dir.path() + "/sliced.csv"), whole);
+  EXPECT_EQ(ostrand_test::readFile(dir.path() + "/sliced.csv"), whole);
   EXPECT_EQ(table.exportInSlices(dir.path() + "/no/such/dir.csv"), -1);
 }
 
@@ -197,10 +189,7 @@ TEST(WLSummary, CsvOfTheWholeStream) {
   summary.getXYTree(0, 1'000'000);  // a narrow selection first
   TempDir dir;
   ASSERT_EQ(summary.exportCsv(dir.path() + "/summary.csv"), 0);
-  std::ifstream in(dir.path() + "/summary.csv", std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  const std::string csv = text.str();
+  const std::string csv = ostrand_test::readFile(dir.path() + "/summary.csv");
   EXPECT_EQ(csv.substr(0, 45), "Name,Value\r\nSystem,\r\nTime,2.00 sec\r\nEnergy,2.");
   EXPECT_NE(csv.find("CR2032 (220mAh) Life,\"27 day, 12 hour, 0 min\"\r\n"), std::string::npos);
   EXPECT_DOUBLE_EQ(d.node.duration, 2.0);  // the whole stream stays in the node

@@ -1,5 +1,6 @@
 #include "source_utilities/uEnvironment.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +10,9 @@
 #include "TestSupport.hpp"
 #include "source_utilities/Platform.hpp"
 #include "source_utilities/SourceUtilitiesError.hpp"
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 using namespace QX_NLV;
 
@@ -27,18 +31,12 @@ TEST(EnvironmentTest, SetAndGetAndNullArguments) {
   setEnvironment("OSTRAND_TEST_VAR", "value 1");
   EXPECT_STREQ(getEnvironment("OSTRAND_TEST_VAR"), "value 1");
   EXPECT_STREQ(getEnvironment("OSTRAND_TEST_VAR_UNSET_NEVER"), "");
-  try {
-    setEnvironment("X", nullptr);
-    FAIL();
-  } catch (const source_utilities_error& e) {
-    EXPECT_STREQ(e.what(), "failed set an environment variable value to null");
-  }
-  try {
-    getEnvironment(nullptr);
-    FAIL();
-  } catch (const source_utilities_error& e) {
-    EXPECT_STREQ(e.what(), "failed set an environment variable name to null");
-  }
+  EXPECT_THAT([&] { setEnvironment("X", nullptr); },
+              ThrowsMessage<source_utilities_error>(
+                  StrEq("failed set an environment variable value to null")));
+  EXPECT_THAT([&] { getEnvironment(nullptr); },
+              ThrowsMessage<source_utilities_error>(
+                  StrEq("failed set an environment variable name to null")));
 }
 
 TEST(EnvironmentTest, ValuesStayValidPerThread) {

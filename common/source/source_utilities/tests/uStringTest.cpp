@@ -1,6 +1,10 @@
 #include "source_utilities/uString.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 using QX_NLV::uString;
 
@@ -12,12 +16,9 @@ TEST(uStringTest, ReplaceAllNeverRescansInsertedText) {
   std::string untouched = "abc";
   EXPECT_EQ(uString::replaceAll(untouched, "", "x"), "abc");
   EXPECT_THROW(uString::replaceAll(text, nullptr, "x"), uString::error);
-  try {
-    uString::replaceAll(text, "a", nullptr);
-    FAIL();
-  } catch (const QX_NLV::source_utilities_error& e) {
-    EXPECT_STREQ(e.what(), "unable to perform string replacement with null replacement text");
-  }
+  EXPECT_THAT([&] { uString::replaceAll(text, "a", nullptr); },
+              ThrowsMessage<QX_NLV::source_utilities_error>(
+                  StrEq("unable to perform string replacement with null replacement text")));
 }
 
 TEST(uStringTest, SplitAtFirstDelimiter) {
@@ -31,12 +32,8 @@ TEST(uStringTest, SplitAtFirstDelimiter) {
   EXPECT_EQ(uString::split("", l, r, "\\"), 0);
   EXPECT_EQ(uString::split("k==v", l, r, "="), 2);
   EXPECT_EQ(r, "=v");
-  try {
-    uString::split("x", l, r, nullptr);
-    FAIL();
-  } catch (const uString::error& e) {
-    EXPECT_STREQ(e.what(), "unable to split with null delimeter");
-  }
+  EXPECT_THAT([&] { uString::split("x", l, r, nullptr); },
+              ThrowsMessage<uString::error>(StrEq("unable to split with null delimeter")));
   EXPECT_THROW(uString::split(nullptr, l, r, "="), uString::error);
 }
 
@@ -48,12 +45,8 @@ TEST(uStringTest, ToNumberBases) {
   EXPECT_EQ(uString::toNumber("0x"), 0u);
   EXPECT_EQ(uString::toNumber("0"), 0u);
   EXPECT_EQ(uString::toNumber("0xFFFFFFFFFFFFFFFF"), 0xFFFFFFFFFFFFFFFFull);
-  try {
-    uString::toNumber("");
-    FAIL();
-  } catch (const uString::error& e) {
-    EXPECT_STREQ(e.what(), "unable to convert empty string to numeric");
-  }
+  EXPECT_THAT([&] { uString::toNumber(""); },
+              ThrowsMessage<uString::error>(StrEq("unable to convert empty string to numeric")));
   EXPECT_THROW(uString::toNumber(nullptr), uString::error);
 }
 

@@ -1,4 +1,4 @@
-#include "kit/HostConnection.hpp"
+#include "kit/QueueHostConnection.hpp"
 
 namespace ostrand::hostkit {
 
