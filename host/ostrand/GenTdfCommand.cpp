@@ -33,7 +33,7 @@ void printGenTdfUsage(FILE* out) {
       "table a viewer shows; `ostrand serve` does not list recordings.\n\n"
       "  --scenario FILE     scenario to run (default: the default scenario beside\n"
       "                      the tool libraries)\n"
-      "  --cpu NAME          CPU to run; it needs an MTB or ETB route (default CM0P)\n"
+      "  --cpu NAME          CPU to run; it needs an MTB or ETB route (default microbit/CM0P)\n"
       "  --instructions N    instructions to run, 1 to 100000000 (default 5000)\n"
       "  --out FILE          the recording to write (default:\n"
       "                      <data>/.QX-trace/recordings/<CPU>.tdf)\n"
@@ -47,7 +47,7 @@ void printGenTdfUsage(FILE* out) {
 }
 
 struct Options {
-  std::string scenario, cpu = "CM0P", out, dataDir, module;
+  std::string scenario, cpu = "microbit/CM0P", out, dataDir, module;
   uint64_t instructions = 5000;
 };
 
@@ -127,7 +127,7 @@ int runGenTdf(int argc, char** argv) {
       }
       o.dataDir = home;
     }
-    o.out = (fs::path(o.dataDir) / ".QX-trace" / "recordings" / (o.cpu + ".tdf")).string();
+    o.out = (fs::path(o.dataDir) / ".QX-trace" / "recordings" / (fs::path(o.cpu).filename().string() + ".tdf")).string();
   }
   std::error_code ec;
   const fs::path out = fs::absolute(o.out, ec).lexically_normal();

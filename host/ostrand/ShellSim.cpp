@@ -164,12 +164,12 @@ bool ShellSim::hostLine(const std::string& line, std::string& error) {
   }
   if (verb == ":run" && (w.size() == 2 || w.size() == 3)) {
     if (w.size() == 3 && !wholeNumber(w[2], number)) {
-      return (error = ":run takes a number of instructions, as in ':run CM4 5000'"), false;
+      return (error = ":run takes a number of instructions, as in ':run mps2/CM4 5000'"), false;
     }
     return call(entry<OstrandSim_Run_t>(library_, "OstrandSim_Run")(w[1].c_str(), number), verb + " " + w[1], error);
   }
   if (verb == ":save") {
-    if (w.size() != 3) return (error = ":save needs a CPU and a file, as in ':save CM4 /tmp/run.tdf'"), false;
+    if (w.size() != 3) return (error = ":save needs a CPU and a file, as in ':save mps2/CM4 /tmp/run.tdf'"), false;
     // A halt just asked for may still be ending the run: let it finish.
     entry<OstrandSim_WaitHalted_t>(library_, "OstrandSim_WaitHalted")(w[1].c_str(), 5000);
     const std::string file = std::filesystem::absolute(w[2]).lexically_normal().string();

@@ -61,7 +61,7 @@ TEST(PowerCaptureTest, ShellTranscriptAndCaptureDirectory) {
   Json::Value metadata;
   ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadata"), metadata)) << dir;
   EXPECT_EQ(metadata["typeId"].asString(), "WL+");
-  EXPECT_EQ(metadata["device"].asString(), "CM0P");
+  EXPECT_EQ(metadata["device"].asString(), "microbit/CM0P");
   Json::Value sup;
   ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadataSup.json"), sup));
   EXPECT_EQ(sup["JState"]["name"].asString(), "M0PLUS_STATES");
@@ -87,7 +87,7 @@ TEST(PowerCaptureTest, ShellTranscriptAndCaptureDirectory) {
   ASSERT_TRUE(Json::Reader().parse(body, experiments)) << body;
   bool found = false;
   for (const Json::Value& e : experiments) {
-    if (e["traces"][0]["path"].asString().find("CM0P/Wattline") == std::string::npos) continue;
+    if (e["traces"][0]["path"].asString().find("microbit/CM0P/Wattline") == std::string::npos) continue;
     found = true;
     EXPECT_EQ(e["nbEvents"].asUInt64(), streamBytes / 26 - 1) << e;  // all but the lead-in
     EXPECT_EQ(e["indexingStatus"].asString(), "COMPLETED") << e;

@@ -70,11 +70,11 @@ TEST_F(ShellSimTest, HostLineFailuresSayWhatToDoAndEndWithOne) {
             std::string::npos);
 
   ProgramRun bad = run("shell --sim",
-                       ":run NOPE\n:connect CM4\n:run CM4 lots\n:frob\n:wait never-printed 1\n:sleep x\n"
+                       ":run NOPE\n:connect mps2/CM4\n:run mps2/CM4 lots\n:frob\n:wait never-printed 1\n:sleep x\n"
                        ":files ~/no-such-dir\n");
   EXPECT_EQ(bad.exitCode, 1);
   for (const std::string& text : std::vector<std::string>{
-           "line 1: :run NOPE: No CPU 'NOPE' in scenario 'default' (CPUs: CM0P, CM4)",
+           "line 1: :run NOPE: No CPU 'NOPE' in scenario 'default' (CPUs: microbit/CM0P, mps2/CM4)",
            "line 3: :run takes a number of instructions",
                            "line 4: unknown host line ':frob'",
                            "line 5: :wait: no line with 'never-printed' came within 1 s",

@@ -53,7 +53,7 @@ TEST(TdfSessionTest, SavedRunOpensAsATdfSessionWithTheFirmwaresSymbols) {
   const std::string input = replaceAll(readFile(kGolden + "tdf_session.jsonl"), "<home>", runner.dir());
   ProgramRun r = runner.run("shell --sim", input);
   EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_NE(r.err.find("saved the last run of CM4 as " + runner.dir() + "/runs/cm4.tdf"), std::string::npos)
+  EXPECT_NE(r.err.find("saved the last run of mps2/CM4 as " + runner.dir() + "/runs/cm4.tdf"), std::string::npos)
       << r.err;
   checkGolden("tdf_session.expected", replaceAll(r.out, runner.dir(), "<home>"));
 
@@ -94,13 +94,13 @@ TEST(TdfSessionTest, SavedRunOpensAsATdfSessionWithTheFirmwaresSymbols) {
 // to open it.
 TEST(TdfSessionTest, GenTdfSavesTheRunTheShellSavesAndSaysHowToOpenIt) {
   ostrand_test::ProgramRunner runner;
-  ProgramRun gen = runner.run("gen tdf --data '" + runner.dir() + "' --cpu CM4 --instructions 400");
+  ProgramRun gen = runner.run("gen tdf --data '" + runner.dir() + "' --cpu mps2/CM4 --instructions 400");
   ASSERT_EQ(gen.exitCode, 0) << gen.err;
   const std::string file = runner.dir() + "/.QX-trace/recordings/CM4.tdf";
   EXPECT_EQ(gen.out, file + "\n");
   EXPECT_NE(gen.err.find("cloudTrace.configureTDFSession"), std::string::npos) << gen.err;
   // The same run as the shell's golden session: the same recording bytes.
-  ProgramRun shell = runner.run("shell --sim", ":connect CM4\n:run CM4 400\n:save CM4 " + runner.dir() + "/b.tdf\n");
+  ProgramRun shell = runner.run("shell --sim", ":connect mps2/CM4\n:run mps2/CM4 400\n:save mps2/CM4 " + runner.dir() + "/b.tdf\n");
   ASSERT_EQ(shell.exitCode, 0) << shell.err;
   EXPECT_EQ(readFile(file), readFile(runner.dir() + "/b.tdf"));
 

@@ -9,7 +9,8 @@
 //   offer a time graph. A <tdf-capture-dir> of "-" walks what captures
 //   taken through the module left, as the module's own server serves them:
 //   it asks for the scan of the live targets as a viewer does, then walks
-//   each named experiment by its kind (mtb, etb, tdf or wl).
+//   each named experiment by its kind (mtb, etb or wl); for tdf the name is
+//   the capture directory, opened by hand.
 import assert from 'node:assert/strict';
 import tsp from 'tsp-typescript-client';
 
@@ -287,13 +288,20 @@ if (!liveOnly) {
 
 for (const arg of powerNames) {
   const [kind, name] = liveOnly ? arg.split(/:(.*)/s) : ['wl', arg];
-  assert.ok(byName[name], `the ${kind} experiment ${name} is listed (have: ${Object.keys(byName).join(', ')})`);
+  if (kind !== 'tdf') {
+    assert.ok(byName[name], `the ${kind} experiment ${name} is listed (have: ${Object.keys(byName).join(', ')})`);
+  }
   const experiment = byName[name];
   if (kind === 'wl') {
     await checkPower(experiment);
   } else if (kind === 'mtb' || kind === 'etb') {
     await checkTable(experiment, kind === 'mtb' ? mtbColumns : etbColumns);
   } else if (kind === 'tdf') {
+    // A TDF capture lies in the file-target tree, which the live scan does
+    // not reach: open it by hand, as the viewer opens a recording.
+    const trace = modelOf(await client.openTrace(new Query({ uri: name, name: 'recording' })), 'open TDF trace');
+    const experiment = modelOf(
+      await client.createExperiment(new Query({ name: 'recording', traces: [trace.UUID] })), 'TDF experiment');
     const outputs = modelOf(await client.experimentOutputs(experiment.UUID), `outputs of ${name}`);
     const columns = modelOf(await client.fetchTableColumns(experiment.UUID, outputs[0].id, new Query({})),
       `columns of ${name}`).model.map((c) => c.name);

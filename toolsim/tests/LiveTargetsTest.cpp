@@ -18,14 +18,14 @@ using namespace ostrand_sim_test;
 // The default scenario's CPUs run under QEMU: what the trace holds is what
 // ran, and the emulator lives no longer than the scenario.
 TEST_F(SimulationTest, CpusRunUnderQemuAndTheEmulatorEndsWithTheScenario) {
-  ASSERT_EQ(simConnect("CM4"), 0) << lastError();
-  ASSERT_EQ(simRun("CM4", 300), 0) << lastError();
-  ASSERT_EQ(waitHalted("CM4", 20000), 0) << lastError();
+  ASSERT_EQ(simConnect("mps2/CM4"), 0) << lastError();
+  ASSERT_EQ(simRun("mps2/CM4", 300), 0) << lastError();
+  ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0) << lastError();
   EXPECT_EQ(qemuChildren(), 1u);
   Trace::IChannelFoundry* foundry = createFoundry();
   Trace::IChannelServer* server = nullptr;
   foundry->CreateChannelServer(server, 1);
-  Rows rows = decode(foundry, server, "CM4", "ETB", 1000);
+  Rows rows = decode(foundry, server, "mps2/CM4", "ETB", 1000);
   size_t instructions = 0;
   for (const auto& row : rows.cells) instructions += row[1].empty() ? 0 : 1;
   // The default 4 KiB buffer holds them all, up to the last branch (the
@@ -41,14 +41,14 @@ TEST_F(SimulationTest, CpusRunUnderQemuAndTheEmulatorEndsWithTheScenario) {
 TEST_F(SimulationTest, WithoutTheEmulatorARunIsRefusedWithWhatToInstall) {
   const std::string path = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
   setenv("PATH", (dir() + "/no-such-dir").c_str(), 1);
-  ASSERT_EQ(simConnect("CM0P"), 0) << lastError();
-  EXPECT_EQ(simRun("CM0P", 100), -5);
+  ASSERT_EQ(simConnect("microbit/CM0P"), 0) << lastError();
+  EXPECT_EQ(simRun("microbit/CM0P", 100), -5);
   setenv("PATH", path.c_str(), 1);
   EXPECT_NE(std::string(lastError()).find("install the Debian package qemu-system-arm"), std::string::npos)
       << lastError();
   std::string state(4096, '\0');
   state.resize(static_cast<size_t>(entry<OstrandSim_State_t>("hemlock", "OstrandSim_State")(state.data(), state.size())));
-  EXPECT_NE(state.find(R"("name":"CM0P","receiver":"MTB","runs":0,"state":"halted")"), std::string::npos) << state;
+  EXPECT_NE(state.find(R"("name":"microbit/CM0P","receiver":"MTB","runs":0,"state":"halted")"), std::string::npos) << state;
 }
 
 // An armed power probe writes the capture of what the program does: the
@@ -116,8 +116,8 @@ TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sim, PowerProbe,
-                         ::testing::Values(PowerCase{"CM0P", "run_microbit.elf", "\"M0PLUS_STATES\"", 2, true},
-                                           PowerCase{"CM4", "run_mps2.elf", "\"M4_STATES\"", 1, false}),
+                         ::testing::Values(PowerCase{"microbit/CM0P", "run_microbit.elf", "\"M0PLUS_STATES\"", 2, true},
+                                           PowerCase{"mps2/CM4", "run_mps2.elf", "\"M4_STATES\"", 1, false}),
                          [](const auto& info) { return std::string(info.param.cpu); });
 
 }  // namespace

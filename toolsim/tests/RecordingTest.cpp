@@ -215,26 +215,26 @@ TEST_P(SavedRuns, DecodeFromTheFileToTheLiveRows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothCpus, SavedRuns,
-                         ::testing::Values(SavedRun{"CM0P", "MTB", 3000, 16000000},
-                                           SavedRun{"CM4", "ETB", 1500, 25000000}),
+                         ::testing::Values(SavedRun{"microbit/CM0P", "MTB", 3000, 16000000},
+                                           SavedRun{"mps2/CM4", "ETB", 1500, 25000000}),
                          [](const auto& info) { return std::string(info.param.cpu); });
 
 TEST_F(RecordingTest, SavingSaysWhyItCannot) {
   EXPECT_EQ(simSave("NOPE", path("a.tdf").c_str()), -1);
   EXPECT_NE(std::string(lastError()).find("No CPU 'NOPE'"), std::string::npos) << lastError();
-  EXPECT_EQ(simSave("CM0P", path("a.tdf").c_str()), -2);
+  EXPECT_EQ(simSave("microbit/CM0P", path("a.tdf").c_str()), -2);
   EXPECT_NE(std::string(lastError()).find("no run to save yet; run it first"), std::string::npos) << lastError();
-  ASSERT_EQ(simConnect("CM0P"), 0);
-  ASSERT_EQ(simRun("CM0P", 100), 0);
-  ASSERT_EQ(waitHalted("CM0P", 10000), 0);
-  EXPECT_EQ(simSave("CM0P", (path("missing-dir") + "/a.tdf").c_str()), -4);
+  ASSERT_EQ(simConnect("microbit/CM0P"), 0);
+  ASSERT_EQ(simRun("microbit/CM0P", 100), 0);
+  ASSERT_EQ(waitHalted("microbit/CM0P", 10000), 0);
+  EXPECT_EQ(simSave("microbit/CM0P", (path("missing-dir") + "/a.tdf").c_str()), -4);
   EXPECT_NE(std::string(lastError()).find("missing-dir/a.tdf"), std::string::npos) << lastError();
-  EXPECT_EQ(simSave("CM0P", ""), -4);
+  EXPECT_EQ(simSave("microbit/CM0P", ""), -4);
   EXPECT_FALSE(fs::exists(path("a.tdf")));
 }
 
 TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
-  const std::string tdf = runAndSave("CM4", 500, "moved.tdf");
+  const std::string tdf = runAndSave("mps2/CM4", 500, "moved.tdf");
   const fs::path elsewhere = dir_ / "elsewhere";
   fs::create_directories(elsewhere);
   fs::copy_file(std::string(OSTRAND_TOOL_DIR) + "/scenarios/firmware/run_mps2.elf", elsewhere / "run_mps2.elf");
@@ -273,7 +273,7 @@ struct Damage {
 };
 
 TEST_F(RecordingTest, DamagedFilesAreRefusedWithTheFileAndTheFault) {
-  const std::string good = runAndSave("CM0P", 3000, "good.tdf");
+  const std::string good = runAndSave("microbit/CM0P", 3000, "good.tdf");
   const Bytes original = readBytes(good);
   const std::vector<Damage> damages = {
       {"empty", [](Bytes& b) { b.clear(); }, "cut short in the header"},

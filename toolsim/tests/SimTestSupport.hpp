@@ -238,7 +238,7 @@ class SimulationTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(loadScenario(""), 0) << lastError(); }
   void TearDown() override {
-    for (const char* cpu : {"CM0P", "CM4"}) simHalt(cpu), waitHalted(cpu, 5000);
+    for (const char* cpu : {"microbit/CM0P", "mps2/CM4"}) simHalt(cpu), waitHalted(cpu, 5000);
   }
   std::string dir() {
     auto d = std::filesystem::temp_directory_path() / ("toolsim-" + std::to_string(getpid()));

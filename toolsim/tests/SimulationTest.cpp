@@ -49,29 +49,29 @@ TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread
   entry<GetHemlockMgrIF_t>("hemlock", "GetHemlockMgrIF")(&manager);
   entry<GetHemlockJobMgrIF_t>("hemlock", "GetHemlockJobMgrIF")(&jobs);
   Client client(rec);
-  int32_t id = jobs->getTargetId("CM0P", true);
+  int32_t id = jobs->getTargetId("microbit/CM0P", true);
   manager->registerClient(&client, id);
   Trace::IChannelFoundry* foundry = createFoundry();
   Trace::IChannelServer* server = nullptr;
   foundry->CreateChannelServer(server, 1);
   server->RegisterForEvents(&rec);
 
-  ASSERT_EQ(simConnect("CM0P"), 0) << lastError();
-  ASSERT_EQ(simRun("CM0P", 0), 0) << lastError();
-  EXPECT_EQ(simRun("CM0P", 0), -3);
+  ASSERT_EQ(simConnect("microbit/CM0P"), 0) << lastError();
+  ASSERT_EQ(simRun("microbit/CM0P", 0), 0) << lastError();
+  EXPECT_EQ(simRun("microbit/CM0P", 0), -3);
   EXPECT_NE(std::string(lastError()).find("already running"), std::string::npos);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ASSERT_EQ(simHalt("CM0P"), 0);
-  ASSERT_EQ(waitHalted("CM0P", 5000), 0);
+  ASSERT_EQ(simHalt("microbit/CM0P"), 0);
+  ASSERT_EQ(waitHalted("microbit/CM0P", 5000), 0);
   Trace::IChannelDriver* driver = nullptr;
-  server->GetChannelDriver("CM0P", driver);
+  server->GetChannelDriver("microbit/CM0P", driver);
   const char* text = nullptr;
   driver->StopRecording(text);
   EXPECT_STREQ(text, "");
-  std::vector<std::string> events = rec.until("channel CM0P 11 Stopped on user request");
+  std::vector<std::string> events = rec.until("channel microbit/CM0P 11 Stopped on user request");
   const std::vector<std::string> expected = {
-      "added CM0P", "state CM0P 1", "state CM0P 2", "job 0 " + std::to_string(id),
-      "channel CM0P 6 Recording", "state CM0P 6", "state CM0P 7", "channel CM0P 11 Stopped on user request"};
+      "added microbit/CM0P", "state microbit/CM0P 1", "state microbit/CM0P 2", "job 0 " + std::to_string(id),
+      "channel microbit/CM0P 6 Recording", "state microbit/CM0P 6", "state microbit/CM0P 7", "channel microbit/CM0P 11 Stopped on user request"};
   EXPECT_EQ(events, expected);
   for (std::thread::id t : rec.threads) EXPECT_NE(t, std::this_thread::get_id());
 
@@ -111,8 +111,8 @@ TEST_F(SimulationTest, CleanupCallsHoldNoSimulationLockAndSkipCallbacksRemovedMe
     // an event caused after it has come only once it has gone out.
     Recorder flush;
     entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer")(&flush);
-    ASSERT_EQ(simConnect("CM4"), 0) << lastError();
-    flush.until("added CM4");
+    ASSERT_EQ(simConnect("mps2/CM4"), 0) << lastError();
+    flush.until("added mps2/CM4");
     entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer")(&flush);
   }
   Tool first(toolMutex, cleaned, registry), second(toolMutex, cleaned, registry);
@@ -132,8 +132,8 @@ TEST_F(SimulationTest, CleanupCallsHoldNoSimulationLockAndSkipCallbacksRemovedMe
   registry->remove(&first);
   Recorder rec;
   entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer")(&rec);
-  ASSERT_EQ(simConnect("CM0P"), 0) << lastError();
-  rec.until("added CM0P");
+  ASSERT_EQ(simConnect("microbit/CM0P"), 0) << lastError();
+  rec.until("added microbit/CM0P");
   entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer")(&rec);
   std::lock_guard<std::mutex> guard(toolMutex);
   EXPECT_EQ(first.calls, 1);
@@ -144,7 +144,7 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   char error[Xevt::kErrorTextSize] = {};
   Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
   ASSERT_NE(session, nullptr) << error;
-  Xevt::IOperationServer* s = session->getOperationServer("CM0P", error, sizeof error);
+  Xevt::IOperationServer* s = session->getOperationServer("microbit/CM0P", error, sizeof error);
   sessions()->releaseSession(session);
   ASSERT_NE(s, nullptr) << error;
 
@@ -168,12 +168,12 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   Trace::IChannelServer* server = nullptr;
   foundry->CreateChannelServer(server, 1);
   server->RegisterForEvents(&rec);
-  simConnect("CM0P");
-  ASSERT_EQ(simRun("CM0P", 3000), 0) << lastError();
-  ASSERT_EQ(waitHalted("CM0P", 5000), 0);
-  rec.until("channel CM0P 8 Stopped: buffer full");
+  simConnect("microbit/CM0P");
+  ASSERT_EQ(simRun("microbit/CM0P", 3000), 0) << lastError();
+  ASSERT_EQ(waitHalted("microbit/CM0P", 5000), 0);
+  rec.until("channel microbit/CM0P 8 Stopped: buffer full");
 
-  Rows rows = decode(foundry, server, "CM0P", "MTB", 3);  // blocks of 3 rows: seek 0, then 3
+  Rows rows = decode(foundry, server, "microbit/CM0P", "MTB", 3);  // blocks of 3 rows: seek 0, then 3
   EXPECT_EQ(rows.names, (std::vector<std::string>{"Index", "Read Address", "Write Address", "Program Address",
                                                   "Program Data", "Trace Status"}));
   // The reset handler's copy and clear loops: one run per branch back.
@@ -194,9 +194,9 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   // program's work and its tick; each run row followed by its instructions,
   // whose opcodes are the program's own.
   op = configure(s, tree(s, "MTB", {s->makeString("Buffer Size", "32 Bytes")}));
-  ASSERT_EQ(simRun("CM0P", 20000), 0) << lastError();
-  ASSERT_EQ(waitHalted("CM0P", 20000), 0) << lastError();
-  rows = decode(foundry, server, "CM0P", "MTB", 16384);
+  ASSERT_EQ(simRun("microbit/CM0P", 20000), 0) << lastError();
+  ASSERT_EQ(waitHalted("microbit/CM0P", 20000), 0) << lastError();
+  rows = decode(foundry, server, "microbit/CM0P", "MTB", 16384);
   size_t runs = 0;
   uint64_t first = 0, last = 0;
   for (const auto& row : rows.cells) {
@@ -231,14 +231,14 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   op = configure(s, tree(s, "MTB", {s->makeString("Buffer Size", "64 Bytes"), s->makeNumber("Watermark level", 32),
                                     s->makeBoolean("Stop at watermark", true),
                                     s->makeBoolean("Hierarchical Decode", false)}));
-  const std::string full = "channel CM0P 8 Stopped: buffer full";
+  const std::string full = "channel microbit/CM0P 8 Stopped: buffer full";
   const size_t fullBefore = rec.count(full);
-  ASSERT_EQ(simRun("CM0P", 5000), 0) << lastError();
-  ASSERT_EQ(waitHalted("CM0P", 20000), 0) << lastError();
+  ASSERT_EQ(simRun("microbit/CM0P", 5000), 0) << lastError();
+  ASSERT_EQ(waitHalted("microbit/CM0P", 20000), 0) << lastError();
   EXPECT_TRUE(rec.waitCount(full, fullBefore + 1));
   EXPECT_EQ(rec.count(full), fullBefore + 1);
   // Four packets: four runs at most (an exception return takes two).
-  rows = decode(foundry, server, "CM0P", "MTB", 100);
+  rows = decode(foundry, server, "microbit/CM0P", "MTB", 100);
   EXPECT_GE(rows.cells.size(), 2u);
   EXPECT_LE(rows.cells.size(), 4u);
   op->release();
@@ -250,9 +250,9 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
 TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   char error[Xevt::kErrorTextSize] = {};
   Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  Xevt::IOperationServer* main = session->getOperationServer("CM4", error, sizeof error);
-  Xevt::IOperationServer* sub = session->getSubOperationServer("CM4", error, sizeof error);
-  EXPECT_EQ(session->getSubOperationServer("CM0P", error, sizeof error), nullptr);
+  Xevt::IOperationServer* main = session->getOperationServer("mps2/CM4", error, sizeof error);
+  Xevt::IOperationServer* sub = session->getSubOperationServer("mps2/CM4", error, sizeof error);
+  EXPECT_EQ(session->getSubOperationServer("microbit/CM0P", error, sizeof error), nullptr);
   EXPECT_NE(std::string(error).find("no trace unit with sub-operations"), std::string::npos);
   sessions()->releaseSession(session);
   auto* op = configure(main, tree(main, "ETB", {main->makeString("Buffer Type", "Circular")}));
@@ -277,10 +277,10 @@ TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   Trace::IChannelServer* server = nullptr;
   foundry->CreateChannelServer(server, 1);
   server->RegisterForEvents(&rec);
-  simConnect("CM4");
-  ASSERT_EQ(simRun("CM4", 8000), 0) << lastError();
-  ASSERT_EQ(waitHalted("CM4", 20000), 0);
-  Rows rows = decode(foundry, server, "CM4", "ETB", 100);
+  simConnect("mps2/CM4");
+  ASSERT_EQ(simRun("mps2/CM4", 8000), 0) << lastError();
+  ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0);
+  Rows rows = decode(foundry, server, "mps2/CM4", "ETB", 100);
   ASSERT_EQ(rows.names[1], "Program Address");
   size_t instructions = 0, counted = 0;
   for (const auto& row : rows.cells) {
@@ -298,11 +298,11 @@ TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   // "End Trace" at the filter: the recording stops there by itself. The
   // stream ends with the last waypoint traced: the call into the filter.
   auto* endOp = action("End Trace", {{"Location", m4.address("filter_step")}});
-  ASSERT_EQ(simRun("CM4", 20000), 0) << lastError();
-  ASSERT_EQ(waitHalted("CM4", 20000), 0);
-  std::vector<std::string> events = rec.until("channel CM4 17 Stopped on trace trigger");
-  EXPECT_EQ(rec.count("channel CM4 17 Stopped on trace trigger"), 1u);
-  rows = decode(foundry, server, "CM4", "ETB", 1000);
+  ASSERT_EQ(simRun("mps2/CM4", 20000), 0) << lastError();
+  ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0);
+  std::vector<std::string> events = rec.until("channel mps2/CM4 17 Stopped on trace trigger");
+  EXPECT_EQ(rec.count("channel mps2/CM4 17 Stopped on trace trigger"), 1u);
+  rows = decode(foundry, server, "mps2/CM4", "ETB", 1000);
   ASSERT_FALSE(rows.cells.empty());
   std::string lastInstruction;
   for (const auto& row : rows.cells) lastInstruction = row[1].empty() ? lastInstruction : row[1];
@@ -329,8 +329,8 @@ TEST_P(OperationSettings, AreTakenOrRefusedWithAReason) {
   bool sub = c.receiver[0] == '\0';
   char error[Xevt::kErrorTextSize] = {};
   Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  std::string cpu = std::string(c.receiver) == "MTB" ? "CM0P" : "CM4";
-  Xevt::IOperationServer* s = sub ? session->getSubOperationServer("CM4", error, sizeof error)
+  std::string cpu = std::string(c.receiver) == "MTB" ? "microbit/CM0P" : "mps2/CM4";
+  Xevt::IOperationServer* s = sub ? session->getSubOperationServer("mps2/CM4", error, sizeof error)
                                   : session->getOperationServer(cpu.c_str(), error, sizeof error);
   sessions()->releaseSession(session);
   ASSERT_NE(s, nullptr) << error;
@@ -366,7 +366,7 @@ INSTANTIATE_TEST_SUITE_P(
                       SettingCase{"MTB", "Buffer Size", "7 Bytes", "Buffer Size '7 Bytes' is not a size"},
                       SettingCase{"MTB", "Trace Buffer Type", "Sideways", "Buffer type 'Sideways' is not known"},
                       SettingCase{"ETB", "Buffer Type", "One-shot", ""},
-                      SettingCase{"ITM", "Buffer Size", "32", "CPU CM4 has no ITM route"},
+                      SettingCase{"ITM", "Buffer Size", "32", "CPU mps2/CM4 has no ITM route"},
                       SettingCase{"", "Start Trace", "Location", ""},
                       SettingCase{"", "Start Trace", "Somewhere", "A trigger needs a Location"},
                       SettingCase{"", "Trace in Range", "Start Location", "needs a Start Location and an End Location"},

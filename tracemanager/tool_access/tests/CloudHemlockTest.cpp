@@ -157,8 +157,8 @@ TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   EXPECT_EQ(gate->getDevices(true, "", devices), -1);
   EXPECT_EQ(gate->getLastError(), "Debug session not available");
   bool connected = true;
-  EXPECT_EQ(gate->isTargetConnected("CM4", connected), -1);
-  EXPECT_EQ(gate->getLastError(), "Failed to obtain target adapter for: CM4");
+  EXPECT_EQ(gate->isTargetConnected("mps2/CM4", connected), -1);
+  EXPECT_EQ(gate->getLastError(), "Failed to obtain target adapter for: mps2/CM4");
 
   auto load = toolinstall::control<OstrandSim_LoadScenario_t>("OstrandSim_LoadScenario");
   ASSERT_NE(load, nullptr);
@@ -179,16 +179,16 @@ TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   EXPECT_EQ(devices, readJson(golden)) << devices.toStyledString();
   const Json::Value* program = CloudHemlock::findOutFileNode(devices[1]["device_info"]);
   ASSERT_NE(program, nullptr);
-  EXPECT_EQ((*program)["name"].asString(), "CM4");
+  EXPECT_EQ((*program)["name"].asString(), "mps2/CM4");
 
-  EXPECT_EQ(gate->isTargetConnected("CM4", connected), 0);
+  EXPECT_EQ(gate->isTargetConnected("mps2/CM4", connected), 0);
   EXPECT_FALSE(connected);
   auto connect = toolinstall::control<OstrandSim_Connect_t>("OstrandSim_Connect");
-  ASSERT_EQ(connect("CM4"), 0);
-  EXPECT_TRUE(eventually([&] { return gate->isTargetConnected("CM4", connected) == 0 && connected; }));
+  ASSERT_EQ(connect("mps2/CM4"), 0);
+  EXPECT_TRUE(eventually([&] { return gate->isTargetConnected("mps2/CM4", connected) == 0 && connected; }));
 
   Json::Value jstate;
-  ASSERT_EQ(gate->getJState("CM4", jstate), 0) << gate->getLastError();
+  ASSERT_EQ(gate->getJState("mps2/CM4", jstate), 0) << gate->getLastError();
   EXPECT_EQ(jstate["name"].asString(), "M4_STATES");
   EXPECT_EQ(jstate["version"].asInt(), 5);
   EXPECT_EQ(jstate["bitFields"][0]["Enums"][1]["Choice"].asString(), "CPU.Sleep");
@@ -205,7 +205,7 @@ TEST(CloudHemlockOnTheSimulation, OperationRecordsAndProperties) {
   std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
 
   uint32_t handle = 0;
-  ASSERT_EQ(gate->createTraceOperation(7, "CM4", handle, CloudHemlock::kLiveOperation), 0)
+  ASSERT_EQ(gate->createTraceOperation(7, "mps2/CM4", handle, CloudHemlock::kLiveOperation), 0)
       << gate->getLastError();
   Json::Value tree = readJson(std::string(OSTRAND_SOURCE_DIR) +
                               "/tracemanager/tool_access/tests/golden/etb_properties.json");

@@ -69,7 +69,7 @@ TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
   });
   std::thread raiser([&] {
     for (int i = 0; i < kEvents; ++i) {
-      CTraceApp::eventHandler()->OnChannelEvent("CM4", channelEvent(6));
+      CTraceApp::eventHandler()->OnChannelEvent("mps2/CM4", channelEvent(6));
     }
   });
   raiser.join();
@@ -84,7 +84,7 @@ TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
   }
   CloudHemlock::waitForChannelEvents();
   int before = stable.heard.load();
-  CTraceApp::eventHandler()->OnChannelEvent("CM4", channelEvent(6));
+  CTraceApp::eventHandler()->OnChannelEvent("mps2/CM4", channelEvent(6));
   EXPECT_EQ(stable.heard.load(), before);
 }
 
@@ -97,8 +97,8 @@ TEST_F(GateThreads, ToolEventsWhileCommandsRun) {
   std::atomic<bool> stop{false};
   std::thread driver([&] {
     while (!stop) {
-      connect("CM0P");
-      disconnect("CM0P");
+      connect("microbit/CM0P");
+      disconnect("microbit/CM0P");
     }
   });
   int answered = 0;
@@ -109,7 +109,7 @@ TEST_F(GateThreads, ToolEventsWhileCommandsRun) {
     bool connected = false;
     gate->getCpuNames(cpus);
     if (gate->getDevices(true, "", devices) == 0 && devices.size() == 2) ++answered;
-    gate->isTargetConnected("CM0P", connected);
+    gate->isTargetConnected("microbit/CM0P", connected);
   }
   stop = true;
   driver.join();

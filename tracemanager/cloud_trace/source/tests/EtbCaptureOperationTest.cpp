@@ -117,8 +117,8 @@ const std::string kOn = "Trace On", kIn = "Trace in Range", kStart = "Start Trac
 INSTANTIATE_TEST_SUITE_P(
     Matrix, EtbMatrixTest,
     ::testing::Values(
-        MatrixCase{"Nothing", "CM4", {}, {}, {kOn}, true, false, false},
-        MatrixCase{"ARange", "CM4", {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
+        MatrixCase{"Nothing", "mps2/CM4", {}, {}, {kOn}, true, false, false},
+        MatrixCase{"ARange", "mps2/CM4", {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
         MatrixCase{"ARangeOnTriggerFormCore",
                    "xDsby",
                    {{"main", "fir_step"}},
@@ -135,10 +135,10 @@ INSTANTIATE_TEST_SUITE_P(
                    true,
                    true,
                    false},
-        MatrixCase{"EndTriggerOnly", "CM4", {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
-        MatrixCase{"StartTrigger", "CM4", {}, {{"0x100", kStart}}, {kStart}, false, false, true},
+        MatrixCase{"EndTriggerOnly", "mps2/CM4", {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
+        MatrixCase{"StartTrigger", "mps2/CM4", {}, {{"0x100", kStart}}, {kStart}, false, false, true},
         MatrixCase{"RangeAndStart",
-                   "CM4",
+                   "mps2/CM4",
                    {{"a", "b"}},
                    {{"c", kStart}},
                    {kIn, kStart},
@@ -148,19 +148,19 @@ INSTANTIATE_TEST_SUITE_P(
         // A range with one end empty counts as a range use case, so the
         // trigger is looked for one use case later, but makes no tree.
         MatrixCase{"HalfRangeThenTrigger",
-                   "CM4",
+                   "mps2/CM4",
                    {{"a", ""}},
                    {{"c", kEnd}},
                    {kOn, kEnd},
                    true,
                    false,
                    true},
-        MatrixCase{"BlankTriggerIsEmpty", "CM4", {}, {{"   ", kEnd}}, {kOn}, true, false, false},
+        MatrixCase{"BlankTriggerIsEmpty", "mps2/CM4", {}, {{"   ", kEnd}}, {kOn}, true, false, false},
         MatrixCase{
-            "TriggerWithoutTypeMakesNoTree", "CM4", {}, {{"0x10", ""}}, {kOn}, true, false, true},
+            "TriggerWithoutTypeMakesNoTree", "mps2/CM4", {}, {{"0x10", ""}}, {kOn}, true, false, true},
         // Trace on, two ranges and two triggers: the fifth tree is not made.
         MatrixCase{"FourTreesAtMost",
-                   "CM4",
+                   "mps2/CM4",
                    {{"a", "b"}, {"c", "d"}},
                    {{"e", kEnd}, {"f", kEnd}},
                    {kOn, kIn, kIn, kEnd},
@@ -170,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
         // Two ranges at most: a third is left out, and the triggers after
         // it are still found.
         MatrixCase{"ThirdRangeLeftOut",
-                   "CM4",
+                   "mps2/CM4",
                    {{"a", "b"}, {"c", "d"}, {"e", "f"}},
                    {{"g", kStart}},
                    {kIn, kIn, kStart},
@@ -178,7 +178,7 @@ INSTANTIATE_TEST_SUITE_P(
                    true,
                    true},
         MatrixCase{"ThirdTriggerLeftOut",
-                   "CM4",
+                   "mps2/CM4",
                    {},
                    {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
                    {kOn, kEnd, kEnd},
@@ -189,8 +189,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachForm) {
   TempUserDir home;
-  Etb plain(0, nullptr, "CM4",
-            useCases("CM4", {{" main ", "fir_step"}}, {{"0x100", kEnd}}, "One-shot"), nullptr);
+  Etb plain(0, nullptr, "mps2/CM4",
+            useCases("mps2/CM4", {{" main ", "fir_step"}}, {{"0x100", kEnd}}, "One-shot"), nullptr);
   plain.configure(Json::Value(), nullptr);
   EXPECT_FALSE(plain.hasTriggerForm());
   const Json::Value& receiver = plain.getSettings()[0]["sub_properties"][0];
@@ -226,7 +226,7 @@ TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachForm) {
 
 TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeAndNoToolsNoOperation) {
   TempUserDir home;
-  Etb op(0, nullptr, "CM4", Json::Value(), nullptr);
+  Etb op(0, nullptr, "mps2/CM4", Json::Value(), nullptr);
   op.configure(Json::Value(), nullptr);
   EXPECT_EQ(actionsOf(op), std::vector<std::string>{kOn});
   EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["sub_properties"][0]["value"].asString(),
@@ -304,11 +304,11 @@ uint32_t nmAddress(const std::string& symbol) {
 const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/m4.elf";
 
 // The host's symbol and disassembly managers, as a debug host hands them in,
-// with the firmware the scenario runs on CM4.
+// with the firmware the scenario runs on mps2/CM4.
 class EtbSimTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    symbols().addProgram("CM4", kFirmware);
+    symbols().addProgram("mps2/CM4", kFirmware);
     QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
     QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
   }
@@ -331,7 +331,7 @@ class EtbSimTest : public ::testing::Test {
         reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
     auto connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
     ASSERT_EQ(load(""), 0);
-    ASSERT_EQ(connect("CM4"), 0);
+    ASSERT_EQ(connect("mps2/CM4"), 0);
     LocalOpManager::setInstallBase(kBase);
     // No configure: the manager holds the tools, and no trace server runs.
     manager = LocalOpManager::instance();
@@ -347,12 +347,12 @@ class EtbSimTest : public ::testing::Test {
       bool connected = false;
       {
         std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-        tools->isTargetConnected("CM4", connected);
+        tools->isTargetConnected("mps2/CM4", connected);
       }
       if (connected) return;
       std::this_thread::sleep_for(10ms);
     }
-    FAIL() << "CM4 never connected";
+    FAIL() << "mps2/CM4 never connected";
   }
   void TearDown() override {
     for (auto& c : connections) c.disconnect();
@@ -366,8 +366,8 @@ class EtbSimTest : public ::testing::Test {
   }
   std::unique_ptr<Etb> make(const std::vector<Range>& ranges,
                             const std::vector<Trigger>& triggers) {
-    auto op = std::make_unique<Etb>(static_cast<int32_t>(manager->getId()), tools, "CM4",
-                                    useCases("CM4", ranges, triggers), manager.get());
+    auto op = std::make_unique<Etb>(static_cast<int32_t>(manager->getId()), tools, "mps2/CM4",
+                                    useCases("mps2/CM4", ranges, triggers), manager.get());
     op->configure(Json::Value(), nullptr);
     return op;
   }
@@ -490,8 +490,8 @@ TEST_F(EtbSimTest, WithoutATraceServerTheCaptureDecodesIntoItsOwnStore) {
   op->onDataCollecting();
   auto run = reinterpret_cast<OstrandSim_Run_t>(dlsym(handle, "OstrandSim_Run"));
   auto wait = reinterpret_cast<OstrandSim_WaitHalted_t>(dlsym(handle, "OstrandSim_WaitHalted"));
-  ASSERT_EQ(run("CM4", 2000), 0);
-  ASSERT_EQ(wait("CM4", 20000), 0);
+  ASSERT_EQ(run("mps2/CM4", 2000), 0);
+  ASSERT_EQ(wait("mps2/CM4", 20000), 0);
   {
     std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
     tools->stopRecording(op->getOperationHandle());

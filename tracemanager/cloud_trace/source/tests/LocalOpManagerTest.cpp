@@ -48,8 +48,8 @@ class LocalOpManagerTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_NE(sim.handle, nullptr) << dlerror();
     ASSERT_EQ(sim.load(""), 0);
-    ASSERT_EQ(sim.connect("CM0P"), 0);
-    ASSERT_EQ(sim.connect("CM4"), 0);
+    ASSERT_EQ(sim.connect("microbit/CM0P"), 0);
+    ASSERT_EQ(sim.connect("mps2/CM4"), 0);
     LocalOpManager::setInstallBase(kBase);
     ::setenv("OSTRAND_TSP_PORT", std::to_string(freePort()).c_str(), 1);
     manager = LocalOpManager::instance();
@@ -60,8 +60,8 @@ class LocalOpManagerTest : public ::testing::Test {
                                      std::lock_guard<std::mutex> guard(eventsMutex);
                                      events.push_back(t + " " + e + " " + d);
                                    });
-    waitConnected("CM0P");
-    waitConnected("CM4");
+    waitConnected("microbit/CM0P");
+    waitConnected("mps2/CM4");
   }
   void TearDown() override {
     for (auto& c : connections) c.disconnect();
@@ -114,7 +114,7 @@ const char* const kStatusOff = R"({"showStatusMsg":false,"statusMsg":""})"
                                "\n";
 
 TEST_F(LocalOpManagerTest, ChannelEventDuringRunSetupIsHandledAfterRecording) {
-  configure("CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
+  configure("mps2/CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
   // The ETB status of the run setup's arming is raised while it holds
   // eventMutex; a stop that the tool reports right then must wait.
   std::atomic<bool> injected{false};
@@ -128,46 +128,46 @@ TEST_F(LocalOpManagerTest, ChannelEventDuringRunSetupIsHandledAfterRecording) {
                                    if (injected.exchange(true)) return;
                                    std::thread([&] {
                                      manager->deliverChannelEvent(
-                                         {"CM4", "traceChannelStoppedUserRequest", ""});
+                                         {"mps2/CM4", "traceChannelStoppedUserRequest", ""});
                                    }).join();
                                    EXPECT_EQ(manager->deferredCount(), 1u);
                                  });
   takeEvents();
-  EXPECT_EQ(manager->doRunSetup("CM4"), 0);
+  EXPECT_EQ(manager->doRunSetup("mps2/CM4"), 0);
   for (auto& c : inject) c.disconnect();
   ASSERT_TRUE(injected);
   EXPECT_EQ(manager->deferredCount(), 0u);
-  EXPECT_EQ(manager->captureState("CM4", kFeatureWattline), 0);  // Collecting, then Idle
+  EXPECT_EQ(manager->captureState("mps2/CM4", kFeatureWattline), 0);  // Collecting, then Idle
   std::vector<std::string> seen = takeEvents();
   ASSERT_GE(seen.size(), 4u);
   // ..., the ETB status, "Collecting data", "DataReady", status off.
-  EXPECT_EQ(seen[seen.size() - 3], std::string("CM4 Collecting ") + kStatusOn);
-  EXPECT_EQ(seen[seen.size() - 2], "CM4 DataReady UserRequest");
-  EXPECT_EQ(seen[seen.size() - 1], std::string("CM4 Collecting ") + kStatusOff);
+  EXPECT_EQ(seen[seen.size() - 3], std::string("mps2/CM4 Collecting ") + kStatusOn);
+  EXPECT_EQ(seen[seen.size() - 2], "mps2/CM4 DataReady UserRequest");
+  EXPECT_EQ(seen[seen.size() - 1], std::string("mps2/CM4 Collecting ") + kStatusOff);
   EXPECT_TRUE(fs::exists(home.data() + "/live-targets/CM4/Wattline/metadata"));
 }
 
 TEST_F(LocalOpManagerTest, SecondRunSetupDropsWhatTheLastRunQueued) {
-  configure("CM0P", R"({"Wattline":{"enable":true}})");
-  manager->doRunSetup("CM0P");
-  EXPECT_EQ(manager->captureState("CM0P", kFeatureWattline), 2);
+  configure("microbit/CM0P", R"({"Wattline":{"enable":true}})");
+  manager->doRunSetup("microbit/CM0P");
+  EXPECT_EQ(manager->captureState("microbit/CM0P", kFeatureWattline), 2);
   takeEvents();
   std::future<int32_t> setup;
   {
     std::lock_guard<std::mutex> running(manager->eventMutex);  // a run setup in progress
-    manager->deliverChannelEvent({"CM0P", "traceChannelStoppedFull", ""});
+    manager->deliverChannelEvent({"microbit/CM0P", "traceChannelStoppedFull", ""});
     EXPECT_EQ(manager->deferredCount(), 1u);
-    setup = std::async(std::launch::async, [&] { return manager->doRunSetup("CM0P"); });
+    setup = std::async(std::launch::async, [&] { return manager->doRunSetup("microbit/CM0P"); });
     std::this_thread::sleep_for(50ms);
   }
   EXPECT_EQ(setup.get(), 0);
   // The stop of the former run was dropped: the new capture collects.
-  EXPECT_EQ(manager->captureState("CM0P", kFeatureWattline), 2);
+  EXPECT_EQ(manager->captureState("microbit/CM0P", kFeatureWattline), 2);
   for (const auto& e : takeEvents()) EXPECT_EQ(e.find("DataReady"), std::string::npos) << e;
 }
 
 TEST_F(LocalOpManagerTest, HaltDuringEnableFeatureWaitsForTheNewCapture) {
-  configure("CM0P", R"({"Wattline":{"enable":false}})");
+  configure("microbit/CM0P", R"({"Wattline":{"enable":false}})");
   // A power capture that stops inside createHlOperation until released.
   struct Gated : LocalOpManager::WLCaptureOperation {
     using WLCaptureOperation::WLCaptureOperation;
@@ -199,11 +199,11 @@ TEST_F(LocalOpManagerTest, HaltDuringEnableFeatureWaitsForTheNewCapture) {
       });
   std::thread command([&] {
     std::lock_guard<std::mutex> guard(manager->commandMutex);
-    manager->enableWL("CM0P");
+    manager->enableWL("microbit/CM0P");
   });
   inside.get_future().wait();
   std::thread tool([&] {
-    manager->onTargetEvent("CM0P", 7);
+    manager->onTargetEvent("microbit/CM0P", 7);
     haltSawArmed = armed.load();  // the halt got in only after the arming ended
     haltDone = true;
   });
@@ -222,14 +222,14 @@ TEST_F(LocalOpManagerTest, HaltDuringEnableFeatureWaitsForTheNewCapture) {
 }
 
 TEST_F(LocalOpManagerTest, ToolEventsWhileCommandsRun) {
-  configure("CM0P", R"({"Wattline":{"enable":true}})");
-  configure("CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
+  configure("microbit/CM0P", R"({"Wattline":{"enable":true}})");
+  configure("mps2/CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
   std::atomic<bool> stop{false};
   std::thread tool([&] {
     const char* words[] = {"traceChannelRecording", "traceChannelStoppedUserRequest",
                            "traceChannelReading", "traceChannelStoppedFull"};
     for (int i = 0; !stop; ++i) {
-      const char* cpu = i % 2 ? "CM0P" : "CM4";
+      const char* cpu = i % 2 ? "microbit/CM0P" : "mps2/CM4";
       if (i % 7 == 0) manager->doRunSetup(cpu);
       manager->deliverChannelEvent({cpu, words[i % 4], ""});
       if (i % 5 == 0) manager->onTargetEvent(cpu, 7);
@@ -241,13 +241,13 @@ TEST_F(LocalOpManagerTest, ToolEventsWhileCommandsRun) {
     try {
       switch (i % 4) {
         case 0:
-          manager->enableWL("CM0P");
+          manager->enableWL("microbit/CM0P");
           break;
         case 1:
           manager->enableLiveTraces("");
           break;
         case 2:
-          manager->disableWL("CM4");
+          manager->disableWL("mps2/CM4");
           break;
         default:
           manager->disableLiveTraces("");
@@ -263,28 +263,28 @@ TEST_F(LocalOpManagerTest, ToolEventsWhileCommandsRun) {
 }
 
 TEST_F(LocalOpManagerTest, EmptyTargetArmsEveryConnectedTarget) {
-  configure("CM0P", R"({"Wattline":{"enable":true}})");
-  configure("CM4", R"({"Wattline":{"enable":true}})");
+  configure("microbit/CM0P", R"({"Wattline":{"enable":true}})");
+  configure("mps2/CM4", R"({"Wattline":{"enable":true}})");
   std::lock_guard<std::mutex> guard(manager->commandMutex);
   manager->enableLiveTraces("");
-  EXPECT_EQ(manager->captureState("CM0P", kFeatureWattline), 1);
-  EXPECT_EQ(manager->captureState("CM4", kFeatureWattline), 1);
-  manager->disableLiveTraces("CM4");
-  EXPECT_EQ(manager->captureState("CM4", kFeatureWattline), -1);
-  EXPECT_TRUE(manager->hasOperationEntry("CM4"));  // an empty entry stays
+  EXPECT_EQ(manager->captureState("microbit/CM0P", kFeatureWattline), 1);
+  EXPECT_EQ(manager->captureState("mps2/CM4", kFeatureWattline), 1);
+  manager->disableLiveTraces("mps2/CM4");
+  EXPECT_EQ(manager->captureState("mps2/CM4", kFeatureWattline), -1);
+  EXPECT_TRUE(manager->hasOperationEntry("mps2/CM4"));  // an empty entry stays
   // An instruction trace needs the host's symbol manager, which this test
   // does not hand in: the tool operation is made, then refused.
   EXPECT_THROW(
       {
         try {
-          manager->enableMTB("CM0P");
+          manager->enableMTB("microbit/CM0P");
         } catch (const std::runtime_error& e) {
           EXPECT_STREQ(e.what(), "Cannot enable MTB");
           throw;
         }
       },
       std::runtime_error);
-  EXPECT_EQ(manager->enableFeature("CM0P", kFeatureETB, false), -1);
+  EXPECT_EQ(manager->enableFeature("microbit/CM0P", kFeatureETB, false), -1);
 }
 
 }  // namespace

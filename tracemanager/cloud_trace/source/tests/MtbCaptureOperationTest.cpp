@@ -24,7 +24,7 @@ Json::Value parse(const std::string& text) {
 
 TEST(MtbSettingsTest, UserBufferSizeReplacesItsEntryInPlace) {
   TempUserDir home;
-  Mtb op(0, nullptr, "CM0P", Json::Value());
+  Mtb op(0, nullptr, "microbit/CM0P", Json::Value());
   op.configure(parse(R"([{"name":"Receiver Settings","sub_properties":[{"name":"Receiver",)"
                      R"("type":"String","value":"MTB","sub_properties":[)"
                      R"({"name":"Buffer Size","type":"String","value":"4 KB"}]}]}])"),
