@@ -32,7 +32,7 @@ using ostrand_test::matchesGolden;
 using ostrand_test::readFile;
 
 const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
-const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/m4.elf";
+const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/run_mps2.elf";
 
 // How many rows of the table and of the run list the golden files hold.
 const size_t kGoldenRows = 48;
@@ -155,7 +155,7 @@ std::vector<std::vector<std::string>> etbTableRows(httplib::Client& client) {
   if (!listed || listed->status != 200) return {};
   std::string uuid;
   for (const auto& experiment : json::parse(listed->body)) {
-    if (experiment.dump().find("/CM4/ETB") != std::string::npos) uuid = experiment.at("UUID");
+    if (experiment.dump().find("/mps2/CM4/ETB") != std::string::npos) uuid = experiment.at("UUID");
   }
   if (uuid.empty()) {
     ADD_FAILURE() << "no ETB experiment in " << listed->body;
@@ -213,7 +213,7 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
   // function, line and instruction in words. The golden file holds the
   // first rows (the source text depends on where the program runs).
   ASSERT_FALSE(rows.empty());
-  const uint32_t rangeStart = nmAddress("main"), rangeEnd = nmAddress("fir_step");
+  const uint32_t rangeStart = nmAddress("main"), rangeEnd = nmAddress("crc_update");
   std::ostringstream table;
   table << "rows: " << rows.size() << "\n";
   std::map<std::string, std::pair<std::string, std::string>> checked;
@@ -237,7 +237,7 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
 
   // The run rows of etb_data.json: where each run of the range began and
   // what it came from.
-  const std::string dir = home.path() + "/.QX-trace/data/live-targets/CM4/ETB";
+  const std::string dir = home.path() + "/.QX-trace/data/live-targets/mps2/CM4/ETB";
   Json::Value metadata, data;
   ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadata"), metadata)) << dir;
   EXPECT_EQ(metadata["typeId"].asString(), "ETB");
@@ -256,7 +256,7 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
   EXPECT_TRUE(matchesGolden(runs.str(), kGolden + "etb_capture_runs.expected"));
 
   // Functions and lines against the firmware's debug information.
-  auto [probe, ignored] = addr2line("e4");
+  auto [probe, ignored] = addr2line("bc");
   if (probe.empty()) GTEST_SKIP() << "arm-none-eabi-addr2line is not installed";
   for (const auto& [address, seen] : checked) {
     auto [function, place] = addr2line(address);

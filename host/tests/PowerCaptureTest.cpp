@@ -57,7 +57,7 @@ TEST(PowerCaptureTest, ShellTranscriptAndCaptureDirectory) {
 
   // The second run replaced the first; the session's end leaves the files:
   // the module's metadata beside the stream the power probe wrote.
-  const std::string dir = runner.dir() + "/.QX-trace/data/live-targets/CM0P/Wattline";
+  const std::string dir = runner.dir() + "/.QX-trace/data/live-targets/microbit/CM0P/Wattline";
   Json::Value metadata;
   ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadata"), metadata)) << dir;
   EXPECT_EQ(metadata["typeId"].asString(), "WL+");
@@ -105,7 +105,7 @@ TEST(PowerCaptureTest, MtbCaptureTranscriptAndDecodedBuffer) {
   EXPECT_TRUE(ostrand_test::matchesGolden(replaceAll(r.out, runner.dir(), "<home>"),
                                           kGolden + "mtb_capture.expected"));
 
-  const std::string dir = runner.dir() + "/.QX-trace/data/live-targets/CM0P/MTB";
+  const std::string dir = runner.dir() + "/.QX-trace/data/live-targets/microbit/CM0P/MTB";
   Json::Value metadata;
   ASSERT_TRUE(Json::Reader().parse(readFile(dir + "/metadata"), metadata)) << dir;
   EXPECT_EQ(metadata["typeId"].asString(), "MTB");

@@ -118,6 +118,6 @@ TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
 INSTANTIATE_TEST_SUITE_P(Sim, PowerProbe,
                          ::testing::Values(PowerCase{"microbit/CM0P", "run_microbit.elf", "\"M0PLUS_STATES\"", 2, true},
                                            PowerCase{"mps2/CM4", "run_mps2.elf", "\"M4_STATES\"", 1, false}),
-                         [](const auto& info) { return std::string(info.param.cpu); });
+                         [](const auto& info) { return std::filesystem::path(info.param.cpu).filename().string(); });
 
 }  // namespace

@@ -173,7 +173,7 @@ class SavedRuns : public RecordingTest, public ::testing::WithParamInterface<Sav
 
 TEST_P(SavedRuns, DecodeFromTheFileToTheLiveRows) {
   const SavedRun& run = GetParam();
-  const std::string tdf = runAndSave(run.cpu, run.instructions, std::string(run.cpu) + ".tdf");
+  const std::string tdf = runAndSave(run.cpu, run.instructions, fs::path(run.cpu).filename().string() + ".tdf");
   const Table liveRows = live(run.cpu, run.receiver);
   ASSERT_GT(liveRows.size(), 5u);
   int64_t clock = 0;
@@ -217,7 +217,7 @@ TEST_P(SavedRuns, DecodeFromTheFileToTheLiveRows) {
 INSTANTIATE_TEST_SUITE_P(BothCpus, SavedRuns,
                          ::testing::Values(SavedRun{"microbit/CM0P", "MTB", 3000, 16000000},
                                            SavedRun{"mps2/CM4", "ETB", 1500, 25000000}),
-                         [](const auto& info) { return std::string(info.param.cpu); });
+                         [](const auto& info) { return std::filesystem::path(info.param.cpu).filename().string(); });
 
 TEST_F(RecordingTest, SavingSaysWhyItCannot) {
   EXPECT_EQ(simSave("NOPE", path("a.tdf").c_str()), -1);

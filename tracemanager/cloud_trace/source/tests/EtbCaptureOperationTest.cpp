@@ -240,7 +240,7 @@ TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeAndNoToolsNoOperation) {
   EXPECT_FALSE(op.isCreated());
   op.exportMetaData();
   op.exportData();
-  const std::string dir = home.data() + "/live-targets/CM4/ETB";
+  const std::string dir = home.data() + "/live-targets/mps2/CM4/ETB";
   Json::Value metadata;
   Json::Reader().parse(readText(dir + "/metadata"), metadata);
   EXPECT_EQ(metadata["typeId"].asString(), "ETB");
@@ -500,7 +500,7 @@ TEST_F(EtbSimTest, WithoutATraceServerTheCaptureDecodesIntoItsOwnStore) {
   EXPECT_EQ(op->getState(), LocalOpManager::CaptureOperation::Idle);
   ASSERT_NE(op->ownRecordStore(), nullptr);
   EXPECT_GT(op->ownRecordStore()->size(), 0u);
-  const std::string dir = home.data() + "/live-targets/CM4/ETB";
+  const std::string dir = home.data() + "/live-targets/mps2/CM4/ETB";
   Json::Value data;
   ASSERT_TRUE(Json::Reader().parse(readText(dir + "/etb_data.json"), data));
   EXPECT_TRUE(data["data"].isArray());

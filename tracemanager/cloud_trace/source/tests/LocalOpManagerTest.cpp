@@ -144,7 +144,7 @@ TEST_F(LocalOpManagerTest, ChannelEventDuringRunSetupIsHandledAfterRecording) {
   EXPECT_EQ(seen[seen.size() - 3], std::string("mps2/CM4 Collecting ") + kStatusOn);
   EXPECT_EQ(seen[seen.size() - 2], "mps2/CM4 DataReady UserRequest");
   EXPECT_EQ(seen[seen.size() - 1], std::string("mps2/CM4 Collecting ") + kStatusOff);
-  EXPECT_TRUE(fs::exists(home.data() + "/live-targets/CM4/Wattline/metadata"));
+  EXPECT_TRUE(fs::exists(home.data() + "/live-targets/mps2/CM4/Wattline/metadata"));
 }
 
 TEST_F(LocalOpManagerTest, SecondRunSetupDropsWhatTheLastRunQueued) {
