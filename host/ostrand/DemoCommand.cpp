@@ -207,9 +207,9 @@ std::vector<Step> demoSteps(const std::string& tdfFile) {
         ":sleep 300", ":halt mps2/CM4", ready, done}},
       {"TDF session on a recording of the last microbit/CM0P run",
        {":save microbit/CM0P " + tdfFile,
-        configure("cloudTrace.configureTDFSession", "microbit/CM0P",
-                  R"({"microbit/CM0P":{"TDF":{"enable":true,"opProp":{"File":")" + tdfFile + R"("}}}})", 6),
-        ready}},
+        configure("cloudTrace.configureTDFSession", "file/CM0P-run",
+                  R"({"traceSession":{"TDF":{"enable":true,"opProp":{"File":")" + tdfFile + R"("}}}})", 6),
+        ready, done}},
   };
 }
 

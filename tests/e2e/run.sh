@@ -57,8 +57,11 @@ server_stop "$port"
 # every kind through the module, and keeps the module's server up.
 port=$(free_port)
 server_start "e2e (module's server)" "$data/demo.log" '^Viewer: ' 1200 "$build/bin/ostrand" demo --port "$port"
-# The experiments the captures make, by kind and name.
-node "$here/e2e.mjs" "http://localhost:$port" - mtb:_CoreTrace || status=$?
+# The experiments the captures make, by kind and name; the TDF capture by
+# its directory, which the demo names.
+demo_data=$(sed -n 's/^Captures go to //p' "$data/demo.log")
+node "$here/e2e.mjs" "http://localhost:$port" - mtb:CM0P_CoreTrace etb:CM4_CoreTrace wl:CM0P_WL \
+  "tdf:$demo_data/file-targets/file/CM0P-run/TDF" || status=$?
 if [ $status -ne 0 ]; then
   echo "e2e: what the demo printed:" >&2
   cat "$data/demo.log" >&2
