@@ -119,4 +119,23 @@ TEST(PowerCaptureTest, MtbCaptureTranscriptAndDecodedBuffer) {
   EXPECT_EQ(data.find("HardFault_Handler"), std::string::npos);
 }
 
+// The scripting commands on a real capture: configure, run, export to CSV.
+// The CSV's head names the firmware's functions, files and instructions.
+TEST(PowerCaptureTest, ScriptingExportWritesTheCaptureAsCsv) {
+  ostrand_test::ProgramRunner runner;
+  ProgramRun r = runner.run("shell --sim",
+                            replaceAll(readFile(kGolden + "scripting_export.jsonl"), "<home>", runner.dir()), "",
+                            "OSTRAND_TSP_PORT=" + std::to_string(freeLoopbackPort()));
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  const std::string csv = readFile(runner.dir() + "/mtb.csv");
+  std::string head;
+  for (size_t at = 0, lines = 0; at < csv.size() && lines < 8; ++lines) {
+    const size_t end = csv.find('\n', at);
+    head += csv.substr(at, end - at + 1);
+    at = end == std::string::npos ? csv.size() : end + 1;
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(replaceAll(r.out, runner.dir(), "<home>") + "--- mtb.csv\n" + head,
+                                          kGolden + "scripting_export.expected"));
+}
+
 }  // namespace
