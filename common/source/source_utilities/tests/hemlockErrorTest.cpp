@@ -16,15 +16,11 @@ TEST(hemlockErrorTest, DefaultsAndOutOfRangeSeverity) {
   EXPECT_EQ(e.GetSeverity(), Severity(2));
 }
 
-TEST(hemlockErrorTest, FirstTitleReadingFixesTheTitle) {
-  hemlockError e(Severity(4));
+TEST(hemlockErrorTest, TitleFixedAtFirstReadingAndPushedTextKeepsTheOlder) {
+  hemlockError e("a", Severity(4));
   EXPECT_STREQ(e.GetTitle(), "Fatal");
   e.SetSeverity(Severity(1));
   EXPECT_STREQ(e.GetTitle(), "Fatal");
-}
-
-TEST(hemlockErrorTest, PushTextKeepsTheOlderSentenceAsDetail) {
-  hemlockError e("a", Severity(2));
   e.PushText("b");
   EXPECT_STREQ(e.GetErrorText(), "b");
   EXPECT_STREQ(e.GetDetailedText(), "a");

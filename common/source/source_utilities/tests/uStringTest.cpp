@@ -38,13 +38,10 @@ TEST(uStringTest, SplitAtFirstDelimiter) {
 }
 
 TEST(uStringTest, ToNumberBases) {
-  EXPECT_EQ(uString::toNumber("0x1F"), 31u);
-  EXPECT_EQ(uString::toNumber("0X10"), 16u);
-  EXPECT_EQ(uString::toNumber("017"), 15u);
-  EXPECT_EQ(uString::toNumber("42"), 42u);
-  EXPECT_EQ(uString::toNumber("0x"), 0u);
-  EXPECT_EQ(uString::toNumber("0"), 0u);
-  EXPECT_EQ(uString::toNumber("0xFFFFFFFFFFFFFFFF"), 0xFFFFFFFFFFFFFFFFull);
+  for (auto [text, value] : std::initializer_list<std::pair<const char*, uint64_t>>{
+           {"0x1F", 31}, {"0X10", 16}, {"017", 15}, {"42", 42}, {"0x", 0}, {"0", 0},
+           {"0xFFFFFFFFFFFFFFFF", 0xFFFFFFFFFFFFFFFFull}})
+    EXPECT_EQ(uString::toNumber(text), value) << text;
   EXPECT_THAT([&] { uString::toNumber(""); },
               ThrowsMessage<uString::error>(StrEq("unable to convert empty string to numeric")));
   EXPECT_THROW(uString::toNumber(nullptr), uString::error);
