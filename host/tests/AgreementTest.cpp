@@ -108,7 +108,8 @@ TEST_P(AgreementTest, FunctionLineAndMnemonicMatchTheGnuTools) {
     std::snprintf(t, sizeof t, "%llx", (unsigned long long)i.address);
     return std::string(t);
   }() + "\n";
-  const std::string list = ::testing::TempDir() + "agreement_addresses.txt";
+  // One file per program: the programs run as tests of their own, side by side.
+  const std::string list = ::testing::TempDir() + "agreement_addresses_" + GetParam() + ".txt";
   std::ofstream(list) << addresses;
   std::istringstream answers(run("arm-none-eabi-addr2line -f -e " + elf + " < " + list));
 
