@@ -14,7 +14,10 @@ port="${OSTRAND_PORT:-1239}"
 
 bash scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$jobs" --target ostrand Ostrand
+# One target: `ostrand` depends on the module and the simulated tool
+# libraries. Naming them apart made make walk (and list) the shared
+# dependencies once per target.
+cmake --build build -j"$jobs" --target ostrand
 
 # The per-user tree goes to a temporary home, never the real one.
 home="$(mktemp -d -t ostrand-demo-XXXXXX)"

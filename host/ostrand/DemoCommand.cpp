@@ -224,11 +224,24 @@ bool serverAnswers(int port) {
 // Lists what the server offers, as a viewer sees it when it opens: it asks
 // for a scan of the live targets first (400 when the scan found nothing
 // new), then for the list.
-void printExperiments(int port) {
+// The TDF capture lies in the file-target tree, which that scan does not
+// reach; it is opened by hand, as a viewer opens a recording.
+void printExperiments(int port, const std::string& tdfCapture) {
   httplib::Client client("127.0.0.1", port);
   client.set_read_timeout(30, 0);
   client.Post("/tsp/api/experiments", R"({"parameters":{"name":"LiveTarget","traces":[]}})",
               "application/json");
+  Json::Value open, trace;
+  open["parameters"]["uri"] = tdfCapture;
+  open["parameters"]["name"] = "CM0P-run";
+  open["parameters"]["typeID"] = "TDF";
+  auto opened = client.Post("/tsp/api/traces", Json::FastWriter().write(open), "application/json");
+  if (opened && opened->status == 200 && Json::Reader().parse(opened->body, trace) && trace.isObject()) {
+    Json::Value experiment;
+    experiment["parameters"]["name"] = "CM0P-run";
+    experiment["parameters"]["traces"].append(trace["UUID"]);
+    client.Post("/tsp/api/experiments", Json::FastWriter().write(experiment), "application/json");
+  }
   auto result = client.Get("/tsp/api/experiments");
   Json::Value list;
   if (!result || result->status != 200 || !Json::Reader().parse(result->body, list) || !list.isArray()) {
@@ -287,7 +300,7 @@ int runCaptureDemo(const DemoOptions& options) {
     session.close(5);
     return exitCode == kExitOk ? kExitUnavailable : exitCode;
   }
-  printExperiments(port);
+  printExperiments(port, dir.path() + "/.QX-trace/data/file-targets/file/CM0P-run/TDF");
   std::printf("Viewer: open http://localhost:%d/ in a browser\n", port);
   std::printf("Trace Server Protocol: http://localhost:%d/tsp/api (Ctrl-C stops)\n", port);
   std::fflush(stdout);
