@@ -154,17 +154,35 @@ std::vector<T> SimWorld::snapshot(const std::vector<T>& list) const {
   return list;
 }
 
-template <typename T>
-bool SimWorld::listed(const std::vector<T>& list, T item) const {
-  std::lock_guard<std::mutex> guard(listenersMutex_);
-  return std::find(list.begin(), list.end(), item) != list.end();
+template <typename T, typename F>
+void SimWorld::deliver(const std::vector<T>& list, T item, F&& call) {
+  {
+    std::lock_guard<std::mutex> guard(listenersMutex_);
+    if (std::find(list.begin(), list.end(), item) == list.end()) return;
+    delivering_ = item;
+  }
+  struct Done {
+    SimWorld* world;
+    ~Done() {
+      {
+        std::lock_guard<std::mutex> guard(world->listenersMutex_);
+        world->delivering_ = nullptr;
+      }
+      world->deliveryDone_.notify_all();
+    }
+  } done{this};
+  call();
+}
+
+void SimWorld::waitUntilNotDelivering(std::unique_lock<std::mutex>& lock, const void* listener) {
+  if (std::this_thread::get_id() == eventThread_.get_id()) return;
+  deliveryDone_.wait(lock, [&] { return delivering_ != listener; });
 }
 
 void SimWorld::fireAdapter(bool added, const std::string& cpu) {
   post([this, added, cpu] {
     for (auto* l : snapshot(adapterListeners_)) {
-      if (!listed(adapterListeners_, l)) continue;
-      added ? l->adapterAdded(cpu.c_str()) : l->adapterRemoved(cpu.c_str());
+      deliver(adapterListeners_, l, [&] { added ? l->adapterAdded(cpu.c_str()) : l->adapterRemoved(cpu.c_str()); });
     }
   });
 }
@@ -172,7 +190,7 @@ void SimWorld::fireAdapter(bool added, const std::string& cpu) {
 void SimWorld::fireTargetState(const std::string& target, int32_t state) {
   post([this, target, state] {
     for (auto* l : snapshot(targetListeners_)) {
-      if (listed(targetListeners_, l)) l->OnTargetStateChanged(target.c_str(), state);
+      deliver(targetListeners_, l, [&] { l->OnTargetStateChanged(target.c_str(), state); });
     }
   });
 }
@@ -198,7 +216,7 @@ void SimWorld::fireChannel(const std::string& cpu, int32_t kind, const std::stri
 void SimWorld::fireCleanup() {
   post([this] {
     for (auto* c : snapshot(cleanups_)) {
-      if (listed(cleanups_, c)) c->cleanup();
+      deliver(cleanups_, c, [&] { c->cleanup(); });
     }
   });
 }
@@ -210,8 +228,9 @@ void SimWorld::addAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListene
   addOnce(adapterListeners_, l);
 }
 void SimWorld::removeAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListener* l) {
-  std::lock_guard<std::mutex> guard(listenersMutex_);
+  std::unique_lock<std::mutex> lock(listenersMutex_);
   removeAll(adapterListeners_, l);
+  waitUntilNotDelivering(lock, l);
 }
 void SimWorld::clearAdapterListeners() {
   std::lock_guard<std::mutex> guard(listenersMutex_);
@@ -222,8 +241,9 @@ void SimWorld::addTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l) {
   addOnce(targetListeners_, l);
 }
 void SimWorld::removeTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l) {
-  std::lock_guard<std::mutex> guard(listenersMutex_);
+  std::unique_lock<std::mutex> lock(listenersMutex_);
   removeAll(targetListeners_, l);
+  waitUntilNotDelivering(lock, l);
 }
 void SimWorld::clearTargetListeners() {
   std::lock_guard<std::mutex> guard(listenersMutex_);
@@ -233,6 +253,8 @@ void SimWorld::addCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c) {
   std::lock_guard<std::mutex> guard(listenersMutex_);
   addOnce(cleanups_, c);
 }
+// No wait here: a gate that removes its cleanup may hold the lock its own
+// cleanup() takes, and the cleanup registry promises nothing more.
 void SimWorld::removeCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c) {
   std::lock_guard<std::mutex> guard(listenersMutex_);
   removeAll(cleanups_, c);

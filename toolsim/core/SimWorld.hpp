@@ -155,11 +155,18 @@ class __attribute__((visibility("default"))) SimWorld {
   // Copy of a listener list, taken under listenersMutex_ (event thread).
   template <typename T>
   std::vector<T> snapshot(const std::vector<T>& list) const;
-  // Whether item is still in list, looked up under listenersMutex_.
-  template <typename T>
-  bool listed(const std::vector<T>& list, T item) const;
+  // Calls `call` if item is still in list, marked as the listener being
+  // delivered to while it runs (event thread).
+  template <typename T, typename F>
+  void deliver(const std::vector<T>& list, T item, F&& call);
+  // After a listener left its list: waits until no delivery to it is under
+  // way, so its owner may destroy it on return. From the event thread itself
+  // (a listener removing one inside a delivery) it does not wait.
+  void waitUntilNotDelivering(std::unique_lock<std::mutex>& lock, const void* listener);
 
   mutable std::mutex listenersMutex_;  // guards the listener lists and clients_ below
+  const void* delivering_ = nullptr;   // the listener being called now (guarded by listenersMutex_)
+  std::condition_variable deliveryDone_;
   std::vector<Qx::Nlv::Hemlock::PBATargetAdapterEventListener*> adapterListeners_;
   std::vector<Qx::Nlv::Trace::CTargetStateNotification*> targetListeners_;
   std::vector<Qx::Nlv::Hemlock::CleanupCallbackIF*> cleanups_;
