@@ -4,12 +4,9 @@
 // run rows of etb_data.json against golden files, and the functions and
 // lines of both against the firmware's debug information read by
 // arm-none-eabi-addr2line on its own.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <json/json.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +24,8 @@
 
 namespace {
 
+using ostrand_test::freeLoopbackPort;
+
 using json = nlohmann::json;
 using ostrand_test::matchesGolden;
 using ostrand_test::readFile;
@@ -37,17 +36,6 @@ const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmw
 // How many rows of the table and of the run list the golden files hold.
 const size_t kGoldenRows = 48;
 
-int freeLoopbackPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
 
 // What the shell printed, with what differs from run to run made fixed:
 // the temporary home and the operation handle of the enable reply.
