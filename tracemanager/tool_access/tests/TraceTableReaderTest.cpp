@@ -12,10 +12,8 @@
 #include <sstream>
 #include <variant>
 
+#include "HostKitApis.hpp"
 #include "TestSupport.hpp"
-#include "kit/CapstoneDisasmManager.hpp"
-#include "kit/ElfSymbolManager.hpp"
-#include "source_utilities/HostApis.hpp"
 #include "tool_access/CTRACE.hpp"
 #include "tool_access/InstructionTraceDecoder.hpp"
 #include "tool_access/TdfTableReader.hpp"
@@ -93,21 +91,9 @@ class TraceTableReaderTest : public ::testing::Test {
     // The firmware's debug information names its sources relative to the
     // repository root.
     std::filesystem::current_path(OSTRAND_SOURCE_DIR);
-    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
-    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
+    ostrand_test::HostKitApis::install();
   }
-  static void TearDownTestSuite() {
-    QX_NLV::setSymbolManagerApi(nullptr);
-    QX_NLV::setDisAsmManagerApi(nullptr);
-  }
-  static hostkit::ElfSymbolManager& symbols() {
-    static hostkit::ElfSymbolManager manager;
-    return manager;
-  }
-  static hostkit::CapstoneDisasmManager& disassembly() {
-    static hostkit::CapstoneDisasmManager manager;
-    return manager;
-  }
+  static void TearDownTestSuite() { ostrand_test::HostKitApis::uninstall(); }
 
   void SetUp() override { trace.decoder = &decoder; }
   void TearDown() override { trace.decoder = nullptr; }

@@ -15,15 +15,13 @@
 #include <thread>
 
 #include "CaptureTestDirs.hpp"
+#include "HostKitApis.hpp"
 #include "TestSupport.hpp"
 #include "cloud_trace/source/EtbCaptureOperation.hpp"
 #include "cloud_trace/source/LocalOpManager.hpp"
 #include "experiments/EtbRecordStore.hpp"
 #include "json_interface/WorkQueue.hpp"
-#include "kit/CapstoneDisasmManager.hpp"
-#include "kit/ElfSymbolManager.hpp"
 #include "sim/SimControl.hpp"
-#include "source_utilities/HostApis.hpp"
 #include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -234,22 +232,10 @@ const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmw
 class EtbSimTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    symbols().addProgram("mps2/CM4", kFirmware);
-    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
-    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
+    ostrand_test::HostKitApis::symbols().addProgram("mps2/CM4", kFirmware);
+    ostrand_test::HostKitApis::install();
   }
-  static void TearDownTestSuite() {
-    QX_NLV::setSymbolManagerApi(nullptr);
-    QX_NLV::setDisAsmManagerApi(nullptr);
-  }
-  static hostkit::ElfSymbolManager& symbols() {
-    static hostkit::ElfSymbolManager manager;
-    return manager;
-  }
-  static hostkit::CapstoneDisasmManager& disassembly() {
-    static hostkit::CapstoneDisasmManager manager;
-    return manager;
-  }
+  static void TearDownTestSuite() { ostrand_test::HostKitApis::uninstall(); }
   void SetUp() override {
     handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
     ASSERT_NE(handle, nullptr) << dlerror();
