@@ -3,33 +3,23 @@
 // reading of address texts, and on the simulated debug environment the
 // resolution of symbols, the failures of an address that reads as nothing,
 // and a capture decoded without a trace server.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <chrono>
-#include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
-#include "CaptureTestDirs.hpp"
 #include "HostKitApis.hpp"
+#include "SimManagerTest.hpp"
 #include "TestSupport.hpp"
 #include "cloud_trace/source/EtbCaptureOperation.hpp"
-#include "cloud_trace/source/LocalOpManager.hpp"
 #include "experiments/EtbRecordStore.hpp"
-#include "json_interface/WorkQueue.hpp"
-#include "sim/SimControl.hpp"
-#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
 
 using Etb = LocalOpManager::EtbCaptureOperation;
-using namespace std::chrono_literals;
 
 struct Range {
   std::string start, end;
@@ -223,59 +213,18 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---------------------------------------------------------------- on the simulation
 
-const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base/";
-
 const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/m4.elf";
 
 // The host's symbol and disassembly managers, as a debug host hands them in,
 // with the firmware the scenario runs on mps2/CM4.
-class EtbSimTest : public ::testing::Test {
+class EtbSimTest : public SimManagerTest {
  protected:
   static void SetUpTestSuite() {
     ostrand_test::HostKitApis::symbols().addProgram("mps2/CM4", kFirmware);
     ostrand_test::HostKitApis::install();
   }
   static void TearDownTestSuite() { ostrand_test::HostKitApis::uninstall(); }
-  void SetUp() override {
-    handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    auto load =
-        reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
-    auto connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
-    ASSERT_EQ(load(""), 0);
-    ASSERT_EQ(connect("mps2/CM4"), 0);
-    LocalOpManager::setInstallBase(kBase);
-    // No configure: the manager holds the tools, and no trace server runs.
-    manager = LocalOpManager::instance();
-    tools = manager->getTools();
-    ASSERT_NE(tools, nullptr);
-    connections = manager->connect(
-        nullptr, nullptr, nullptr,
-        [this](const std::string&, const std::string&, const std::string&, const std::string& d) {
-          std::lock_guard<std::mutex> guard(statusMutex);
-          statuses += d;
-        });
-    for (int i = 0; i < 200; ++i) {
-      bool connected = false;
-      {
-        std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-        tools->isTargetConnected("mps2/CM4", connected);
-      }
-      if (connected) return;
-      std::this_thread::sleep_for(10ms);
-    }
-    FAIL() << "mps2/CM4 never connected";
-  }
-  void TearDown() override {
-    for (auto& c : connections) c.disconnect();
-    if (manager) {
-      std::lock_guard<std::mutex> guard(manager->commandMutex);
-      manager->shutdown();
-    }
-    manager.reset();
-    WorkQueue::instance().drain();
-    if (handle != nullptr) dlclose(handle);
-  }
+  void SetUp() override { connectManager({"mps2/CM4"}); }
   std::unique_ptr<Etb> make(const std::vector<Range>& ranges,
                             const std::vector<Trigger>& triggers) {
     auto op = std::make_unique<Etb>(static_cast<int32_t>(manager->getId()), tools, "mps2/CM4",
@@ -284,17 +233,10 @@ class EtbSimTest : public ::testing::Test {
     return op;
   }
   std::string takeStatuses() {
-    std::lock_guard<std::mutex> guard(statusMutex);
-    return std::exchange(statuses, {});
+    std::string all;
+    for (const auto& e : takeEvents()) all += e + "\n";
+    return all;
   }
-
-  TempUserDir home;
-  void* handle = nullptr;
-  std::shared_ptr<LocalOpManager> manager;
-  CloudHemlock* tools = nullptr;
-  std::vector<boost::signals2::connection> connections;
-  std::mutex statusMutex;
-  std::string statuses;  // guarded by statusMutex
 };
 
 TEST_F(EtbSimTest, AddressesResolveAsSymbolsThenHexadecimalAndEveryTreeBecomesAnOperation) {
@@ -401,10 +343,8 @@ TEST_F(EtbSimTest, WithoutATraceServerTheCaptureDecodesIntoItsOwnStore) {
   op->createHlOperation();
   ASSERT_EQ(op->enable(true), 0);
   op->onDataCollecting();
-  auto run = reinterpret_cast<OstrandSim_Run_t>(dlsym(handle, "OstrandSim_Run"));
-  auto wait = reinterpret_cast<OstrandSim_WaitHalted_t>(dlsym(handle, "OstrandSim_WaitHalted"));
-  ASSERT_EQ(run("mps2/CM4", 2000), 0);
-  ASSERT_EQ(wait("mps2/CM4", 20000), 0);
+  ASSERT_EQ(sim<OstrandSim_Run_t>("OstrandSim_Run")("mps2/CM4", 2000), 0);
+  ASSERT_EQ(sim<OstrandSim_WaitHalted_t>("OstrandSim_WaitHalted")("mps2/CM4", 20000), 0);
   {
     std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
     tools->stopRecording(op->getOperationHandle());
