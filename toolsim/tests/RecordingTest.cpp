@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "SimTestSupport.hpp"
+#include "TestSupport.hpp"
 
 namespace {
 
@@ -20,15 +21,10 @@ class RecordingTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(loadScenario(""), 0) << lastError();
-    dir_ = fs::temp_directory_path() / ("toolsim-rec-" + std::to_string(getpid()));
-    fs::create_directories(dir_);
     foundry_ = createFoundry();
   }
-  void TearDown() override {
-    destroyFoundry(foundry_);
-    fs::remove_all(dir_);
-  }
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
+  void TearDown() override { destroyFoundry(foundry_); }
+  std::string path(const std::string& name) const { return dir_ / name; }
 
   // Runs a CPU of the default scenario and saves the run.
   std::string runAndSave(const char* cpu, uint64_t instructions, const std::string& file) {
@@ -79,7 +75,7 @@ class RecordingTest : public ::testing::Test {
     return rows;
   }
 
-  fs::path dir_;
+  ostrand_test::TempDir dir_{"toolsim-rec"};
   Trace::IChannelFoundry* foundry_ = nullptr;
 };
 
@@ -157,7 +153,7 @@ TEST_F(RecordingTest, SavingSaysWhyItCannot) {
 
 TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
   const std::string tdf = runAndSave("mps2/CM4", 500, "moved.tdf");
-  const fs::path elsewhere = dir_ / "elsewhere";
+  const fs::path elsewhere = path("elsewhere");
   fs::create_directories(elsewhere);
   fs::copy_file(std::string(OSTRAND_TOOL_DIR) + "/scenarios/firmware/run_mps2.elf", elsewhere / "run_mps2.elf");
   fs::rename(tdf, elsewhere / "moved.tdf");
