@@ -39,9 +39,8 @@ const size_t kGoldenRows = 48;
 
 // What the shell printed, with what differs from run to run made fixed:
 // the temporary home and the operation handle of the enable reply.
-std::string normalised(std::string text, const std::string& home) {
-  for (size_t at = 0; (at = text.find(home, at)) != std::string::npos;)
-    text.replace(at, home.size(), "<home>");
+std::string normalised(const std::string& output, const std::string& home) {
+  const std::string text = ostrand_test::replaceAll(output, home, "<home>");
   static const std::regex handle(R"re(\{"data":[0-9]+,"response":2\})re");
   return std::regex_replace(text, handle, R"({"data":"<handle>","response":2})");
 }

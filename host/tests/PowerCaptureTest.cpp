@@ -28,12 +28,7 @@ using ostrand_test::readFile;
 const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
 
 
-std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
+using ostrand_test::replaceAll;
 
 TEST(PowerCaptureTest, ShellTranscriptAndCaptureDirectory) {
   ostrand_test::ProgramRunner runner;

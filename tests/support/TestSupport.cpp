@@ -82,6 +82,12 @@ std::string sourcePath(const std::string& relative) {
   return ::testing::AssertionFailure() << goldenPath << " differs at its end";
 }
 
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+  return text;
+}
+
 std::string commandOutput(const std::string& command) {
   std::string out;
   FILE* pipe = ::popen(command.c_str(), "r");

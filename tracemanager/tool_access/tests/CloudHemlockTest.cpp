@@ -167,10 +167,8 @@ TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
 
   ASSERT_EQ(gate->getDevices(true, "", devices), 0) << gate->getLastError();
   // Program files are named from the install tree, wherever it lies.
-  std::string text = devices.toStyledString();
-  for (size_t at; (at = text.find(toolinstall::base())) != std::string::npos;) {
-    text.replace(at, toolinstall::base().size(), "<base>/");
-  }
+  const std::string text =
+      ostrand_test::replaceAll(devices.toStyledString(), toolinstall::base(), "<base>/");
   EXPECT_TRUE(ostrand_test::matchesGolden(
       text, ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/default_devices.json")));
   const Json::Value* program = CloudHemlock::findOutFileNode(devices[1]["device_info"]);
