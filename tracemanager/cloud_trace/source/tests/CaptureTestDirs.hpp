@@ -1,6 +1,8 @@
 // A temporary user directory per test (USERPROFILE points at it) and file
-// helpers, so nothing is ever written into a real home.
+// and JSON helpers, so nothing is ever written into a real home.
 #pragma once
+
+#include <json/json.h>
 
 #include <string>
 
@@ -18,3 +20,10 @@ inline void writeText(const std::string& path, const std::string& text) {
 }
 
 inline std::string readText(const std::string& path) { return ostrand_test::readFile(path); }
+
+// `text` as JSON; null when it is none.
+inline Json::Value parse(const std::string& text) {
+  Json::Value value;
+  Json::Reader().parse(text, value);
+  return value;
+}

@@ -175,8 +175,7 @@ TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeAndNoToolsNoOperation) {
   op.exportMetaData();
   op.exportData();
   const std::string dir = home.data() + "/live-targets/mps2/CM4/ETB";
-  Json::Value metadata;
-  Json::Reader().parse(readText(dir + "/metadata"), metadata);
+  const Json::Value metadata = parse(readText(dir + "/metadata"));
   EXPECT_EQ(metadata["typeId"].asString(), "ETB");
   EXPECT_EQ(metadata["dataFile"].asString(), "etb_data.json");
   EXPECT_EQ(readText(dir + "/etb_data.json"), "{}\n");

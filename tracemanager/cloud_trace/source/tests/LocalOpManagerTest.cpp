@@ -31,10 +31,8 @@ class LocalOpManagerTest : public SimManagerTest {
     return next++;
   }
   void configure(const std::string& target, const std::string& features) {
-    Json::Value config;
-    Json::Reader().parse("{\"" + target + "\":" + features + "}", config);
     std::lock_guard<std::mutex> guard(manager->commandMutex);
-    manager->configure(target, config);
+    manager->configure(target, parse("{\"" + target + "\":" + features + "}"));
   }
 };
 
