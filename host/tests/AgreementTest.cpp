@@ -11,6 +11,7 @@
 #include <map>
 #include <sstream>
 
+#include "TestSupport.hpp"
 #include "kit/CapstoneDisasmManager.hpp"
 #include "kit/ElfSymbolManager.hpp"
 #include "source_utilities/HostApis.hpp"
@@ -19,21 +20,12 @@
 
 namespace {
 
+using ostrand_test::commandOutput;
+
 const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/";
 
-std::string run(const std::string& command) {
-  std::string out;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return out;
-  char buffer[4096];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-  ::pclose(pipe);
-  return out;
-}
-
 bool haveTool(const char* tool) {
-  return run(std::string("command -v ") + tool + " 2>/dev/null").size() > 0;
+  return commandOutput(std::string("command -v ") + tool + " 2>/dev/null").size() > 0;
 }
 
 struct Instruction {
@@ -44,7 +36,7 @@ struct Instruction {
 // "  8e:\tbf30      \twfi" -> {0x8e, "wfi"}.
 std::vector<Instruction> objdumpInstructions(const std::string& elf) {
   std::vector<Instruction> out;
-  std::istringstream in(run("arm-none-eabi-objdump -d " + elf));
+  std::istringstream in(commandOutput("arm-none-eabi-objdump -d " + elf));
   std::string line;
   while (std::getline(in, line)) {
     // address ":" TAB opcode TAB mnemonic [operands]
@@ -111,7 +103,7 @@ TEST_P(AgreementTest, FunctionLineAndMnemonicMatchTheGnuTools) {
   // One file per program: the programs run as tests of their own, side by side.
   const std::string list = ::testing::TempDir() + "agreement_addresses_" + GetParam() + ".txt";
   std::ofstream(list) << addresses;
-  std::istringstream answers(run("arm-none-eabi-addr2line -f -e " + elf + " < " + list));
+  std::istringstream answers(commandOutput("arm-none-eabi-addr2line -f -e " + elf + " < " + list));
 
   auto info = ObjectFileInfo::create(elf);
   ASSERT_NE(info, nullptr);

@@ -4,12 +4,9 @@
 // run rows of etb_data.json against golden files, and the functions and
 // lines of both against the firmware's debug information read by
 // arm-none-eabi-addr2line on its own.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <json/json.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +24,8 @@
 
 namespace {
 
+using ostrand_test::freeLoopbackPort;
+
 using json = nlohmann::json;
 using ostrand_test::matchesGolden;
 using ostrand_test::readFile;
@@ -37,42 +36,11 @@ const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmw
 // How many rows of the table and of the run list the golden files hold.
 const size_t kGoldenRows = 48;
 
-// The symbol's address as the GNU tools read it from the firmware; 0 when
-// they are not installed.
-uint32_t nmAddress(const std::string& symbol) {
-  std::string command = "arm-none-eabi-nm '" + kFirmware + "' 2>/dev/null";
-  uint32_t found = 0;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char line[256];
-    unsigned value = 0;
-    char kind = 0;
-    char name[200];
-    while (std::fgets(line, sizeof line, pipe) != nullptr) {
-      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name)
-        found = value;
-    }
-    ::pclose(pipe);
-  }
-  return found;
-}
-
-int freeLoopbackPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
 
 // What the shell printed, with what differs from run to run made fixed:
 // the temporary home and the operation handle of the enable reply.
-std::string normalised(std::string text, const std::string& home) {
-  for (size_t at = 0; (at = text.find(home, at)) != std::string::npos;)
-    text.replace(at, home.size(), "<home>");
+std::string normalised(const std::string& output, const std::string& home) {
+  const std::string text = ostrand_test::replaceAll(output, home, "<home>");
   static const std::regex handle(R"re(\{"data":[0-9]+,"response":2\})re");
   return std::regex_replace(text, handle, R"({"data":"<handle>","response":2})");
 }
@@ -82,13 +50,7 @@ std::string normalised(std::string text, const std::string& home) {
 std::pair<std::string, std::string> addr2line(const std::string& hexAddress) {
   std::string command =
       "arm-none-eabi-addr2line -f -e '" + kFirmware + "' 0x" + hexAddress + " 2>/dev/null";
-  std::string out;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) out += buffer;
-    ::pclose(pipe);
-  }
-  std::istringstream lines(out);
+  std::istringstream lines(ostrand_test::commandOutput(command));
   std::string function, place;
   std::getline(lines, function);
   std::getline(lines, place);
@@ -213,7 +175,8 @@ TEST(EtbCaptureTest, ShellTranscriptTableAndDataFileAgreeWithTheFirmware) {
   // function, line and instruction in words. The golden file holds the
   // first rows (the source text depends on where the program runs).
   ASSERT_FALSE(rows.empty());
-  const uint32_t rangeStart = nmAddress("main"), rangeEnd = nmAddress("crc_update");
+  const uint32_t rangeStart = ostrand_test::nmAddress(kFirmware, "main"),
+                 rangeEnd = ostrand_test::nmAddress(kFirmware, "crc_update");
   std::ostringstream table;
   table << "rows: " << rows.size() << "\n";
   std::map<std::string, std::pair<std::string, std::string>> checked;

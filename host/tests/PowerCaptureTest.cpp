@@ -1,11 +1,8 @@
 // Captures through `ostrand shell --sim`, as a debug host drives them: the
 // replies and events against golden transcripts (the temporary home
 // normalised), and what each capture leaves on disk.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <httplib.h>
@@ -23,29 +20,15 @@
 
 namespace {
 
+using ostrand_test::freeLoopbackPort;
+
 using ostrand_test::ProgramRun;
 using ostrand_test::readFile;
 
 const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
 
-int freeLoopbackPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
 
-std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
+using ostrand_test::replaceAll;
 
 TEST(PowerCaptureTest, ShellTranscriptAndCaptureDirectory) {
   ostrand_test::ProgramRunner runner;

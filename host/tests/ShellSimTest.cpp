@@ -22,9 +22,8 @@ const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golde
 const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base";
 
 // The program paths of a scenario depend on where the tree is built.
-std::string portable(std::string text) {
-  for (size_t at; (at = text.find(kBase)) != std::string::npos;) text.replace(at, kBase.size(), "<base>");
-  return text;
+std::string portable(const std::string& text) {
+  return ostrand_test::replaceAll(text, kBase, "<base>");
 }
 
 class ShellSimTest : public ::testing::Test {

@@ -1,7 +1,9 @@
 #include "TestSupport.hpp"
 
+#include <stdio.h>
 #include <stdlib.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -78,6 +80,35 @@ std::string sourcePath(const std::string& relative) {
     }
   }
   return ::testing::AssertionFailure() << goldenPath << " differs at its end";
+}
+
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+std::string commandOutput(const std::string& command) {
+  std::string out;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buffer[4096];
+  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+  ::pclose(pipe);
+  return out;
+}
+
+uint32_t nmAddress(const std::string& elf, const std::string& symbol) {
+  std::istringstream lines(commandOutput("arm-none-eabi-nm '" + elf + "' 2>/dev/null"));
+  uint32_t found = 0;
+  for (std::string line; std::getline(lines, line);) {
+    unsigned value = 0;
+    char kind = 0;
+    char name[200];
+    if (std::sscanf(line.c_str(), "%x %c %199s", &value, &kind, name) == 3 && symbol == name)
+      found = value;
+  }
+  return found;
 }
 
 }  // namespace ostrand_test

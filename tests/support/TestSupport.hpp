@@ -57,5 +57,12 @@ std::string sourcePath(const std::string& relative);
 // Compares `actual` with the golden file at `goldenPath` (see the header
 // comment for the update mode); the failure names the first differing line.
 ::testing::AssertionResult matchesGolden(const std::string& actual, const std::string& goldenPath);
+// `text` with every `from` replaced by `to`, left to right.
+std::string replaceAll(std::string text, const std::string& from, const std::string& to);
+// What a shell command printed on its standard output; "" when it cannot run.
+std::string commandOutput(const std::string& command);
+// The address of `symbol` in `elf` as the GNU tools read it; 0 when they are
+// not installed or the symbol is not there.
+uint32_t nmAddress(const std::string& elf, const std::string& symbol);
 
 }  // namespace ostrand_test

@@ -3,111 +3,28 @@
 // the file session, opens it without a target. The file decoder's rows are
 // the live decoder's rows for the same run; damaged files are refused with
 // a message that names the file, never a crash.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <string>
-#include <vector>
 
-#include "hemlock/ToolEntryPoints.hpp"
-#include "hemlock/hemlockErrorIF.hpp"
-#include "sim/SimControl.hpp"
+#include "SimTestSupport.hpp"
+#include "TestSupport.hpp"
 
 namespace {
 
-using namespace Qx::Nlv;
+using namespace ostrand_sim_test;
 namespace fs = std::filesystem;
 
-template <typename F>
-F entry(const char* library, const char* name) {
-  void* handle = dlopen((std::string(OSTRAND_TOOL_DIR) + "/lib" + library + ".so").c_str(), RTLD_NOW);
-  return handle != nullptr ? reinterpret_cast<F>(dlsym(handle, name)) : nullptr;
-}
-
-const auto loadScenario = entry<OstrandSim_LoadScenario_t>("hemlock", "OstrandSim_LoadScenario");
-const auto lastError = entry<OstrandSim_LastError_t>("hemlock", "OstrandSim_LastError");
-const auto simRun = entry<OstrandSim_Run_t>("hemlock", "OstrandSim_Run");
-const auto waitHalted = entry<OstrandSim_WaitHalted_t>("hemlock", "OstrandSim_WaitHalted");
-const auto simConnect = entry<OstrandSim_Connect_t>("hemlock", "OstrandSim_Connect");
 const auto simSave = entry<OstrandSim_Save_t>("hemlock", "OstrandSim_Save");
-const auto sessions = entry<XEVT_GetSessionManager_t>("qx_xevt_session", "XEVT_GetSessionManager");
-const auto createFoundry = entry<CreateChannelFoundry_t>("ChannelFoundry", "CreateChannelFoundry");
 const auto destroyFoundry = entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry");
-
-using Table = std::vector<std::vector<std::string>>;  // column names first, "" for no value
-
-// Every row of a decoder, read as the module reads it: column model, then
-// blocks from seek position 0 and on from the last row.
-Table readAll(Trace::IDecoder* decoder) {
-  uint32_t count = 0, rowSize = 0;
-  decoder->getColumnCount(count);
-  std::vector<uint32_t> offsets, sizes;
-  std::vector<bool> strings;
-  Table out(1);
-  for (uint32_t i = 0; i < count; ++i) {
-    uint32_t id = 0, bits = 0, size = 0;
-    bool isString = false;
-    const char *name = nullptr, *t1 = nullptr, *t2 = nullptr;
-    decoder->getColumnInfo(i, id, bits, isString, name, t1, t2);
-    decoder->prepareColumn(i, isString);
-    decoder->bitsToBytes(bits, size);
-    out[0].push_back(name);
-    offsets.push_back(rowSize);
-    sizes.push_back(isString ? 6 : size);
-    strings.push_back(isString);
-    rowSize += sizes.back();
-  }
-  const uint32_t block = 500, validBytes = (count + 7) / 8;
-  std::vector<uint8_t> data(rowSize * block), valid(validBytes * block);
-  std::vector<Trace::TracePosition> positions(block);
-  for (uint32_t seek = Trace::kSeekStart;; seek = Trace::kSeekContinue) {
-    uint32_t rows = 0;
-    std::string text;
-    decoder->SeekRead(seek, 0, {}, block, rows, data.data(), positions.data(), valid.data(), text);
-    for (uint32_t r = 0; r < rows; ++r) {
-      std::vector<std::string> cells;
-      for (uint32_t c = 0; c < count; ++c) {
-        const uint8_t* cell = &data[r * rowSize + offsets[c]];
-        if ((valid[r * validBytes + c / 8] & (1u << (c % 8))) == 0) {
-          cells.emplace_back();
-        } else if (strings[c]) {
-          uint32_t at = 0;
-          uint16_t len = 0;
-          std::memcpy(&at, cell, 4);
-          std::memcpy(&len, cell + 4, 2);
-          cells.push_back(text.substr(at, len));
-        } else {
-          uint64_t v = 0;
-          std::memcpy(&v, cell, sizes[c]);
-          cells.push_back(std::to_string(v));
-        }
-      }
-      out.push_back(cells);
-    }
-    if (rows < block) break;
-  }
-  return out;
-}
 
 class RecordingTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(loadScenario(""), 0) << lastError();
-    dir_ = fs::temp_directory_path() / ("toolsim-rec-" + std::to_string(getpid()));
-    fs::create_directories(dir_);
     foundry_ = createFoundry();
   }
-  void TearDown() override {
-    destroyFoundry(foundry_);
-    fs::remove_all(dir_);
-  }
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
+  void TearDown() override { destroyFoundry(foundry_); }
+  std::string path(const std::string& name) const { return dir_ / name; }
 
   // Runs a CPU of the default scenario and saves the run.
   std::string runAndSave(const char* cpu, uint64_t instructions, const std::string& file) {
@@ -119,14 +36,14 @@ class RecordingTest : public ::testing::Test {
   }
 
   // The live decoder of a CPU's last run.
-  Table live(const char* cpu, const char* receiver) {
+  Rows live(const char* cpu, const char* receiver) {
     Trace::IChannelServer* server = nullptr;
     foundry_->CreateChannelServer(server, 1);
     Trace::IChannelDriver* driver = nullptr;
     EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
     Trace::IDecoder* decoder = nullptr;
     foundry_->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
-    Table rows = readAll(decoder);
+    Rows rows = readRows(decoder, 500);
     foundry_->DestroyDecoder(decoder);
     foundry_->DestroyChannelServer(server, 0);
     return rows;
@@ -134,11 +51,11 @@ class RecordingTest : public ::testing::Test {
 
   // The file decoder as the module drives it: file channel driver, file
   // decoder, LoadFile, LoadConfiguration; the clock from the configuration.
-  Table file(const std::string& tdf, const char* receiver, const char* program, int64_t* clockHz = nullptr) {
+  Rows file(const std::string& tdf, const char* receiver, const char* program, int64_t* clockHz = nullptr) {
     Trace::IFileChannelDriver* driver = nullptr;
     foundry_->CreateFileChannelDriver(driver);
     Trace::IDecoder* decoder = nullptr;
-    Table rows;
+    Rows rows;
     try {
       foundry_->CreateDecoder(driver, receiver, nullptr, program, decoder, tdf.c_str());
       Trace::IDeviceConfigManager* config = nullptr;
@@ -147,7 +64,7 @@ class RecordingTest : public ::testing::Test {
       config->LoadConfiguration(tdf.c_str(), 0);
       Trace::ConfigProperty clock;
       if (clockHz != nullptr && config->getProperty("Timing Clock Frequency", clock)) *clockHz = clock.integer;
-      rows = readAll(decoder);
+      rows = readRows(decoder, 500);
     } catch (...) {
       if (decoder != nullptr) foundry_->DestroyDecoder(decoder);
       foundry_->DestroyFileChannelDriver(driver);
@@ -158,7 +75,7 @@ class RecordingTest : public ::testing::Test {
     return rows;
   }
 
-  fs::path dir_;
+  ostrand_test::TempDir dir_{"toolsim-rec"};
   Trace::IChannelFoundry* foundry_ = nullptr;
 };
 
@@ -174,15 +91,16 @@ class SavedRuns : public RecordingTest, public ::testing::WithParamInterface<Sav
 TEST_P(SavedRuns, DecodeFromTheFileToTheLiveRows) {
   const SavedRun& run = GetParam();
   const std::string tdf = runAndSave(run.cpu, run.instructions, fs::path(run.cpu).filename().string() + ".tdf");
-  const Table liveRows = live(run.cpu, run.receiver);
-  ASSERT_GT(liveRows.size(), 5u);
+  const Rows liveRows = live(run.cpu, run.receiver);
+  ASSERT_GT(liveRows.cells.size(), 4u);
   int64_t clock = 0;
-  const Table fileRows = file(tdf, run.receiver, nullptr, &clock);
+  const Rows fileRows = file(tdf, run.receiver, nullptr, &clock);
   EXPECT_EQ(fileRows, liveRows);
   EXPECT_EQ(clock, run.clockHz);
-  const size_t status = std::find(liveRows[0].begin(), liveRows[0].end(), "Trace Status") - liveRows[0].begin();
-  ASSERT_LT(status, liveRows[0].size());
-  EXPECT_TRUE(std::any_of(liveRows.begin() + 1, liveRows.end(),
+  const auto& names = liveRows.names;
+  const size_t status = std::find(names.begin(), names.end(), "Trace Status") - names.begin();
+  ASSERT_LT(status, names.size());
+  EXPECT_TRUE(std::any_of(liveRows.cells.begin(), liveRows.cells.end(),
                           [&](const auto& row) { return !row[status].empty(); }));
 
   // A second run replaces the first: the file still holds the first.
@@ -235,7 +153,7 @@ TEST_F(RecordingTest, SavingSaysWhyItCannot) {
 
 TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
   const std::string tdf = runAndSave("mps2/CM4", 500, "moved.tdf");
-  const fs::path elsewhere = dir_ / "elsewhere";
+  const fs::path elsewhere = path("elsewhere");
   fs::create_directories(elsewhere);
   fs::copy_file(std::string(OSTRAND_TOOL_DIR) + "/scenarios/firmware/run_mps2.elf", elsewhere / "run_mps2.elf");
   fs::rename(tdf, elsewhere / "moved.tdf");
@@ -245,7 +163,7 @@ TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
   Xevt::ISession* session = sessions()->openFileSession((elsewhere / "moved.tdf").c_str(), error, sizeof error);
   ASSERT_NE(session, nullptr) << error;
   sessions()->releaseSession(session);
-  EXPECT_GT(file((elsewhere / "moved.tdf").string(), "ETB", (elsewhere / "run_mps2.elf").c_str()).size(), 5u);
+  EXPECT_GT(file((elsewhere / "moved.tdf").string(), "ETB", (elsewhere / "run_mps2.elf").c_str()).cells.size(), 4u);
 }
 
 // ---- damaged files ------------------------------------------------------------

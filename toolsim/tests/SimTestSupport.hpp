@@ -149,16 +149,12 @@ inline size_t qemuChildren() {
 struct Rows {
   std::vector<std::string> names;
   std::vector<std::vector<std::string>> cells;  // "" when a cell has no value
+  bool operator==(const Rows&) const = default;
 };
 
-// Reads every row of a CPU's live decoder the way the module does: the
-// column model first, then blocks from seek position 0, then 3.
-inline Rows decode(Trace::IChannelFoundry* foundry, Trace::IChannelServer* server, const char* cpu,
-            const char* receiver, uint32_t block) {
-  Trace::IChannelDriver* driver = nullptr;
-  EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
-  Trace::IDecoder* decoder = nullptr;
-  foundry->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
+// Every row of a decoder, read as the module reads it: the column model
+// first, then blocks of `block` rows from seek position 0 and on from the last.
+inline Rows readRows(Trace::IDecoder* decoder, uint32_t block) {
   Rows out;
   uint32_t count = 0, rowSize = 0;
   decoder->getColumnCount(count);
@@ -208,6 +204,17 @@ inline Rows decode(Trace::IChannelFoundry* foundry, Trace::IChannelServer* serve
     }
     if (rows < block) break;
   }
+  return out;
+}
+
+// The rows of a CPU's live decoder.
+inline Rows decode(Trace::IChannelFoundry* foundry, Trace::IChannelServer* server, const char* cpu,
+            const char* receiver, uint32_t block) {
+  Trace::IChannelDriver* driver = nullptr;
+  EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
+  Trace::IDecoder* decoder = nullptr;
+  foundry->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
+  Rows out = readRows(decoder, block);
   foundry->DestroyDecoder(decoder);
   return out;
 }

@@ -191,12 +191,10 @@ TEST_F(ObjectFileInfoTest, LoadFilesPairsStatusesByPositionWhateverTheReportOrde
     };
     ObjectFileInfo info(470, 14);
     auto results = info.loadFiles({"a.elf", "b.elf", "c.elf"});
-    ASSERT_EQ(results.size(), 3u);
-    EXPECT_EQ(results[0].path, "a.elf");
-    EXPECT_EQ(results[0].status, 0u);
-    EXPECT_EQ(results[1].path, "b.elf");
-    EXPECT_EQ(results[1].status, 7u);
-    EXPECT_EQ(results[2].status, 0u);
+    using Pairs = std::vector<std::pair<std::string, uint32_t>>;
+    Pairs got;
+    for (const auto& r : results) got.emplace_back(r.path, r.status);
+    EXPECT_EQ(got, (Pairs{{"a.elf", 0}, {"b.elf", 7}, {"c.elf", 0}}));
   }
 }
 
@@ -251,19 +249,14 @@ TEST_F(ObjectFileInfoTest, RangesAreHalfOpenAndTheCacheNeverGoesStale) {
   };
   auto info = ObjectFileInfo::create("x.elf");
   EXPECT_EQ(info->rangeCount(), 3u);  // the overlapping and the empty range are left out
-  uint32_t value = 77;
-  EXPECT_TRUE(info->lookupRange(0x11F, &value));
-  EXPECT_EQ(value, 1u);
-  EXPECT_TRUE(info->lookupRange(0x120, &value));  // the end of "a" is the start of "b"
-  EXPECT_EQ(value, 2u);
-  EXPECT_FALSE(info->lookupRange(0x140, &value));
-  EXPECT_EQ(value, 0u);
-  EXPECT_TRUE(info->lookupRange(0x20F, &value));
-  EXPECT_EQ(value, 5u);
-  EXPECT_FALSE(info->lookupRange(0x210, &value));
-  EXPECT_FALSE(info->lookupRange(0xFF, &value));
-  EXPECT_TRUE(info->lookupRange(0x100, &value));
-  EXPECT_EQ(value, 1u);
+  // Address, then the range number found (0: none); the end of "a" is the
+  // start of "b", and asking again after a miss finds "a" afresh.
+  for (auto [address, range] : {std::pair{0x11Fu, 1u}, {0x120u, 2u}, {0x140u, 0u}, {0x20Fu, 5u},
+                                {0x210u, 0u}, {0xFFu, 0u}, {0x100u, 1u}}) {
+    uint32_t value = 77;
+    EXPECT_EQ(info->lookupRange(address, &value), range != 0) << std::hex << address;
+    EXPECT_EQ(value, range) << std::hex << address;
+  }
 }
 
 }  // namespace

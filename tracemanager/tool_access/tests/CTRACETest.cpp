@@ -6,11 +6,11 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 
 #include "FakeDecoderLibrary.hpp"
 #include "TdfWriter.hpp"
+#include "TestSupport.hpp"
 #include "tool_access/CTraceApp.hpp"
 
 namespace fs = std::filesystem;
@@ -19,23 +19,14 @@ namespace {
 
 class CTRACETest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() / ("ctrace_" + std::to_string(::getpid()) + "_" +
-                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir);
-    CTraceApp::useFoundry(&foundry, nullptr);
-  }
-  void TearDown() override {
-    CTraceApp::useFoundry(nullptr, nullptr);
-    fs::remove_all(dir);
-  }
+  void SetUp() override { CTraceApp::useFoundry(&foundry, nullptr); }
+  void TearDown() override { CTraceApp::useFoundry(nullptr, nullptr); }
   std::string write(const std::string& name, const std::string& content) {
-    std::string path = (dir / name).string();
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
+    return home.writeText(name, content);
   }
 
-  fs::path dir;
+  ostrand_test::TempDir home{"ctrace"};
+  fs::path dir = home.path();
   fake::Foundry foundry;
 };
 
@@ -54,29 +45,30 @@ TEST_P(TdfHeaderCases, ReadsOrRefuses) {
   EXPECT_EQ(trace.readHeader(write("t.tdf", header.bytes())), GetParam().valid);
 }
 
+using H = HeaderCase;
+
 INSTANTIATE_TEST_SUITE_P(
     Bounds, TdfHeaderCases,
+    // clang-format off
     ::testing::Values(
-        HeaderCase{"Current", [](TdfHeader&) {}, true},
-        HeaderCase{"Older", [](TdfHeader& h) { h.current = false; }, true},
-        HeaderCase{"Version4", [](TdfHeader& h) { h.version = 4; }, true},
-        HeaderCase{"Version20", [](TdfHeader& h) { h.version = 20; }, true},
-        HeaderCase{"Version3", [](TdfHeader& h) { h.version = 3; }, false},
-        HeaderCase{"Version21", [](TdfHeader& h) { h.version = 21; }, false},
-        HeaderCase{"OlderVersion21", [](TdfHeader& h) { h.current = false; h.version = 21; },
-                   false},
-        HeaderCase{"HeaderSizeZero", [](TdfHeader& h) { h.headerSize = 0; }, false},
-        HeaderCase{"OlderFirstWordZero", [](TdfHeader& h) { h.current = false; h.headerSize = 0; },
-                   false},
-        HeaderCase{"WrongSignature", [](TdfHeader& h) { h.current = false; h.signature = "X"; },
-                   false},
-        HeaderCase{"SignatureInCurrentFormIsComponent",
-                   [](TdfHeader& h) { h.component = "TraceDataFile"; }, false},
-        HeaderCase{"WrongComponent", [](TdfHeader& h) { h.component = "TraceQx"; }, false},
-        HeaderCase{"String10239", [](TdfHeader& h) { h.sourcePaths.assign(10239, 's'); }, true},
-        HeaderCase{"String10240", [](TdfHeader& h) { h.sourcePaths.assign(10240, 's'); }, false},
-        HeaderCase{"EmptyCoff", [](TdfHeader& h) { h.coff.clear(); }, true},
-        HeaderCase{"NoClockForNonStm", [](TdfHeader& h) { h.clock = false; }, false}),
+        H{"Current", [](TdfHeader&) {}, true},
+        H{"Older", [](TdfHeader& h) { h.current = false; }, true},
+        H{"Version4", [](TdfHeader& h) { h.version = 4; }, true},
+        H{"Version20", [](TdfHeader& h) { h.version = 20; }, true},
+        H{"Version3", [](TdfHeader& h) { h.version = 3; }, false},
+        H{"Version21", [](TdfHeader& h) { h.version = 21; }, false},
+        H{"OlderVersion21", [](TdfHeader& h) { h.current = false; h.version = 21; }, false},
+        H{"HeaderSizeZero", [](TdfHeader& h) { h.headerSize = 0; }, false},
+        H{"OlderFirstWordZero", [](TdfHeader& h) { h.current = false; h.headerSize = 0; }, false},
+        H{"WrongSignature", [](TdfHeader& h) { h.current = false; h.signature = "X"; }, false},
+        H{"SignatureInCurrentFormIsComponent", [](TdfHeader& h) { h.component = "TraceDataFile"; },
+          false},
+        H{"WrongComponent", [](TdfHeader& h) { h.component = "TraceQx"; }, false},
+        H{"String10239", [](TdfHeader& h) { h.sourcePaths.assign(10239, 's'); }, true},
+        H{"String10240", [](TdfHeader& h) { h.sourcePaths.assign(10240, 's'); }, false},
+        H{"EmptyCoff", [](TdfHeader& h) { h.coff.clear(); }, true},
+        H{"NoClockForNonStm", [](TdfHeader& h) { h.clock = false; }, false}),
+    // clang-format on
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(CTRACETest, HeaderFieldsReachTheDecoderInputs) {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <thread>
 
+#include "TestSupport.hpp"
 #include "ToolInstall.hpp"
 #include "source_utilities/SourceUtilitiesError.hpp"
 
@@ -72,14 +73,13 @@ struct BrokenTree {
 class BrokenTrees : public ::testing::TestWithParam<BrokenTree> {};
 
 TEST_P(BrokenTrees, GateAnswer) {
-  fs::path dir = fs::temp_directory_path() / ("gate_" + std::to_string(getpid()) + GetParam().name);
-  std::string base = toolinstall::copyTree(dir);
+  ostrand_test::TempDir dir("gate");
+  std::string base = toolinstall::copyTree(dir.path());
   std::string removed = base + GetParam().removed;
   ASSERT_TRUE(fs::remove(removed)) << removed;
   std::string expected = GetParam().expected;
   if (size_t at = expected.find("{}"); at != std::string::npos) expected.replace(at, 2, removed);
   EXPECT_EQ(inChild([&] { return gateOn(base); }), expected);
-  fs::remove_all(dir);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -107,14 +107,13 @@ INSTANTIATE_TEST_SUITE_P(
 class MissingEntryPoint : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(MissingEntryPoint, AdapterRefused) {
-  fs::path dir = fs::temp_directory_path() / ("gate_" + std::to_string(getpid()) + GetParam());
-  std::string base = toolinstall::copyTree(dir);
+  ostrand_test::TempDir dir("gate");
+  std::string base = toolinstall::copyTree(dir.path());
   fs::copy_file(std::string(OSTRAND_FIXTURE_DIR) + "/" + GetParam() + "/libPBATargetAdapter.so",
                 base + "emulation/analysis/bin/libPBATargetAdapter.so",
                 fs::copy_options::overwrite_existing);
   EXPECT_EQ(inChild([&] { return gateOn(base); }),
             "Unable to load function from PbaTargetAdapter library");
-  fs::remove_all(dir);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachAdapterEntry, MissingEntryPoint,
@@ -167,16 +166,11 @@ TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   ASSERT_TRUE(eventually([&] { return gate->getCpuNames(cpus) == 0 && cpus.size() == 2; }));
 
   ASSERT_EQ(gate->getDevices(true, "", devices), 0) << gate->getLastError();
-  std::string golden = std::string(OSTRAND_SOURCE_DIR) +
-                       "/tracemanager/tool_access/tests/golden/default_devices.json";
   // Program files are named from the install tree, wherever it lies.
-  std::string text = devices.toStyledString();
-  for (size_t at; (at = text.find(toolinstall::base())) != std::string::npos;) {
-    text.replace(at, toolinstall::base().size(), "<base>/");
-  }
-  Json::Reader().parse(text, devices);
-  if (getenv("OSTRAND_UPDATE_GOLDEN") != nullptr) std::ofstream(golden) << text;
-  EXPECT_EQ(devices, readJson(golden)) << devices.toStyledString();
+  const std::string text =
+      ostrand_test::replaceAll(devices.toStyledString(), toolinstall::base(), "<base>/");
+  EXPECT_TRUE(ostrand_test::matchesGolden(
+      text, ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/default_devices.json")));
   const Json::Value* program = CloudHemlock::findOutFileNode(devices[1]["device_info"]);
   ASSERT_NE(program, nullptr);
   EXPECT_EQ((*program)["name"].asString(), "mps2/CM4");

@@ -12,14 +12,15 @@
 #include <sstream>
 #include <variant>
 
-#include "kit/CapstoneDisasmManager.hpp"
-#include "kit/ElfSymbolManager.hpp"
-#include "source_utilities/HostApis.hpp"
+#include "HostKitApis.hpp"
+#include "TestSupport.hpp"
 #include "tool_access/CTRACE.hpp"
 #include "tool_access/InstructionTraceDecoder.hpp"
 #include "tool_access/TdfTableReader.hpp"
 
 namespace {
+
+using ostrand_test::commandOutput;
 
 using namespace Qx::Nlv::Trace;
 using Cell = std::variant<uint64_t, std::string>;
@@ -90,21 +91,9 @@ class TraceTableReaderTest : public ::testing::Test {
     // The firmware's debug information names its sources relative to the
     // repository root.
     std::filesystem::current_path(OSTRAND_SOURCE_DIR);
-    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
-    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
+    ostrand_test::HostKitApis::install();
   }
-  static void TearDownTestSuite() {
-    QX_NLV::setSymbolManagerApi(nullptr);
-    QX_NLV::setDisAsmManagerApi(nullptr);
-  }
-  static hostkit::ElfSymbolManager& symbols() {
-    static hostkit::ElfSymbolManager manager;
-    return manager;
-  }
-  static hostkit::CapstoneDisasmManager& disassembly() {
-    static hostkit::CapstoneDisasmManager manager;
-    return manager;
-  }
+  static void TearDownTestSuite() { ostrand_test::HostKitApis::uninstall(); }
 
   void SetUp() override { trace.decoder = &decoder; }
   void TearDown() override { trace.decoder = nullptr; }
@@ -116,13 +105,9 @@ class TraceTableReaderTest : public ::testing::Test {
   }
 
   static void expectGolden(const Json::Value& document, const std::string& name) {
-    const std::string path = OSTRAND_SOURCE_DIR "/tracemanager/tool_access/tests/golden/" + name;
-    const std::string text = document.toStyledString();
-    if (getenv("OSTRAND_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text;
-    std::ifstream in(path);
-    std::stringstream expected;
-    expected << in.rdbuf();
-    EXPECT_EQ(text, expected.str()) << "golden file " << name;
+    EXPECT_TRUE(ostrand_test::matchesGolden(
+        document.toStyledString(),
+        ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/" + name)));
   }
 
   RowDecoder decoder;
@@ -341,16 +326,6 @@ TEST_F(TraceTableReaderTest, EtbRecordsGolden) {
   EXPECT_EQ(data["data"][1]["first"], "FFFFBAD1") << "no secure form in instruction trace";
 }
 
-std::string binutils(const std::string& command) {
-  std::string text;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return text;
-  char buffer[256];
-  while (fgets(buffer, sizeof buffer, pipe) != nullptr) text += buffer;
-  pclose(pipe);
-  return text;
-}
-
 // The readers' symbol answers agree with the GNU tools on the firmware.
 TEST_F(TraceTableReaderTest, SymbolsAgreeWithBinutils) {
   withProgram();
@@ -358,7 +333,7 @@ TEST_F(TraceTableReaderTest, SymbolsAgreeWithBinutils) {
     char hex[16];
     std::snprintf(hex, sizeof hex, "0x%x", address);
     std::istringstream answer(
-        binutils("arm-none-eabi-addr2line -f -e " + kFirmware + " " + hex + " 2>/dev/null"));
+        commandOutput("arm-none-eabi-addr2line -f -e " + kFirmware + " " + hex + " 2>/dev/null"));
     std::string function, place;
     std::getline(answer, function);
     std::getline(answer, place);

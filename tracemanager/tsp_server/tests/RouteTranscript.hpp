@@ -138,8 +138,8 @@ class RouteTranscript {
   }
 
   std::string expand(std::string text) const {
-    replaceAll(text, "{home}", tree_.root().string());
-    for (const auto& [name, id] : ids_) replaceAll(text, "{" + name + "}", id);
+    text = replaceAll(text, "{home}", tree_.root().string());
+    for (const auto& [name, id] : ids_) text = replaceAll(text, "{" + name + "}", id);
     return text;
   }
 
@@ -148,14 +148,9 @@ class RouteTranscript {
     std::vector<std::pair<std::string, std::string>> byLength(names_.begin(), names_.end());
     std::sort(byLength.begin(), byLength.end(),
               [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
-    for (const auto& [id, name] : byLength) replaceAll(text, id, "{" + name + "}");
-    replaceAll(text, tree_.root().string(), "{home}");
+    for (const auto& [id, name] : byLength) text = replaceAll(text, id, "{" + name + "}");
+    text = replaceAll(text, tree_.root().string(), "{home}");
     return text;
-  }
-
-  static void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-      text.replace(at, from.size(), to);
   }
 
   std::unique_ptr<httplib::Client> client_;

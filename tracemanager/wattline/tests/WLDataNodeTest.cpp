@@ -181,13 +181,8 @@ TEST(WLDataNodeIndex, IndexOfTimeAssumesEvenSpacing) {
   node.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
   node.decode();
   // step = (1900 - 1000) / 10 = 90 us; 1500 is 500 / 90 = 5.55 steps in.
-  for (auto [time, index] : {std::pair<uint64_t, uint64_t>{0, 0},
-                             {1000, 0},
-                             {1089, 0},
-                             {1090, 1},
-                             {1500, 5},
-                             {1900, 9},
-                             {std::numeric_limits<uint64_t>::max(), 9}})
+  for (auto [time, index] : {std::pair<uint64_t, uint64_t>{0, 0}, {1000, 0}, {1089, 0}, {1090, 1},
+                             {1500, 5}, {1900, 9}, {std::numeric_limits<uint64_t>::max(), 9}})
     EXPECT_EQ(node.indexOfTime(time), index) << time;
 
   StreamBuilder flat(0x08, 0);

@@ -18,12 +18,6 @@ using WL = LocalOpManager::WLCaptureOperation;
 
 namespace {
 
-Json::Value parse(const std::string& text) {
-  Json::Value value;
-  Json::Reader().parse(text, value);
-  return value;
-}
-
 // The receiver's own properties of a settings tree.
 const Json::Value& receiverList(const Json::Value& settings) {
   return settings[0]["sub_properties"][0]["sub_properties"];

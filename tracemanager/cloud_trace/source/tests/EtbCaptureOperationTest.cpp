@@ -3,34 +3,23 @@
 // reading of address texts, and on the simulated debug environment the
 // resolution of symbols, the failures of an address that reads as nothing,
 // and a capture decoded without a trace server.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <chrono>
-#include <cstdio>
 #include <filesystem>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
-#include "CaptureTestDirs.hpp"
+#include "HostKitApis.hpp"
+#include "SimManagerTest.hpp"
+#include "TestSupport.hpp"
 #include "cloud_trace/source/EtbCaptureOperation.hpp"
-#include "cloud_trace/source/LocalOpManager.hpp"
 #include "experiments/EtbRecordStore.hpp"
-#include "json_interface/WorkQueue.hpp"
-#include "kit/CapstoneDisasmManager.hpp"
-#include "kit/ElfSymbolManager.hpp"
-#include "sim/SimControl.hpp"
-#include "source_utilities/HostApis.hpp"
-#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
 
 using Etb = LocalOpManager::EtbCaptureOperation;
-using namespace std::chrono_literals;
 
 struct Range {
   std::string start, end;
@@ -111,117 +100,62 @@ TEST_P(EtbMatrixTest, UseCasesGiveTheseSubOperationsInOrder) {
   EXPECT_EQ(e.startStopValid, c.startStop);
 }
 
+using M = MatrixCase;
+const std::string kM4 = "mps2/CM4";
 const std::string kOn = "Trace On", kIn = "Trace in Range", kStart = "Start Trace",
                   kEnd = "End Trace";
 
+// Columns: name, target, ranges, triggers, the sub-operations' actions, and
+// whether trace on, a range and start/stop evaluate as valid.
 INSTANTIATE_TEST_SUITE_P(
     Matrix, EtbMatrixTest,
+    // clang-format off
     ::testing::Values(
-        MatrixCase{"Nothing", "mps2/CM4", {}, {}, {kOn}, true, false, false},
-        MatrixCase{"ARange", "mps2/CM4", {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
-        MatrixCase{"ARangeOnTriggerFormCore",
-                   "xDsby",
-                   {{"main", "fir_step"}},
-                   {},
-                   {kIn},
-                   false,
-                   true,
-                   false},
-        MatrixCase{"CaseMattersInTheCoreName",
-                   "xdsby",
-                   {{"main", "fir_step"}},
-                   {},
-                   {kOn, kIn},
-                   true,
-                   true,
-                   false},
-        MatrixCase{"EndTriggerOnly", "mps2/CM4", {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
-        MatrixCase{"StartTrigger", "mps2/CM4", {}, {{"0x100", kStart}}, {kStart}, false, false, true},
-        MatrixCase{"RangeAndStart",
-                   "mps2/CM4",
-                   {{"a", "b"}},
-                   {{"c", kStart}},
-                   {kIn, kStart},
-                   false,
-                   true,
-                   true},
+        M{"Nothing", kM4, {}, {}, {kOn}, true, false, false},
+        M{"ARange", kM4, {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
+        M{"ARangeOnTriggerFormCore", "xDsby", {{"a", "b"}}, {}, {kIn}, false, true, false},
+        M{"CaseMattersInTheCoreName", "xdsby", {{"a", "b"}}, {}, {kOn, kIn}, true, true, false},
+        M{"EndTriggerOnly", kM4, {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
+        M{"StartTrigger", kM4, {}, {{"0x100", kStart}}, {kStart}, false, false, true},
+        M{"RangeAndStart", kM4, {{"a", "b"}}, {{"c", kStart}}, {kIn, kStart}, false, true, true},
         // A range with one end empty counts as a range use case, so the
         // trigger is looked for one use case later, but makes no tree.
-        MatrixCase{"HalfRangeThenTrigger",
-                   "mps2/CM4",
-                   {{"a", ""}},
-                   {{"c", kEnd}},
-                   {kOn, kEnd},
-                   true,
-                   false,
-                   true},
-        MatrixCase{"BlankTriggerIsEmpty", "mps2/CM4", {}, {{"   ", kEnd}}, {kOn}, true, false, false},
-        MatrixCase{
-            "TriggerWithoutTypeMakesNoTree", "mps2/CM4", {}, {{"0x10", ""}}, {kOn}, true, false, true},
+        M{"HalfRangeThenTrigger", kM4, {{"a", ""}}, {{"c", kEnd}}, {kOn, kEnd}, true, false, true},
+        M{"BlankTriggerIsEmpty", kM4, {}, {{"   ", kEnd}}, {kOn}, true, false, false},
+        M{"TriggerWithoutTypeMakesNoTree", kM4, {}, {{"0x10", ""}}, {kOn}, true, false, true},
         // Trace on, two ranges and two triggers: the fifth tree is not made.
-        MatrixCase{"FourTreesAtMost",
-                   "mps2/CM4",
-                   {{"a", "b"}, {"c", "d"}},
-                   {{"e", kEnd}, {"f", kEnd}},
-                   {kOn, kIn, kIn, kEnd},
-                   true,
-                   true,
-                   true},
+        M{"FourTreesAtMost", kM4, {{"a", "b"}, {"c", "d"}}, {{"e", kEnd}, {"f", kEnd}},
+          {kOn, kIn, kIn, kEnd}, true, true, true},
         // Two ranges at most: a third is left out, and the triggers after
         // it are still found.
-        MatrixCase{"ThirdRangeLeftOut",
-                   "mps2/CM4",
-                   {{"a", "b"}, {"c", "d"}, {"e", "f"}},
-                   {{"g", kStart}},
-                   {kIn, kIn, kStart},
-                   false,
-                   true,
-                   true},
-        MatrixCase{"ThirdTriggerLeftOut",
-                   "mps2/CM4",
-                   {},
-                   {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
-                   {kOn, kEnd, kEnd},
-                   true,
-                   false,
-                   true}),
+        M{"ThirdRangeLeftOut", kM4, {{"a", "b"}, {"c", "d"}, {"e", "f"}}, {{"g", kStart}},
+          {kIn, kIn, kStart}, false, true, true},
+        M{"ThirdTriggerLeftOut", kM4, {}, {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
+          {kOn, kEnd, kEnd}, true, false, true}),
+    // clang-format on
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachForm) {
+// The settings tree and every sub-operation tree, of a plain core (one-shot
+// buffer, trace on, a range, an end trigger) and of a trigger-form core.
+TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachFormGolden) {
   TempUserDir home;
   Etb plain(0, nullptr, "mps2/CM4",
             useCases("mps2/CM4", {{" main ", "fir_step"}}, {{"0x100", kEnd}}, "One-shot"), nullptr);
-  plain.configure(Json::Value(), nullptr);
-  EXPECT_FALSE(plain.hasTriggerForm());
-  const Json::Value& receiver = plain.getSettings()[0]["sub_properties"][0];
-  EXPECT_EQ(receiver["value"].asString(), "ETB");
-  ASSERT_EQ(receiver["sub_properties"].size(), 2u);
-  EXPECT_EQ(receiver["sub_properties"][0]["value"].asString(), "One-shot");
-  EXPECT_TRUE(receiver["sub_properties"][1]["value"].asBool());
-
-  const Json::Value& on = plain.getSubOperationProps(0)[0]["sub_properties"];
-  EXPECT_EQ(on[1]["name"].asString(), "Triggers");
-  EXPECT_EQ(on[2]["sub_properties"][1]["name"].asString(), "Timing Stamp");
-  const Json::Value& range = plain.getSubOperationProps(1)[0]["sub_properties"];
-  EXPECT_EQ(range[0]["value"].asString(), "Standard");
-  EXPECT_EQ(range[1]["sub_properties"][0]["name"].asString(), "Start Location");
-  EXPECT_EQ(range[1]["sub_properties"][1]["type"].asString(), "Location");
-  EXPECT_EQ(range[1]["sub_properties"][1]["value"]["page"].asInt(), 0);
-  const Json::Value& trigger = plain.getSubOperationProps(2)[0]["sub_properties"];
-  EXPECT_EQ(trigger[1]["sub_properties"][0]["name"].asString(), "Location");
-  EXPECT_EQ(trigger[2]["value"].asString(), "(Select data to trace)");
-
   Etb dsc(0, nullptr, "cpu_Dsc", useCases("cpu_Dsc", {}, {{"0x100", kEnd}}), nullptr);
-  dsc.configure(Json::Value(), nullptr);
-  ASSERT_EQ(dsc.getSubOperationCount(), 2u);
-  const Json::Value& form = dsc.getSubOperationProps(1)[0]["sub_properties"];
-  const Json::Value& pc = form[1]["sub_properties"][0];
-  EXPECT_EQ(pc["name"].asString(), "Trigger Type");
-  EXPECT_EQ(pc["value"].asString(), "PC");
-  EXPECT_EQ(pc["sub_properties"][0]["value"].asString(), "Point");
-  EXPECT_EQ(pc["sub_properties"][0]["sub_properties"][0]["type"].asString(), "Location");
-  EXPECT_EQ(pc["sub_properties"][1]["name"].asString(), "Trigger Skip/Delay");
-  EXPECT_EQ(form[2]["value"].asString(), "(Select data to end)");
+  Json::Value document;
+  for (Etb* op : {&plain, &dsc}) {
+    op->configure(Json::Value(), nullptr);
+    Json::Value& entry = document.append(Json::Value(Json::objectValue));
+    entry["settings"] = op->getSettings();
+    for (uint32_t i = 0; i < op->getSubOperationCount(); ++i)
+      entry["subOperations"].append(op->getSubOperationProps(i));
+  }
+  EXPECT_FALSE(plain.hasTriggerForm());
+  EXPECT_EQ(plain.getSubOperationCount(), 3u);
+  EXPECT_EQ(dsc.getSubOperationCount(), 2u);
+  EXPECT_TRUE(ostrand_test::matchesGolden(
+      document.toStyledString(),
+      ostrand_test::sourcePath("tracemanager/cloud_trace/source/tests/golden/etb_trees.json")));
 }
 
 TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeAndNoToolsNoOperation) {
@@ -241,8 +175,7 @@ TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeAndNoToolsNoOperation) {
   op.exportMetaData();
   op.exportData();
   const std::string dir = home.data() + "/live-targets/mps2/CM4/ETB";
-  Json::Value metadata;
-  Json::Reader().parse(readText(dir + "/metadata"), metadata);
+  const Json::Value metadata = parse(readText(dir + "/metadata"));
   EXPECT_EQ(metadata["typeId"].asString(), "ETB");
   EXPECT_EQ(metadata["dataFile"].asString(), "etb_data.json");
   EXPECT_EQ(readText(dir + "/etb_data.json"), "{}\n");
@@ -279,91 +212,18 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---------------------------------------------------------------- on the simulation
 
-const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base/";
-
-// The symbol's address as the GNU tools read it from the firmware; 0 when
-// they are not installed.
-uint32_t nmAddress(const std::string& symbol) {
-  std::string command = "arm-none-eabi-nm '" + std::string(OSTRAND_SOURCE_DIR) +
-                        "/testdata/firmware/m4.elf' 2>/dev/null";
-  uint32_t found = 0;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char line[256];
-    unsigned value = 0;
-    char kind = 0;
-    char name[200];
-    while (std::fgets(line, sizeof line, pipe) != nullptr) {
-      if (std::sscanf(line, "%x %c %199s", &value, &kind, name) == 3 && symbol == name)
-        found = value;
-    }
-    ::pclose(pipe);
-  }
-  return found;
-}
-
 const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/m4.elf";
 
 // The host's symbol and disassembly managers, as a debug host hands them in,
 // with the firmware the scenario runs on mps2/CM4.
-class EtbSimTest : public ::testing::Test {
+class EtbSimTest : public SimManagerTest {
  protected:
   static void SetUpTestSuite() {
-    symbols().addProgram("mps2/CM4", kFirmware);
-    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols()));
-    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly()));
+    ostrand_test::HostKitApis::symbols().addProgram("mps2/CM4", kFirmware);
+    ostrand_test::HostKitApis::install();
   }
-  static void TearDownTestSuite() {
-    QX_NLV::setSymbolManagerApi(nullptr);
-    QX_NLV::setDisAsmManagerApi(nullptr);
-  }
-  static hostkit::ElfSymbolManager& symbols() {
-    static hostkit::ElfSymbolManager manager;
-    return manager;
-  }
-  static hostkit::CapstoneDisasmManager& disassembly() {
-    static hostkit::CapstoneDisasmManager manager;
-    return manager;
-  }
-  void SetUp() override {
-    handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    auto load =
-        reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
-    auto connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
-    ASSERT_EQ(load(""), 0);
-    ASSERT_EQ(connect("mps2/CM4"), 0);
-    LocalOpManager::setInstallBase(kBase);
-    // No configure: the manager holds the tools, and no trace server runs.
-    manager = LocalOpManager::instance();
-    tools = manager->getTools();
-    ASSERT_NE(tools, nullptr);
-    connections = manager->connect(
-        nullptr, nullptr, nullptr,
-        [this](const std::string&, const std::string&, const std::string&, const std::string& d) {
-          std::lock_guard<std::mutex> guard(statusMutex);
-          statuses += d;
-        });
-    for (int i = 0; i < 200; ++i) {
-      bool connected = false;
-      {
-        std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
-        tools->isTargetConnected("mps2/CM4", connected);
-      }
-      if (connected) return;
-      std::this_thread::sleep_for(10ms);
-    }
-    FAIL() << "mps2/CM4 never connected";
-  }
-  void TearDown() override {
-    for (auto& c : connections) c.disconnect();
-    if (manager) {
-      std::lock_guard<std::mutex> guard(manager->commandMutex);
-      manager->shutdown();
-    }
-    manager.reset();
-    WorkQueue::instance().drain();
-    if (handle != nullptr) dlclose(handle);
-  }
+  static void TearDownTestSuite() { ostrand_test::HostKitApis::uninstall(); }
+  void SetUp() override { connectManager({"mps2/CM4"}); }
   std::unique_ptr<Etb> make(const std::vector<Range>& ranges,
                             const std::vector<Trigger>& triggers) {
     auto op = std::make_unique<Etb>(static_cast<int32_t>(manager->getId()), tools, "mps2/CM4",
@@ -372,17 +232,10 @@ class EtbSimTest : public ::testing::Test {
     return op;
   }
   std::string takeStatuses() {
-    std::lock_guard<std::mutex> guard(statusMutex);
-    return std::exchange(statuses, {});
+    std::string all;
+    for (const auto& e : takeEvents()) all += e + "\n";
+    return all;
   }
-
-  TempUserDir home;
-  void* handle = nullptr;
-  std::shared_ptr<LocalOpManager> manager;
-  CloudHemlock* tools = nullptr;
-  std::vector<boost::signals2::connection> connections;
-  std::mutex statusMutex;
-  std::string statuses;  // guarded by statusMutex
 };
 
 TEST_F(EtbSimTest, AddressesResolveAsSymbolsThenHexadecimalAndEveryTreeBecomesAnOperation) {
@@ -394,9 +247,10 @@ TEST_F(EtbSimTest, AddressesResolveAsSymbolsThenHexadecimalAndEveryTreeBecomesAn
   const Json::Value& range = op->getSubOperationProps(0)[0]["sub_properties"][1]["sub_properties"];
   const Json::Value& trigger =
       op->getSubOperationProps(1)[0]["sub_properties"][1]["sub_properties"];
-  if (uint32_t step = nmAddress("fir_step")) {
+  if (uint32_t step = ostrand_test::nmAddress(kFirmware, "fir_step")) {
     EXPECT_EQ(range[0]["value"]["address"].asUInt(), step);
-    EXPECT_EQ(range[1]["value"]["address"].asUInt(), nmAddress("fir_gain"));
+    EXPECT_EQ(range[1]["value"]["address"].asUInt(),
+              ostrand_test::nmAddress(kFirmware, "fir_gain"));
   }
   EXPECT_GT(range[1]["value"]["address"].asUInt(), range[0]["value"]["address"].asUInt());
   EXPECT_EQ(trigger[0]["value"]["address"].asUInt(), 0x1000u) << "no symbol: hexadecimal";
@@ -488,10 +342,8 @@ TEST_F(EtbSimTest, WithoutATraceServerTheCaptureDecodesIntoItsOwnStore) {
   op->createHlOperation();
   ASSERT_EQ(op->enable(true), 0);
   op->onDataCollecting();
-  auto run = reinterpret_cast<OstrandSim_Run_t>(dlsym(handle, "OstrandSim_Run"));
-  auto wait = reinterpret_cast<OstrandSim_WaitHalted_t>(dlsym(handle, "OstrandSim_WaitHalted"));
-  ASSERT_EQ(run("mps2/CM4", 2000), 0);
-  ASSERT_EQ(wait("mps2/CM4", 20000), 0);
+  ASSERT_EQ(sim<OstrandSim_Run_t>("OstrandSim_Run")("mps2/CM4", 2000), 0);
+  ASSERT_EQ(sim<OstrandSim_WaitHalted_t>("OstrandSim_WaitHalted")("mps2/CM4", 20000), 0);
   {
     std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
     tools->stopRecording(op->getOperationHandle());

@@ -1,7 +1,6 @@
 // The manager on the simulated debug environment: lock order and the order
 // of events when tool threads and commands meet. The tool entries are
 // called on threads of the test as the tool library calls them.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -11,12 +10,8 @@
 #include <future>
 #include <thread>
 
-#include "CaptureTestDirs.hpp"
-#include "cloud_trace/source/LocalOpManager.hpp"
+#include "SimManagerTest.hpp"
 #include "cloud_trace/source/WLCaptureOperation.hpp"
-#include "json_interface/WorkQueue.hpp"
-#include "sim/SimControl.hpp"
-#include "tool_access/CloudHemlock.hpp"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
@@ -25,87 +20,20 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base/";
-
-// The simulation's control entry points, from the tool library the module
-// loads.
-struct Sim {
-  Sim() {
-    handle = dlopen((kBase + "emulation/analysis/bin/libhemlock.so").c_str(), RTLD_NOW);
-    load = reinterpret_cast<OstrandSim_LoadScenario_t>(dlsym(handle, "OstrandSim_LoadScenario"));
-    connect = reinterpret_cast<OstrandSim_Connect_t>(dlsym(handle, "OstrandSim_Connect"));
-  }
-  ~Sim() {
-    if (handle != nullptr) dlclose(handle);
-  }
-  void* handle = nullptr;
-  OstrandSim_LoadScenario_t load = nullptr;
-  OstrandSim_Connect_t connect = nullptr;
-};
-
-class LocalOpManagerTest : public ::testing::Test {
+class LocalOpManagerTest : public SimManagerTest {
  protected:
   void SetUp() override {
-    ASSERT_NE(sim.handle, nullptr) << dlerror();
-    ASSERT_EQ(sim.load(""), 0);
-    ASSERT_EQ(sim.connect("microbit/CM0P"), 0);
-    ASSERT_EQ(sim.connect("mps2/CM4"), 0);
-    LocalOpManager::setInstallBase(kBase);
     ::setenv("OSTRAND_TSP_PORT", std::to_string(freePort()).c_str(), 1);
-    manager = LocalOpManager::instance();
-    ASSERT_NE(manager->getTools(), nullptr);
-    connections = manager->connect(nullptr, nullptr, nullptr,
-                                   [this](const std::string& t, const std::string&,
-                                          const std::string& e, const std::string& d) {
-                                     std::lock_guard<std::mutex> guard(eventsMutex);
-                                     events.push_back(t + " " + e + " " + d);
-                                   });
-    waitConnected("microbit/CM0P");
-    waitConnected("mps2/CM4");
+    connectManager({"microbit/CM0P", "mps2/CM4"});
   }
-  void TearDown() override {
-    for (auto& c : connections) c.disconnect();
-    if (manager) {
-      std::lock_guard<std::mutex> guard(manager->commandMutex);
-      manager->shutdown();
-    }
-    manager.reset();
-    WorkQueue::instance().drain();
-  }
-
   static int freePort() {
     static std::atomic<int> next{39100 + static_cast<int>(::getpid() % 500) * 2};
     return next++;
   }
-  void waitConnected(const std::string& cpu) {
-    for (int i = 0; i < 200; ++i) {
-      bool connected = false;
-      {
-        std::lock_guard<std::recursive_mutex> guard(manager->getTools()->toolMutex);
-        manager->getTools()->isTargetConnected(cpu, connected);
-      }
-      if (connected) return;
-      std::this_thread::sleep_for(10ms);
-    }
-    FAIL() << cpu << " never connected";
-  }
   void configure(const std::string& target, const std::string& features) {
-    Json::Value config;
-    Json::Reader().parse("{\"" + target + "\":" + features + "}", config);
     std::lock_guard<std::mutex> guard(manager->commandMutex);
-    manager->configure(target, config);
+    manager->configure(target, parse("{\"" + target + "\":" + features + "}"));
   }
-  std::vector<std::string> takeEvents() {
-    std::lock_guard<std::mutex> guard(eventsMutex);
-    return std::exchange(events, {});
-  }
-
-  TempUserDir home;
-  Sim sim;
-  std::shared_ptr<LocalOpManager> manager;
-  std::vector<boost::signals2::connection> connections;
-  std::mutex eventsMutex;
-  std::vector<std::string> events;  // guarded by eventsMutex
 };
 
 const char* const kStatusOn = R"({"showStatusMsg":true,"statusMsg":"Collecting data"})"

@@ -16,12 +16,6 @@ namespace {
 
 using Mtb = LocalOpManager::MtbCaptureOperation;
 
-Json::Value parse(const std::string& text) {
-  Json::Value value;
-  Json::Reader().parse(text, value);
-  return value;
-}
-
 TEST(MtbSettingsTest, UserBufferSizeReplacesItsEntryInPlace) {
   TempUserDir home;
   Mtb op(0, nullptr, "microbit/CM0P", Json::Value());

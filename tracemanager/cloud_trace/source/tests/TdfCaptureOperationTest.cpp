@@ -16,12 +16,6 @@ namespace {
 
 using Tdf = LocalOpManager::TdfCaptureOperation;
 
-Json::Value parse(const std::string& text) {
-  Json::Value value;
-  Json::Reader().parse(text, value);
-  return value;
-}
-
 struct OpPropCase {
   const char* opProp;
   const char* path;
