@@ -145,9 +145,8 @@ void SimWorld::eventLoop() {
 }
 
 // Each delivery copies its list under listenersMutex_ and calls without it,
-// so the listener's own locks never nest inside ours. Before each call the
-// listener is looked up again: one removed earlier in the same delivery, by
-// itself, another listener or another thread, is skipped.
+// so a listener's locks never nest inside ours; deliver() looks it up again
+// first, so one removed meanwhile (by anyone) is skipped.
 template <typename T>
 std::vector<T> SimWorld::snapshot(const std::vector<T>& list) const {
   std::lock_guard<std::mutex> guard(listenersMutex_);
@@ -161,22 +160,24 @@ void SimWorld::deliver(const std::vector<T>& list, T item, F&& call) {
     if (std::find(list.begin(), list.end(), item) == list.end()) return;
     delivering_ = item;
   }
-  struct Done {
+  struct Done {  // clears the mark, also when the listener throws
     SimWorld* world;
     ~Done() {
-      {
-        std::lock_guard<std::mutex> guard(world->listenersMutex_);
-        world->delivering_ = nullptr;
-      }
+      std::unique_lock<std::mutex> lock(world->listenersMutex_);
+      world->delivering_ = nullptr;
+      lock.unlock();
       world->deliveryDone_.notify_all();
     }
   } done{this};
   call();
 }
 
-void SimWorld::waitUntilNotDelivering(std::unique_lock<std::mutex>& lock, const void* listener) {
+template <typename T>
+void SimWorld::removeAndWait(std::vector<T>& list, T item) {
+  std::unique_lock<std::mutex> lock(listenersMutex_);
+  removeAll(list, item);
   if (std::this_thread::get_id() == eventThread_.get_id()) return;
-  deliveryDone_.wait(lock, [&] { return delivering_ != listener; });
+  deliveryDone_.wait(lock, [&] { return delivering_ != item; });
 }
 
 void SimWorld::fireAdapter(bool added, const std::string& cpu) {
@@ -228,9 +229,7 @@ void SimWorld::addAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListene
   addOnce(adapterListeners_, l);
 }
 void SimWorld::removeAdapterListener(Qx::Nlv::Hemlock::PBATargetAdapterEventListener* l) {
-  std::unique_lock<std::mutex> lock(listenersMutex_);
-  removeAll(adapterListeners_, l);
-  waitUntilNotDelivering(lock, l);
+  removeAndWait(adapterListeners_, l);
 }
 void SimWorld::clearAdapterListeners() {
   std::lock_guard<std::mutex> guard(listenersMutex_);
@@ -241,9 +240,7 @@ void SimWorld::addTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l) {
   addOnce(targetListeners_, l);
 }
 void SimWorld::removeTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l) {
-  std::unique_lock<std::mutex> lock(listenersMutex_);
-  removeAll(targetListeners_, l);
-  waitUntilNotDelivering(lock, l);
+  removeAndWait(targetListeners_, l);
 }
 void SimWorld::clearTargetListeners() {
   std::lock_guard<std::mutex> guard(listenersMutex_);
@@ -253,8 +250,6 @@ void SimWorld::addCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c) {
   std::lock_guard<std::mutex> guard(listenersMutex_);
   addOnce(cleanups_, c);
 }
-// No wait here: a gate that removes its cleanup may hold the lock its own
-// cleanup() takes, and the cleanup registry promises nothing more.
 void SimWorld::removeCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c) {
   std::lock_guard<std::mutex> guard(listenersMutex_);
   removeAll(cleanups_, c);
@@ -682,8 +677,7 @@ std::string SimWorld::stopRecording(const std::string& name) {
     if (cpu == nullptr) return error;
     recorder = cpu->recorder;
   }
-  // Nothing recording (never started, or it stopped by itself and said so):
-  // nothing to answer.
+  // Nothing recording (never started, or stopped by itself and said so).
   if (recorder && recorder->stop()) {
     fireChannel(name, Qx::Nlv::Trace::kChannelStoppedUserRequest, channelText(11));
   }

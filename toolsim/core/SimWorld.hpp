@@ -86,6 +86,8 @@ class __attribute__((visibility("default"))) SimWorld {
   void removeTargetListener(Qx::Nlv::Trace::CTargetStateNotification* l);
   void clearTargetListeners();
   void addCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c);
+  // No wait here, unlike the listeners: a gate that removes its cleanup may
+  // hold the lock its own cleanup() takes.
   void removeCleanup(Qx::Nlv::Hemlock::CleanupCallbackIF* c);
   void addChannelListener(Qx::Nlv::Trace::ChannelClient* l, const void* server);
   void removeChannelListeners(const void* server);
@@ -159,10 +161,11 @@ class __attribute__((visibility("default"))) SimWorld {
   // delivered to while it runs (event thread).
   template <typename T, typename F>
   void deliver(const std::vector<T>& list, T item, F&& call);
-  // After a listener left its list: waits until no delivery to it is under
+  // Takes item out of list, then waits until no delivery to it is under
   // way, so its owner may destroy it on return. From the event thread itself
   // (a listener removing one inside a delivery) it does not wait.
-  void waitUntilNotDelivering(std::unique_lock<std::mutex>& lock, const void* listener);
+  template <typename T>
+  void removeAndWait(std::vector<T>& list, T item);
 
   mutable std::mutex listenersMutex_;  // guards the listener lists and clients_ below
   const void* delivering_ = nullptr;   // the listener being called now (guarded by listenersMutex_)
