@@ -84,7 +84,15 @@ Etb::EtbCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string targ
   captureDir = getTargetDir(this->target, kFeatureETB);
 }
 
-Etb::~EtbCaptureOperation() { data = Json::Value(); }
+// The sub-operations have no trace application that would take them with
+// it, so they are given back here; the gate outlives its operations.
+Etb::~EtbCaptureOperation() {
+  if (tools != nullptr && created) {
+    std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
+    for (uint32_t i = 0; i < subOperationCount; ++i) tools->releaseOperation(subOperationHandles[i]);
+  }
+  data = Json::Value();
+}
 
 Etb::Evaluation Etb::evaluation() const {
   return {rangeCount,     startStopCount, traceOnValid, rangeValid,
