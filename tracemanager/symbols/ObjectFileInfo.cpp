@@ -264,8 +264,28 @@ void ObjectFileInfo::buildSourceIndex() {
   buildRanges();
 }
 
-void ObjectFileInfo::readSourceLines(const fs::path& path, const std::vector<uint32_t>& lines) {
+// Compilers often name sources relative to the directory the build ran in
+// (a prefix map keeps build directories out of the debug information). When
+// such a path does not open from the working directory, it is looked for
+// from the object file's directory and each directory above it, so the text
+// is found whichever directory the program was started from.
+std::ifstream ObjectFileInfo::openSource(const fs::path& path) const {
   std::ifstream in(path);
+  if (in || path.is_absolute() || objectFile_.empty()) return in;
+  std::error_code error;
+  fs::path directory = fs::absolute(objectFile_, error).parent_path();
+  while (!error && !directory.empty()) {
+    in = std::ifstream(directory / path);
+    if (in) return in;
+    fs::path parent = directory.parent_path();
+    if (parent == directory) break;
+    directory = std::move(parent);
+  }
+  return in;
+}
+
+void ObjectFileInfo::readSourceLines(const fs::path& path, const std::vector<uint32_t>& lines) {
+  std::ifstream in = openSource(path);
   if (!in) return;
   std::string text;
   uint32_t number = 0;

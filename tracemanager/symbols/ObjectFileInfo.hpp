@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -103,6 +104,7 @@ class ObjectFileInfo {
   void buildSourceIndex();
   void buildRanges();
   void readSourceLines(const std::filesystem::path& path, const std::vector<uint32_t>& lines);
+  std::ifstream openSource(const std::filesystem::path& path) const;
 
   struct PathHash {
     size_t operator()(const std::filesystem::path& path) const {
