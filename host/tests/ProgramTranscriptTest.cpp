@@ -1,7 +1,7 @@
 // `ostrand` runs as a user makes them from the repository's root, as a
 // transcript: golden/program.txt holds the arguments of each run,
-// golden/program.expected what each printed and its exit status. Help texts
-// and the commands that need the module have tests of their own.
+// golden/program.expected what each printed and its exit status. The
+// commands that need the module have tests of their own.
 #include <gtest/gtest.h>
 
 #include <fstream>

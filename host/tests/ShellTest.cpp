@@ -1,18 +1,197 @@
-// The real `ostrand shell` with the real module: texts compared exactly.
+// `ostrand shell` as a debug host or a script drives it, one golden
+// transcript per case: golden/<name>.jsonl is the input (<home> standing for
+// the test's home directory, there and in the arguments), golden/<name>.expected
+// what the shell printed, then its standard error and exit status when there
+// are any. The home and the build tree's paths are made fixed. A case may
+// prepare the home first; its check reads what the run left on disk and may
+// add to the transcript (the head of a file it wrote). Then what a transcript
+// does not show: the logs, a NUL byte, how long the end of input waits.
 #include <gtest/gtest.h>
+#include <httplib.h>
+#include <json/json.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
 #include <string>
+#include <thread>
 
 #include "ProgramRunner.hpp"
+#include "experiments/DataBrokerRouter.hpp"
+#include "experiments/TDFExperiment.hpp"
+
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
 
+namespace fs = std::filesystem;
+using ostrand_test::freeLoopbackPort;
 using ostrand_test::ProgramRun;
 using ostrand_test::readFile;
+using ostrand_test::replaceAll;
+
+const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
+const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base";
+
+Json::Value readJson(const std::string& path) {
+  Json::Value value;
+  EXPECT_TRUE(Json::Reader().parse(readFile(path), value)) << path;
+  return value;
+}
+
+// The power capture's directory after the session: the module's metadata
+// beside the stream the probe wrote, the probe's scratch directory empty;
+// the trace server over that data tree opens it with every record.
+void checkPowerCapture(const std::string& home, std::string&) {
+  const std::string dir = home + "/.QX-trace/data/live-targets/microbit/CM0P/Wattline";
+  const Json::Value metadata = readJson(dir + "/metadata");
+  EXPECT_EQ(metadata["typeId"].asString(), "WL+");
+  EXPECT_EQ(metadata["device"].asString(), "microbit/CM0P");
+  EXPECT_EQ(readJson(dir + "/metadataSup.json")["JState"]["name"].asString(), "M0PLUS_STATES");
+  const uintmax_t streamBytes = fs::file_size(dir + "/WLData.bin");
+  EXPECT_EQ(streamBytes % 26, 0u);  // records of type 7
+  EXPECT_TRUE(fs::is_empty(home + "/.QX-trace/data/.Wattline"));
+
+  const int port = freeLoopbackPort();
+  const std::string serve = "timeout 60 '" + std::string(OSTRAND_PROGRAM) + "' serve --data '" + home +
+                            "' --port " + std::to_string(port) + " >'" + home + "/serve.log' 2>&1 &";
+  ASSERT_EQ(std::system(serve.c_str()), 0);
+  httplib::Client client("127.0.0.1", port);
+  std::string body;
+  for (int i = 0; i < 200 && (body.empty() || body == "[]"); ++i) {
+    if (auto listed = client.Get("/tsp/api/experiments"); listed && listed->status == 200) body = listed->body;
+    if (body.empty() || body == "[]") std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  client.Get("/stop");
+  Json::Value experiments;
+  ASSERT_TRUE(Json::Reader().parse(body, experiments)) << body << readFile(home + "/serve.log");
+  bool found = false;
+  for (const Json::Value& e : experiments) {
+    if (e["traces"][0]["path"].asString().find("microbit/CM0P/Wattline") == std::string::npos) continue;
+    found = true;
+    EXPECT_EQ(e["nbEvents"].asUInt64(), streamBytes / 26 - 1) << e;  // all but the lead-in
+    EXPECT_EQ(e["indexingStatus"].asString(), "COMPLETED") << e;
+  }
+  EXPECT_TRUE(found) << body;
+}
+
+// The MTB buffer decoded at the halt holds the program's own work, not a
+// fault handler: the newest runs lie in the work loop and the filter.
+void checkMtbCapture(const std::string& home, std::string&) {
+  const std::string dir = home + "/.QX-trace/data/live-targets/microbit/CM0P/MTB";
+  const Json::Value metadata = readJson(dir + "/metadata");
+  EXPECT_EQ(metadata["typeId"].asString(), "MTB");
+  EXPECT_EQ(metadata["dataFile"].asString(), "mtb_data.json");
+  const std::string data = readFile(dir + "/mtb_data.json");
+  EXPECT_NE(data.find("\"function\" : \"process_block\""), std::string::npos) << data;
+  EXPECT_NE(data.find("\"file\" : \"work.c\""), std::string::npos) << data;
+  EXPECT_EQ(data.find("Default_Handler"), std::string::npos);
+  EXPECT_EQ(data.find("HardFault_Handler"), std::string::npos);
+}
+
+// The exported CSV's head names the firmware's functions, files and
+// instructions: it goes into the transcript.
+void csvHead(const std::string& home, std::string& transcript) {
+  const std::string csv = readFile(home + "/mtb.csv");
+  size_t at = 0;
+  for (int line = 0; line < 8 && at < csv.size(); ++line) at = std::min(csv.find('\n', at), csv.size() - 1) + 1;
+  transcript += "--- mtb.csv\n" + csv.substr(0, at);
+}
+
+// The TDF session's decoded table on disk, one line per row ("-" where a
+// cell has no value), and the trace server's TDF experiment serving it with
+// the firmware's symbols.
+void checkTdfTable(const std::string& home, std::string&) {
+  const std::string dir = home + "/.QX-trace/data/file-targets/file/cm4/TDF";
+  const Json::Value metadata = readJson(dir + "/metadata"), table = readJson(dir + "/tdf_data.json");
+  EXPECT_EQ(metadata["typeId"].asString(), "TDF");
+  EXPECT_EQ(metadata["dataFile"].asString(), "tdf_data.json");
+  std::string rows;
+  for (const Json::Value& c : table["Columns"]) rows += c["name"].asString() + " | ";
+  rows += "\n";
+  for (const Json::Value& row : table["Rows"]) {
+    for (const Json::Value& cell : row) rows += (cell.isNull() ? std::string("-") : cell.asString()) + " | ";
+    rows += "\n";
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(rows, kGolden + "tdf_session_rows.expected"));
+
+  VSKTspServer::DataBrokerRouter router;
+  VSKTspServer::TDFExperiment experiment("cm4_TDF", &router);
+  experiment.addTrace(VSKTspServer::VSKTrace("TDF", dir, ""));
+  experiment.open();
+  std::vector<std::string> names;
+  for (const auto& c : experiment.table->getColumns("").model) names.push_back(c.name);
+  for (const char* name : {"Program Address", "Trace Status", "Function", "File", "Dir"}) {
+    EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+  }
+  VSKTspServer::TableLinesRequest all;
+  all.requested_table_count = 0x7fffffff;
+  const auto lines = experiment.table->getLines(all).model;
+  EXPECT_EQ(lines.size, static_cast<int64_t>(table["Rows"].size()));
+  const size_t function = std::find(names.begin(), names.end(), "Function") - names.begin();
+  bool sawMain = false, sawHandler = false;
+  for (const auto& line : lines.lines) {
+    sawMain = sawMain || line.cells[function].content == "main";
+    sawHandler = sawHandler || line.cells[function].content == "Reset_Handler";
+  }
+  EXPECT_TRUE(sawMain);
+  EXPECT_TRUE(sawHandler);
+}
+
+// A copy of the build tree's module and tool libraries without one that
+// the module requires.
+void treeWithoutOneLibrary(const std::string& home) {
+  fs::create_directories(home + "/tree/vsk_base");
+  for (const char* part : {"lib", "emulation", "ProbeHost"}) {
+    fs::copy(kBase + "/" + part, home + "/tree/vsk_base/" + part, fs::copy_options::recursive);
+  }
+  fs::remove(home + "/tree/vsk_base/emulation/analysis/bin/libXEVProperties.so");
+}
+
+void brokenScenario(const std::string& home) { ostrand_test::writeFile(home + "/broken.json", R"({"name":"x"})"); }
+
+struct Transcript {
+  const char* name;
+  const char* args;
+  void (*check)(const std::string& home, std::string& transcript) = nullptr;
+  void (*prepare)(const std::string& home) = nullptr;
+};
+
+class ShellTranscript : public ::testing::TestWithParam<Transcript> {};
+
+TEST_P(ShellTranscript, MatchesTheGoldenFile) {
+  const Transcript& t = GetParam();
+  ostrand_test::ProgramRunner runner;
+  const std::string& home = runner.dir();
+  if (t.prepare != nullptr) t.prepare(home);
+  const ProgramRun r = runner.run(replaceAll(t.args, "<home>", home), replaceAll(readFile(kGolden + t.name + ".jsonl"), "<home>", home), "",
+                                  "OSTRAND_TSP_PORT=" + std::to_string(freeLoopbackPort()));
+  std::string transcript = r.out;
+  if (!r.err.empty()) transcript += "--- stderr\n" + r.err;
+  if (r.exitCode != 0) transcript += "--- exit " + std::to_string(r.exitCode) + "\n";
+  if (t.check != nullptr) t.check(home, transcript);
+  transcript = replaceAll(replaceAll(transcript, home, "<home>"), kBase, "<base>");
+  EXPECT_TRUE(ostrand_test::matchesGolden(transcript, kGolden + t.name + ".expected"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shell, ShellTranscript,
+    ::testing::Values(
+        // The module alone: every command answered or refused, bad lines named.
+        Transcript{"session", "shell"}, Transcript{"shell_bad_lines", "shell --wait 5"},
+        // The simulated tool libraries without and with a debug session.
+        Transcript{"sim_no_session", "shell"}, Transcript{"sim_default", "shell --sim"},
+        Transcript{"sim_needs_sim", "shell"}, Transcript{"sim_host_line_failures", "shell --sim"},
+        Transcript{"sim_no_tools", "shell --module '<home>/tree/vsk_base/lib/libOstrand.so'", nullptr,
+                   treeWithoutOneLibrary},
+        Transcript{"sim_broken_scenario", "shell --sim '<home>/broken.json'", nullptr, brokenScenario},
+        // Captures: power, the MTB buffer, the scripting export, a TDF session.
+        Transcript{"power_capture", "shell --sim", checkPowerCapture},
+        Transcript{"mtb_capture", "shell --sim", checkMtbCapture},
+        Transcript{"scripting_export", "shell --sim", csvHead},
+        Transcript{"tdf_session", "shell --sim", checkTdfTable}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 class ShellTest : public ::testing::Test {
  protected:
@@ -23,43 +202,13 @@ class ShellTest : public ::testing::Test {
   const std::string& dir_ = runner_.dir();
 };
 
-TEST_F(ShellTest, ScriptedExchangeMatchesTheGoldenTranscript) {
-  std::string golden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
-  ProgramRun r = run("shell", readFile(golden + "session.jsonl"));
-  EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_EQ(r.out, readFile(golden + "session.expected"));
-}
-
-// The messages and exit codes of bad command lines and modules that cannot
-// be loaded are in the program's transcript (golden/program.txt).
-TEST_F(ShellTest, HelpAndABadLineOfInput) {
-  ProgramRun help = run("shell --help", "");
-  EXPECT_EQ(help.exitCode, 0);
-  EXPECT_NE(help.out.find("usage: ostrand shell"), std::string::npos);
-
-  ProgramRun top = run("--help", "");
-  EXPECT_EQ(top.exitCode, 0);
-  EXPECT_NE(top.out.find("shell"), std::string::npos);
-
+// The messages and exit codes of bad command lines, modules that cannot be
+// loaded and the help texts are in the program's transcript (golden/program.txt).
+TEST_F(ShellTest, ALineWithANulByteEndsTheShellWithFour) {
   ProgramRun nul = run("shell", std::string("{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"a\0\"}\n", 48));
   EXPECT_EQ(nul.exitCode, 4);
   EXPECT_NE(nul.err.find("line 2 holds a NUL byte"), std::string::npos);
   EXPECT_EQ(nul.out, "{\"response\":1}\n");
-}
-
-TEST_F(ShellTest, EveryLineIsAnsweredOrRefusedAndTheShellSurvivesAnyInput) {
-  // Nesting beyond the JSON reader's limit is answered by the module; two
-  // messages on one line would lose the second's reply, so they are refused.
-  const std::string deep = std::string(1001, '[') + std::string(1001, ']') + "\n";
-  ProgramRun r = run("shell --wait 5",
-                     deep + "{\"command\":\"cloudTrace.stopSession\",\"id\":1}"
-                            "{\"command\":\"cloudTrace.stopSession\",\"id\":2}\n"
-                            "{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n");
-  EXPECT_EQ(r.exitCode, 4) << r.err;
-  EXPECT_NE(r.err.find("line 2 holds more than one JSON message"), std::string::npos) << r.err;
-  EXPECT_EQ(r.err.find("still owed"), std::string::npos) << r.err;
-  EXPECT_NE(r.out.find("\"error\":null"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("{\"response\":3}"), std::string::npos) << r.out;
 }
 
 TEST_F(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
@@ -91,6 +240,20 @@ TEST_F(ShellTest, EndOfInputWaitsForOwedRepliesOnly) {
   ProgramRun r = run("shell --wait 20", "{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"cancel\":1}\n");
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+// `gen tdf` saves a run the same way as the shell and says where, and how
+// to open it. Its bad command lines are in the program's transcript.
+TEST(GenTdf, SavesTheRunTheShellSavesAndSaysHowToOpenIt) {
+  ostrand_test::ProgramRunner runner;
+  ProgramRun gen = runner.run("gen tdf --data '" + runner.dir() + "' --cpu mps2/CM4 --instructions 400");
+  ASSERT_EQ(gen.exitCode, 0) << gen.err;
+  const std::string file = runner.dir() + "/.QX-trace/recordings/CM4.tdf";
+  EXPECT_EQ(gen.out, file + "\n");
+  EXPECT_NE(gen.err.find("cloudTrace.configureTDFSession"), std::string::npos) << gen.err;
+  ProgramRun shell = runner.run("shell --sim", ":connect mps2/CM4\n:run mps2/CM4 400\n:save mps2/CM4 " + runner.dir() + "/b.tdf\n");
+  ASSERT_EQ(shell.exitCode, 0) << shell.err;
+  EXPECT_EQ(readFile(file), readFile(runner.dir() + "/b.tdf"));
 }
 
 }  // namespace
