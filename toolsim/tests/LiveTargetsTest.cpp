@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "SimTestSupport.hpp"
+#include "TestSupport.hpp"
 
 namespace {
 
@@ -22,18 +23,12 @@ TEST_F(SimulationTest, CpusRunUnderQemuAndTheEmulatorEndsWithTheScenario) {
   ASSERT_EQ(simRun("mps2/CM4", 300), 0) << lastError();
   ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0) << lastError();
   EXPECT_EQ(qemuChildren(), 1u);
-  Trace::IChannelFoundry* foundry = createFoundry();
-  Trace::IChannelServer* server = nullptr;
-  foundry->CreateChannelServer(server, 1);
-  Rows rows = decode(foundry, server, "mps2/CM4", "ETB", 1000);
   size_t instructions = 0;
-  for (const auto& row : rows.cells) instructions += row[1].empty() ? 0 : 1;
+  for (const auto& row : Channels().decode("mps2/CM4", "ETB", 1000).cells) instructions += row[1].empty() ? 0 : 1;
   // The default 4 KiB buffer holds them all, up to the last branch (the
   // stream places instructions at the waypoints that end them).
   EXPECT_LE(instructions, 300u);
   EXPECT_GE(instructions, 280u);
-  foundry->DestroyChannelServer(server, 0);
-  entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
   ASSERT_EQ(loadScenario(""), 0);
   EXPECT_EQ(qemuChildren(), 0u);
 }
@@ -68,10 +63,8 @@ class PowerProbe : public SimulationTest, public ::testing::WithParamInterface<P
 
 TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
   const PowerCase& c = GetParam();
-  char error[Xevt::kErrorTextSize] = {};
-  Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  Xevt::IOperationServer* s = session->getOperationServer(c.cpu, error, sizeof error);
-  sessions()->releaseSession(session);
+  Xevt::IOperationServer* s = operations(c.cpu);
+  ASSERT_NE(s, nullptr);
   const std::string capture = dir() + "/power-" + c.cpu;
   std::filesystem::remove_all(capture);
   auto* op = configure(s, tree(s, "WL", {s->makeBoolean("WLplus", true), s->makeString("DataDir", capture.c_str())}));
@@ -81,11 +74,9 @@ TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
   op->release();
   s->release();
 
-  std::ifstream sup(capture + "/metadataSup.json");
-  std::string text((std::istreambuf_iterator<char>(sup)), std::istreambuf_iterator<char>());
+  const std::string text = ostrand_test::readFile(capture + "/metadataSup.json");
   EXPECT_NE(text.find(c.description), std::string::npos) << text;
-  std::ifstream in(capture + "/WLData.bin", std::ios::binary);
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string bytes = ostrand_test::readFile(capture + "/WLData.bin");
   ASSERT_EQ(bytes.size() % 26, 0u);
   const size_t records = bytes.size() / 26;
   ASSERT_GT(records, 40u);  // 100 us apart over several ms of virtual time

@@ -40,6 +40,10 @@ inline const auto simConnect = entry<OstrandSim_Connect_t>("hemlock", "OstrandSi
 inline const auto getNumCpu = entry<GetNumCpu_t>("PBATargetAdapter", "GetNumCpu");
 inline const auto sessions = entry<XEVT_GetSessionManager_t>("qx_xevt_session", "XEVT_GetSessionManager");
 inline const auto createFoundry = entry<CreateChannelFoundry_t>("ChannelFoundry", "CreateChannelFoundry");
+inline const auto destroyFoundry = entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry");
+inline const auto addAdapterConsumer = entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer");
+inline const auto removeAdapterConsumer =
+    entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer");
 
 // Records every event with the thread it came on.
 class Recorder final : public Hemlock::PBATargetAdapterEventListener,
@@ -207,16 +211,42 @@ inline Rows readRows(Trace::IDecoder* decoder, uint32_t block) {
   return out;
 }
 
-// The rows of a CPU's live decoder.
-inline Rows decode(Trace::IChannelFoundry* foundry, Trace::IChannelServer* server, const char* cpu,
-            const char* receiver, uint32_t block) {
-  Trace::IChannelDriver* driver = nullptr;
-  EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
-  Trace::IDecoder* decoder = nullptr;
-  foundry->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
-  Rows out = readRows(decoder, block);
-  foundry->DestroyDecoder(decoder);
-  return out;
+// A channel foundry with one server, both gone with the object; `listener`
+// hears the server's channel events.
+struct Channels {
+  explicit Channels(Trace::ChannelClient* listener = nullptr) {
+    foundry->CreateChannelServer(server, 1);
+    if (listener != nullptr) server->RegisterForEvents(listener);
+  }
+  ~Channels() {
+    foundry->DestroyChannelServer(server, 0);
+    destroyFoundry(foundry);
+  }
+  // The rows of a CPU's live decoder.
+  Rows decode(const char* cpu, const char* receiver, uint32_t block) {
+    Trace::IChannelDriver* driver = nullptr;
+    EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
+    Trace::IDecoder* decoder = nullptr;
+    foundry->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
+    Rows out = readRows(decoder, block);
+    foundry->DestroyDecoder(decoder);
+    return out;
+  }
+  Trace::IChannelFoundry* foundry = createFoundry();
+  Trace::IChannelServer* server = nullptr;
+};
+
+// The operation server of a CPU in a live session, or of its trace unit's
+// sub-operations.
+inline Xevt::IOperationServer* operations(const char* cpu, bool sub = false) {
+  char error[Xevt::kErrorTextSize] = {};
+  Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
+  EXPECT_NE(session, nullptr) << error;
+  Xevt::IOperationServer* s = sub ? session->getSubOperationServer(cpu, error, sizeof error)
+                                  : session->getOperationServer(cpu, error, sizeof error);
+  sessions()->releaseSession(session);
+  EXPECT_NE(s, nullptr) << error;
+  return s;
 }
 
 // Property trees as the module builds them.
@@ -230,6 +260,21 @@ inline Xevt::IProperty* tree(Xevt::IOperationServer* s, const std::string& recei
   }
   root->addChild(rec);
   rec->release();
+  return root;
+}
+
+// A sub-operation's tree: the action and the addresses it takes.
+inline Xevt::IProperty* actionTree(Xevt::IOperationServer* s, const char* action,
+                                   const std::vector<std::pair<const char*, uint32_t>>& at) {
+  Xevt::IProperty* root = s->makeGroup("Type");
+  Xevt::IProperty* actions = s->makeString("Actions", action);
+  for (auto [name, address] : at) {
+    Xevt::IProperty* p = s->makeAddress(name, address, 0);
+    actions->addChild(p);
+    p->release();
+  }
+  root->addChild(actions);
+  actions->release();
   return root;
 }
 
