@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -27,6 +28,13 @@ inline const Board kBoards[] = {{"microbit", "run_microbit.elf"}, {"mps2-an386",
 inline std::string programPath(const Board& b) {
   return std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/" + b.program;
 }
+
+// A test name from a board's machine: "mps2-an386" -> "mps2_an386".
+inline std::string testName(std::string name) {
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+}
+inline std::string boardName(const ::testing::TestParamInfo<Board>& info) { return testName(info.param.machine); }
 
 class Recorder : public StepConsumer {
  public:

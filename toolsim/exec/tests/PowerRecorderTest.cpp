@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
 #include "ExecTestSupport.hpp"
+#include "TestSupport.hpp"
 #include "wattline/WLDataNode.hpp"
 #include "wattline/WLStateDecoders.hpp"
 
@@ -25,9 +25,8 @@ class PowerRecorderTest : public ::testing::TestWithParam<test::Board> {};
 // integral of the power it records, PCs in the program's code, and the UART
 // drawing current while it is on.
 TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
-  const std::string dir = ::testing::TempDir() + "/power-" + GetParam().machine + "-" +
-                          std::to_string(::getpid());
-  std::filesystem::remove_all(dir);
+  const ostrand_test::TempDir tmp("power");
+  const std::string dir = tmp / "capture";
   PowerConfig config;
   config.directory = dir;
   config.model = defaultPowerModel(GetParam().machine);
@@ -88,12 +87,7 @@ TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
   EXPECT_GT(uartMa / uartSamples, otherMa / otherSamples + 0.5);
 }
 
-INSTANTIATE_TEST_SUITE_P(Boards, PowerRecorderTest, ::testing::ValuesIn(test::kBoards),
-                         [](const auto& info) {
-                           std::string name = info.param.machine;
-                           std::replace(name.begin(), name.end(), '-', '_');
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Boards, PowerRecorderTest, ::testing::ValuesIn(test::kBoards), test::boardName);
 
 TEST(PowerRecorderErrors, RateAndDirectory) {
   PowerConfig config;

@@ -102,12 +102,7 @@ TEST_P(QemuRunnerTest, HaltEndsAnOpenRunAndDestructionEndsTheEmulator) {
   EXPECT_FALSE(test::processAlive(pid));
 }
 
-INSTANTIATE_TEST_SUITE_P(Boards, QemuRunnerTest, ::testing::ValuesIn(test::kBoards),
-                         [](const auto& info) {
-                           std::string name = info.param.machine;
-                           for (char& c : name) c = c == '-' ? '_' : c;
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Boards, QemuRunnerTest, ::testing::ValuesIn(test::kBoards), test::boardName);
 
 TEST(QemuRunnerErrors, SayWhatIsMissing) {
   Recorder rec;
