@@ -3,17 +3,25 @@
 // the test's home directory, there and in the arguments), golden/<name>.expected
 // what the shell printed, then its standard error and exit status when there
 // are any. The home and the build tree's paths are made fixed. A case may
-// prepare the home first; its check reads what the run left on disk and may
-// add to the transcript (the head of a file it wrote). Then what a transcript
-// does not show: the logs, a NUL byte, how long the end of input waits.
+// prepare the home first; where its input has a "# --- live" line, it reads
+// the module's trace server there while the session is still open; its check
+// reads what the run left on disk and may add to the transcript (the head of
+// a file it wrote, rows the server gave). Then what a transcript does not
+// show: the logs, a NUL byte, how long the end of input waits.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <json/json.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -26,6 +34,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using json = nlohmann::json;
 using ostrand_test::freeLoopbackPort;
 using ostrand_test::ProgramRun;
 using ostrand_test::readFile;
@@ -33,6 +42,54 @@ using ostrand_test::replaceAll;
 
 const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golden/";
 const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base";
+const std::string kLive = "# --- live\n";
+const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/run_mps2.elf";
+
+// What a case's hooks see: the home, the trace server's port, and the rows
+// of the table the server gave while the session was open.
+struct CaseRun {
+  std::string home;
+  int port = 0;
+  std::vector<std::vector<std::string>> rows;
+};
+
+// The shell fed through a pipe, so that a case can look at the trace server
+// while the session is still open.
+class Shell {
+ public:
+  Shell(const CaseRun& run, const std::string& args) : out_(run.home + "/out") {
+    std::signal(SIGPIPE, SIG_IGN);  // a shell that ends early must not end the test
+    const std::string command = "USERPROFILE='" + run.home + "' OSTRAND_TSP_PORT=" + std::to_string(run.port) +
+                                " '" + OSTRAND_PROGRAM + "' " + args + " >'" + out_ + "' 2>'" + run.home + "/err'";
+    pipe_ = ::popen(command.c_str(), "w");
+  }
+  ~Shell() { close(); }
+  void send(const std::string& text) {
+    std::fputs(text.c_str(), pipe_);
+    std::fflush(pipe_);
+  }
+  // Waits until the output holds `text`; false after `seconds`.
+  bool waitFor(const std::string& text, int seconds) const {
+    for (int i = 0; i < seconds * 20; ++i) {
+      if (readFile(out_).find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+  }
+  // The exit status once the input has ended.
+  int close() {
+    if (pipe_ == nullptr) return exitCode_;
+    const int status = ::pclose(pipe_);
+    pipe_ = nullptr;
+    exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return exitCode_;
+  }
+
+ private:
+  std::string out_;
+  FILE* pipe_ = nullptr;
+  int exitCode_ = -1;
+};
 
 Json::Value readJson(const std::string& path) {
   Json::Value value;
@@ -43,7 +100,8 @@ Json::Value readJson(const std::string& path) {
 // The power capture's directory after the session: the module's metadata
 // beside the stream the probe wrote, the probe's scratch directory empty;
 // the trace server over that data tree opens it with every record.
-void checkPowerCapture(const std::string& home, std::string&) {
+void checkPowerCapture(CaseRun& run, std::string&) {
+  const std::string& home = run.home;
   const std::string dir = home + "/.QX-trace/data/live-targets/microbit/CM0P/Wattline";
   const Json::Value metadata = readJson(dir + "/metadata");
   EXPECT_EQ(metadata["typeId"].asString(), "WL+");
@@ -78,7 +136,8 @@ void checkPowerCapture(const std::string& home, std::string&) {
 
 // The MTB buffer decoded at the halt holds the program's own work, not a
 // fault handler: the newest runs lie in the work loop and the filter.
-void checkMtbCapture(const std::string& home, std::string&) {
+void checkMtbCapture(CaseRun& run, std::string&) {
+  const std::string& home = run.home;
   const std::string dir = home + "/.QX-trace/data/live-targets/microbit/CM0P/MTB";
   const Json::Value metadata = readJson(dir + "/metadata");
   EXPECT_EQ(metadata["typeId"].asString(), "MTB");
@@ -92,8 +151,8 @@ void checkMtbCapture(const std::string& home, std::string&) {
 
 // The exported CSV's head names the firmware's functions, files and
 // instructions: it goes into the transcript.
-void csvHead(const std::string& home, std::string& transcript) {
-  const std::string csv = readFile(home + "/mtb.csv");
+void csvHead(CaseRun& run, std::string& transcript) {
+  const std::string csv = readFile(run.home + "/mtb.csv");
   size_t at = 0;
   for (int line = 0; line < 8 && at < csv.size(); ++line) at = std::min(csv.find('\n', at), csv.size() - 1) + 1;
   transcript += "--- mtb.csv\n" + csv.substr(0, at);
@@ -102,8 +161,8 @@ void csvHead(const std::string& home, std::string& transcript) {
 // The TDF session's decoded table on disk, one line per row ("-" where a
 // cell has no value), and the trace server's TDF experiment serving it with
 // the firmware's symbols.
-void checkTdfTable(const std::string& home, std::string&) {
-  const std::string dir = home + "/.QX-trace/data/file-targets/file/cm4/TDF";
+void checkTdfTable(CaseRun& run, std::string&) {
+  const std::string dir = run.home + "/.QX-trace/data/file-targets/file/cm4/TDF";
   const Json::Value metadata = readJson(dir + "/metadata"), table = readJson(dir + "/tdf_data.json");
   EXPECT_EQ(metadata["typeId"].asString(), "TDF");
   EXPECT_EQ(metadata["dataFile"].asString(), "tdf_data.json");
@@ -139,6 +198,142 @@ void checkTdfTable(const std::string& home, std::string&) {
   EXPECT_TRUE(sawHandler);
 }
 
+// How many rows of the table and of the run list the transcript holds.
+const size_t kGoldenRows = 48;
+
+
+// Function, and file:line, that addr2line gives for an address; empty
+// when the tool is not there.
+std::pair<std::string, std::string> addr2line(const std::string& hexAddress) {
+  std::string command =
+      "arm-none-eabi-addr2line -f -e '" + kFirmware + "' 0x" + hexAddress + " 2>/dev/null";
+  std::istringstream lines(ostrand_test::commandOutput(command));
+  std::string function, place;
+  std::getline(lines, function);
+  std::getline(lines, place);
+  return {function, place};
+}
+
+std::string lineOf(const std::string& place) {
+  std::string tail = place.substr(place.rfind(':') + 1);
+  return tail.substr(0, tail.find(' '));
+}
+
+// The JSON body of a trace server answer; null, with the failure, when the
+// request did not succeed.
+json body(const httplib::Result& r, const std::string& what) {
+  if (r && r->status == 200) return json::parse(r->body);
+  ADD_FAILURE() << what << ": " << (r ? std::to_string(r->status) + " " + r->body : httplib::to_string(r.error()));
+  return json();
+}
+
+// The lines of the ETB experiment's table as the viewer reads them, each
+// as its cells.
+std::vector<std::vector<std::string>> etbTableRows(httplib::Client& client) {
+  // The viewer's live experiment: the server scans the capture directories.
+  body(client.Post("/tsp/api/experiments", R"({"parameters":{"name":"LiveTarget","traces":[]}})", "application/json"),
+       "live experiment");
+  const json experiments = body(client.Get("/tsp/api/experiments"), "experiments");
+  std::string uuid;
+  for (const auto& experiment : experiments) {
+    if (experiment.dump().find("/mps2/CM4/ETB") != std::string::npos) uuid = experiment.at("UUID");
+  }
+  if (uuid.empty()) {
+    ADD_FAILURE() << "no ETB experiment in " << experiments;
+    return {};
+  }
+  const std::string base = "/tsp/api/experiments/" + uuid;
+  // Opening made the tables; a refresh fills them from the records.
+  client.Post(base + "/refresh", "{}", "application/json");
+  std::string table;
+  for (const auto& output : body(client.Get(base + "/outputs"), "outputs")) {
+    if (output.value("type", "") == "TABLE") table = output.at("id");
+  }
+  json lines = body(client.Post(base + "/outputs/table/" + table + "/lines",
+                                R"({"parameters":{"requested_table_index":0,"requested_table_count":100000}})",
+                                "application/json"),
+                    "lines");
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& line : lines["model"]["lines"]) {
+    std::vector<std::string> cells;
+    for (const auto& cell : line["cells"]) cells.push_back(cell.value("content", ""));
+    rows.push_back(cells);
+  }
+  return rows;
+}
+
+// The ETB capture of the Cortex-M4's range from main to crc_update: the
+// table as the viewer reads it while the session is open.
+void readEtbTable(Shell& shell, CaseRun& run) {
+  ASSERT_TRUE(shell.waitFor("\"showStatusMsg\\\":false", 60)) << readFile(run.home + "/out");
+  httplib::Client client("127.0.0.1", run.port);
+  client.set_read_timeout(30, 0);
+  run.rows = etbTableRows(client);
+}
+
+// The table: Seq., PC, Opcode, Function, File, Line, Source, Asm, Dir,
+// Cycles. Only instructions of the range are traced, each with its function,
+// line and instruction in words; the first rows go into the transcript (the
+// source text depends on where the program runs). Then the run rows of
+// etb_data.json: where each run of the range began and what it came from.
+// Functions and lines of both agree with the firmware's debug information
+// as arm-none-eabi-addr2line reads it on its own.
+void checkEtbCapture(CaseRun& run, std::string& transcript) {
+  static const std::regex handle(R"re(\{"data":[0-9]+,"response":2\})re");
+  transcript = std::regex_replace(transcript, handle, R"({"data":"<handle>","response":2})");
+  const auto& rows = run.rows;
+  ASSERT_FALSE(rows.empty());
+  const uint32_t rangeStart = ostrand_test::nmAddress(kFirmware, "main"),
+                 rangeEnd = ostrand_test::nmAddress(kFirmware, "crc_update");
+  std::ostringstream table;
+  table << "--- table rows: " << rows.size() << "\n";
+  std::map<std::string, std::pair<std::string, std::string>> checked;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& cells = rows[i];
+    ASSERT_EQ(cells.size(), 10u);
+    if (i < kGoldenRows) {
+      table << cells[0] << " | " << cells[1] << " | " << cells[2] << " | " << cells[3] << " | "
+            << cells[4] << " | " << cells[5] << " | " << cells[7] << " | " << cells[9] << "\n";
+    }
+    EXPECT_FALSE(cells[3].empty() || cells[3] == "n/a") << cells[1];
+    EXPECT_FALSE(cells[5].empty()) << cells[1];
+    EXPECT_FALSE(cells[7].empty()) << cells[1];
+    if (rangeEnd != 0) {
+      const auto pc = static_cast<uint32_t>(std::stoul(cells[1], nullptr, 16));
+      EXPECT_TRUE(pc >= rangeStart && pc <= rangeEnd) << cells[1] << " is outside the range";
+    }
+    if (checked.count(cells[1]) == 0) checked[cells[1]] = {cells[3], cells[5]};
+  }
+  const std::string dir = run.home + "/.QX-trace/data/live-targets/mps2/CM4/ETB";
+  const Json::Value metadata = readJson(dir + "/metadata"), data = readJson(dir + "/etb_data.json");
+  EXPECT_EQ(metadata["typeId"].asString(), "ETB");
+  EXPECT_EQ(metadata["dataFile"].asString(), "etb_data.json");
+  ASSERT_TRUE(data["data"].isArray());
+  ASSERT_FALSE(data["data"].empty());
+  table << "--- runs: " << data["data"].size() << "\n";
+  for (const auto& r : data["data"]) {
+    if (r["seq"].asUInt() >= kGoldenRows) break;
+    table << r["seq"].asUInt() << " | " << r["first"].asString() << " | " << r["last"].asString() << " | "
+          << r["function"].asString() << " | " << r["file"].asString() << "\n";
+  }
+  transcript += table.str();
+
+  auto [probe, ignored] = addr2line("bc");
+  if (probe.empty()) GTEST_SKIP() << "arm-none-eabi-addr2line is not installed";
+  for (const auto& [address, seen] : checked) {
+    auto [function, place] = addr2line(address);
+    EXPECT_EQ(seen.first, function) << address;
+    EXPECT_EQ(seen.second, lineOf(place)) << address;
+  }
+  for (const auto& r : data["data"]) {
+    const std::string first = r["first"].asString();
+    if (first.empty()) continue;
+    auto [function, place] = addr2line(first);
+    EXPECT_EQ(r["function"].asString(), function) << first;
+    EXPECT_NE(place.find(r["file"].asString()), std::string::npos) << first;
+  }
+}
+
 // A copy of the build tree's module and tool libraries without one that
 // the module requires.
 void treeWithoutOneLibrary(const std::string& home) {
@@ -154,24 +349,35 @@ void brokenScenario(const std::string& home) { ostrand_test::writeFile(home + "/
 struct Transcript {
   const char* name;
   const char* args;
-  void (*check)(const std::string& home, std::string& transcript) = nullptr;
+  void (*check)(CaseRun& run, std::string& transcript) = nullptr;
   void (*prepare)(const std::string& home) = nullptr;
+  void (*live)(Shell& shell, CaseRun& run) = nullptr;
 };
 
 class ShellTranscript : public ::testing::TestWithParam<Transcript> {};
 
 TEST_P(ShellTranscript, MatchesTheGoldenFile) {
   const Transcript& t = GetParam();
-  ostrand_test::ProgramRunner runner;
-  const std::string& home = runner.dir();
-  if (t.prepare != nullptr) t.prepare(home);
-  const ProgramRun r = runner.run(replaceAll(t.args, "<home>", home), replaceAll(readFile(kGolden + t.name + ".jsonl"), "<home>", home), "",
-                                  "OSTRAND_TSP_PORT=" + std::to_string(freeLoopbackPort()));
-  std::string transcript = r.out;
-  if (!r.err.empty()) transcript += "--- stderr\n" + r.err;
-  if (r.exitCode != 0) transcript += "--- exit " + std::to_string(r.exitCode) + "\n";
-  if (t.check != nullptr) t.check(home, transcript);
-  transcript = replaceAll(replaceAll(transcript, home, "<home>"), kBase, "<base>");
+  const ostrand_test::TempDir home("ostrand-shell");
+  CaseRun run{home.path(), freeLoopbackPort(), {}};
+  if (t.prepare != nullptr) t.prepare(run.home);
+  const std::string input = replaceAll(readFile(kGolden + t.name + ".jsonl"), "<home>", run.home);
+  const size_t live = input.find(kLive);
+  int exitCode = -1;
+  {
+    Shell shell(run, replaceAll(t.args, "<home>", run.home));
+    shell.send(input.substr(0, live));
+    if (live != std::string::npos) {
+      t.live(shell, run);
+      shell.send(input.substr(live));
+    }
+    exitCode = shell.close();
+  }
+  std::string transcript = readFile(home / "out"), err = readFile(home / "err");
+  if (!err.empty()) transcript += "--- stderr\n" + err;
+  if (exitCode != 0) transcript += "--- exit " + std::to_string(exitCode) + "\n";
+  if (t.check != nullptr) t.check(run, transcript);
+  transcript = replaceAll(replaceAll(transcript, run.home, "<home>"), kBase, "<base>");
   EXPECT_TRUE(ostrand_test::matchesGolden(transcript, kGolden + t.name + ".expected"));
 }
 
@@ -186,11 +392,12 @@ INSTANTIATE_TEST_SUITE_P(
         Transcript{"sim_no_tools", "shell --module '<home>/tree/vsk_base/lib/libOstrand.so'", nullptr,
                    treeWithoutOneLibrary},
         Transcript{"sim_broken_scenario", "shell --sim '<home>/broken.json'", nullptr, brokenScenario},
-        // Captures: power, the MTB buffer, the scripting export, a TDF session.
+        // Captures: power, the MTB buffer, the scripting export, a TDF session, ETB.
         Transcript{"power_capture", "shell --sim", checkPowerCapture},
         Transcript{"mtb_capture", "shell --sim", checkMtbCapture},
         Transcript{"scripting_export", "shell --sim", csvHead},
-        Transcript{"tdf_session", "shell --sim", checkTdfTable}),
+        Transcript{"tdf_session", "shell --sim", checkTdfTable},
+        Transcript{"etb_capture", "shell --sim", checkEtbCapture, nullptr, readEtbTable}),
     [](const auto& info) { return std::string(info.param.name); });
 
 class ShellTest : public ::testing::Test {
