@@ -53,44 +53,6 @@ struct CaseRun {
   std::vector<std::vector<std::string>> rows;
 };
 
-// The shell fed through a pipe, so that a case can look at the trace server
-// while the session is still open.
-class Shell {
- public:
-  Shell(const CaseRun& run, const std::string& args) : out_(run.home + "/out") {
-    std::signal(SIGPIPE, SIG_IGN);  // a shell that ends early must not end the test
-    const std::string command = "USERPROFILE='" + run.home + "' OSTRAND_TSP_PORT=" + std::to_string(run.port) +
-                                " '" + OSTRAND_PROGRAM + "' " + args + " >'" + out_ + "' 2>'" + run.home + "/err'";
-    pipe_ = ::popen(command.c_str(), "w");
-  }
-  ~Shell() { close(); }
-  void send(const std::string& text) {
-    std::fputs(text.c_str(), pipe_);
-    std::fflush(pipe_);
-  }
-  // Waits until the output holds `text`; false after `seconds`.
-  bool waitFor(const std::string& text, int seconds) const {
-    for (int i = 0; i < seconds * 20; ++i) {
-      if (readFile(out_).find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
-  }
-  // The exit status once the input has ended.
-  int close() {
-    if (pipe_ == nullptr) return exitCode_;
-    const int status = ::pclose(pipe_);
-    pipe_ = nullptr;
-    exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return exitCode_;
-  }
-
- private:
-  std::string out_;
-  FILE* pipe_ = nullptr;
-  int exitCode_ = -1;
-};
-
 Json::Value readJson(const std::string& path) {
   Json::Value value;
   EXPECT_TRUE(Json::Reader().parse(readFile(path), value)) << path;
@@ -264,7 +226,7 @@ std::vector<std::vector<std::string>> etbTableRows(httplib::Client& client) {
 
 // The ETB capture of the Cortex-M4's range from main to crc_update: the
 // table as the viewer reads it while the session is open.
-void readEtbTable(Shell& shell, CaseRun& run) {
+void readEtbTable(ostrand_test::RunningProgram& shell, CaseRun& run) {
   ASSERT_TRUE(shell.waitFor("\"showStatusMsg\\\":false", 60)) << readFile(run.home + "/out");
   httplib::Client client("127.0.0.1", run.port);
   client.set_read_timeout(30, 0);
@@ -351,7 +313,7 @@ struct Transcript {
   const char* args;
   void (*check)(CaseRun& run, std::string& transcript) = nullptr;
   void (*prepare)(const std::string& home) = nullptr;
-  void (*live)(Shell& shell, CaseRun& run) = nullptr;
+  void (*live)(ostrand_test::RunningProgram& shell, CaseRun& run) = nullptr;
 };
 
 class ShellTranscript : public ::testing::TestWithParam<Transcript> {};
@@ -363,19 +325,17 @@ TEST_P(ShellTranscript, MatchesTheGoldenFile) {
   if (t.prepare != nullptr) t.prepare(run.home);
   const std::string input = replaceAll(readFile(kGolden + t.name + ".jsonl"), "<home>", run.home);
   const size_t live = input.find(kLive);
-  int exitCode = -1;
-  {
-    Shell shell(run, replaceAll(t.args, "<home>", run.home));
-    shell.send(input.substr(0, live));
-    if (live != std::string::npos) {
-      t.live(shell, run);
-      shell.send(input.substr(live));
-    }
-    exitCode = shell.close();
+  ostrand_test::RunningProgram shell(run.home, replaceAll(t.args, "<home>", run.home),
+                                     "OSTRAND_TSP_PORT=" + std::to_string(run.port));
+  shell.send(input.substr(0, live));
+  if (live != std::string::npos) {
+    t.live(shell, run);
+    shell.send(input.substr(live));
   }
-  std::string transcript = readFile(home / "out"), err = readFile(home / "err");
-  if (!err.empty()) transcript += "--- stderr\n" + err;
-  if (exitCode != 0) transcript += "--- exit " + std::to_string(exitCode) + "\n";
+  const ProgramRun r = shell.finish();
+  std::string transcript = r.out;
+  if (!r.err.empty()) transcript += "--- stderr\n" + r.err;
+  if (r.exitCode != 0) transcript += "--- exit " + std::to_string(r.exitCode) + "\n";
   if (t.check != nullptr) t.check(run, transcript);
   transcript = replaceAll(replaceAll(transcript, run.home, "<home>"), kBase, "<base>");
   EXPECT_TRUE(ostrand_test::matchesGolden(transcript, kGolden + t.name + ".expected"));
@@ -400,30 +360,23 @@ INSTANTIATE_TEST_SUITE_P(
         Transcript{"etb_capture", "shell --sim", checkEtbCapture, nullptr, readEtbTable}),
     [](const auto& info) { return std::string(info.param.name); });
 
-class ShellTest : public ::testing::Test {
- protected:
-  ProgramRun run(const std::string& args, const std::string& input, const std::string& env = "") {
-    return runner_.run(args, input, "", env);
-  }
-  ostrand_test::ProgramRunner runner_;
-  const std::string& dir_ = runner_.dir();
-};
-
 // The messages and exit codes of bad command lines, modules that cannot be
 // loaded and the help texts are in the program's transcript (golden/program.txt).
-TEST_F(ShellTest, ALineWithANulByteEndsTheShellWithFour) {
-  ProgramRun nul = run("shell", std::string("{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"a\0\"}\n", 48));
+TEST(ShellTest, ALineWithANulByteEndsTheShellWithFour) {
+  ProgramRun nul = ostrand_test::ProgramRunner().run("shell", std::string("{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"a\0\"}\n", 48));
   EXPECT_EQ(nul.exitCode, 4);
   EXPECT_NE(nul.err.find("line 2 holds a NUL byte"), std::string::npos);
   EXPECT_EQ(nul.out, "{\"response\":1}\n");
 }
 
-TEST_F(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
+TEST(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
   // The JSON traffic log and the module's own log, both switched on by
   // environment variables of the host process.
-  std::string traffic = dir_ + "/traffic.log";
-  ProgramRun r = run("shell", "{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n",
-                     "OSTRAND_JSON_LOG='" + traffic + "' QX_TRACE_LOGGING=1");
+  ostrand_test::ProgramRunner runner;
+  const std::string& dir_ = runner.dir();
+  const std::string traffic = dir_ + "/traffic.log";
+  ProgramRun r = runner.run("shell", "{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n", "",
+                            "OSTRAND_JSON_LOG='" + traffic + "' QX_TRACE_LOGGING=1");
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::string log = readFile(traffic);
   EXPECT_NE(log.find(" -> {\"command\":\"cloudTrace.stopSession\",\"id\":3}\n"), std::string::npos) << log;
@@ -440,11 +393,11 @@ TEST_F(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
   EXPECT_TRUE(found) << "no qx_trace_log_*.txt in " << dir_ << "/.QX-trace";
 }
 
-TEST_F(ShellTest, EndOfInputWaitsForOwedRepliesOnly) {
+TEST(ShellTest, EndOfInputWaitsForOwedRepliesOnly) {
   // A cancel of a command already answered owes nothing; the shell ends at
   // once without using up its wait.
   auto start = std::chrono::steady_clock::now();
-  ProgramRun r = run("shell --wait 20", "{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"cancel\":1}\n");
+  ProgramRun r = ostrand_test::ProgramRunner().run("shell --wait 20", "{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"cancel\":1}\n");
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
