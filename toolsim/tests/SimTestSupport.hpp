@@ -1,6 +1,7 @@
 // What the tests of the simulated debug environment share: the libraries'
-// entry points, an event recorder, a client, reading a decoder as the module
-// does, property trees, the programs' symbols and the test fixture.
+// entry points, an event recorder, the module's tool client, reading a
+// decoder as the module does, property trees, the programs' symbols and the
+// test fixture.
 #pragma once
 
 #include <dlfcn.h>
@@ -20,6 +21,7 @@
 #include "hemlock/ToolEntryPoints.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
 #include "sim/SimControl.hpp"
+#include "tool_access/CloudHLClientBase.hpp"
 
 namespace ostrand_sim_test {
 
@@ -93,29 +95,14 @@ class Recorder final : public Hemlock::PBATargetAdapterEventListener,
   std::vector<std::thread::id> threads;
 };
 
-class Client final : public Hemlock::HLClientBaseIF {
+// The module's own tool client, its job events recorded.
+class Client final : public CloudHLClientBase {
  public:
-  explicit Client(Recorder& r) : recorder(r) {}
-  bool isSameClient(HLClientBaseIF*) override { return false; }
-  bool init(const char*, uint32_t) override { return true; }
-  bool attachTarget(const char*, bool) override { return true; }
-  int32_t reregister() override { return 0; }
+  explicit Client(Recorder& r) : CloudHLClientBase(nullptr), recorder(r) {}
   bool onJobEvent(uint32_t kind, uint64_t id) override {
     recorder.add("job " + std::to_string(kind) + " " + std::to_string(id));
     return true;
   }
-  bool onClientEvent(uint32_t, uint64_t) override { return true; }
-  int32_t reservedA() override { return 0; }
-  void jobHookFive() override {}
-  void jobHookFour() override {}
-  int32_t clientHookA() override { return 0; }
-  int32_t clientHookB() override { return 0; }
-  int32_t reservedB() override { return 0; }
-  int32_t reservedC() override { return -1; }
-  const char* getName() override { return "test"; }
-  bool init(const char*, uint32_t, Hemlock::IHemlockManager*, Hemlock::IHemlockJobManager*) override { return true; }
-  bool detachTarget(const char*) override { return true; }
-  int32_t reservedD() override { return 0; }
   Recorder& recorder;
 };
 
