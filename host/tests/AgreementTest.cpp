@@ -86,15 +86,11 @@ TEST_P(AgreementTest, FunctionLineAndMnemonicMatchTheGnuTools) {
   auto instructions = objdumpInstructions(elf);
   ASSERT_GT(instructions.size(), 50u);
 
-  std::string addresses;
-  for (const auto& i : instructions) addresses += "0x" + [&] {
-    char t[20];
-    std::snprintf(t, sizeof t, "%llx", (unsigned long long)i.address);
-    return std::string(t);
-  }() + "\n";
+  std::ostringstream addresses;
+  for (const auto& i : instructions) addresses << "0x" << std::hex << i.address << "\n";
   // One file per program: the programs run as tests of their own, side by side.
   const std::string list = ::testing::TempDir() + "agreement_addresses_" + GetParam() + ".txt";
-  std::ofstream(list) << addresses;
+  std::ofstream(list) << addresses.str();
   std::istringstream answers(commandOutput("arm-none-eabi-addr2line -f -e " + elf + " < " + list));
 
   auto info = ObjectFileInfo::create(elf);
