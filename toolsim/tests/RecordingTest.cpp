@@ -5,6 +5,7 @@
 // a message that names the file, never a crash.
 #include <algorithm>
 #include <functional>
+#include <memory>
 
 #include "SimTestSupport.hpp"
 #include "TestSupport.hpp"
@@ -40,24 +41,19 @@ class RecordingTest : public ::testing::Test {
     Trace::IFileChannelDriver* driver = nullptr;
     foundry_->CreateFileChannelDriver(driver);
     Trace::IDecoder* decoder = nullptr;
-    Rows rows;
-    try {
-      foundry_->CreateDecoder(driver, receiver, nullptr, program, decoder, tdf.c_str());
-      Trace::IDeviceConfigManager* config = nullptr;
-      foundry_->LookupDeviceConfigManager(decoder, config);
-      decoder->LoadFile(tdf.c_str(), 0, 0);
-      config->LoadConfiguration(tdf.c_str(), 0);
-      Trace::ConfigProperty clock;
-      if (clockHz != nullptr && config->getProperty("Timing Clock Frequency", clock)) *clockHz = clock.integer;
-      rows = readRows(decoder, 500);
-    } catch (...) {
+    // Both go whether the decoder reads the file or refuses it.
+    const std::shared_ptr<void> release(nullptr, [&](void*) {
       if (decoder != nullptr) foundry_->DestroyDecoder(decoder);
       foundry_->DestroyFileChannelDriver(driver);
-      throw;
-    }
-    foundry_->DestroyDecoder(decoder);
-    foundry_->DestroyFileChannelDriver(driver);
-    return rows;
+    });
+    foundry_->CreateDecoder(driver, receiver, nullptr, program, decoder, tdf.c_str());
+    Trace::IDeviceConfigManager* config = nullptr;
+    foundry_->LookupDeviceConfigManager(decoder, config);
+    decoder->LoadFile(tdf.c_str(), 0, 0);
+    config->LoadConfiguration(tdf.c_str(), 0);
+    Trace::ConfigProperty clock;
+    if (clockHz != nullptr && config->getProperty("Timing Clock Frequency", clock)) *clockHz = clock.integer;
+    return readRows(decoder, 500);
   }
 
   ostrand_test::TempDir dir_{"toolsim-rec"};

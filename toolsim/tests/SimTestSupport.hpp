@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "ProgramImage.hpp"
+#include "TestSupport.hpp"
 #include "hemlock/ToolEntryPoints.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
 #include "sim/SimControl.hpp"
@@ -279,11 +280,8 @@ class SimulationTest : public ::testing::Test {
   void TearDown() override {
     for (const char* cpu : {"microbit/CM0P", "mps2/CM4"}) simHalt(cpu), waitHalted(cpu, 5000);
   }
-  std::string dir() {
-    auto d = std::filesystem::temp_directory_path() / ("toolsim-" + std::to_string(getpid()));
-    std::filesystem::create_directories(d);
-    return d.string();
-  }
+  const std::string& dir() const { return dir_.path(); }
+  ostrand_test::TempDir dir_{"toolsim"};
 };
 
 }  // namespace ostrand_sim_test
