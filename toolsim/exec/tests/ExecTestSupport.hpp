@@ -77,6 +77,15 @@ inline bool processAlive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
 
 namespace OstrandSim::test {
 
+// A run of `board`'s test program, QEMU's log copied to `log` when given.
+inline QemuRunConfig runConfig(const Board& board, const std::string& log = "") {
+  QemuRunConfig config;
+  config.machine = board.machine;
+  config.program = programPath(board);
+  config.teeLogPath = log;
+  return config;
+}
+
 // Runs `board` for `instructions` through `consumer` (with a recorder
 // beside it) and returns the executed addresses as QEMU's own log shows
 // them, cut to the instructions delivered.
@@ -90,11 +99,7 @@ inline std::vector<uint32_t> runBoard(const Board& board, uint64_t instructions,
   StepFanout fanout;
   fanout.add(consumer);
   fanout.add(recorder != nullptr ? *recorder : local);
-  QemuRunConfig config;
-  config.machine = board.machine;
-  config.program = programPath(board);
-  config.teeLogPath = log;
-  QemuRunner runner(config, fanout);
+  QemuRunner runner(runConfig(board, log), fanout);
   runner.start();
   runner.run(instructions);
   runner.stop();
