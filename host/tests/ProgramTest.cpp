@@ -1,4 +1,7 @@
-// `ostrand shell` as a debug host or a script drives it, one golden
+// `ostrand` as a user, a script or a debug host runs it. First the runs a
+// user makes from the repository's root, as one transcript: golden/program.txt
+// holds the arguments of each run, golden/program.expected what each printed
+// and its exit status. Then `ostrand shell` (and `gen tdf`), one golden
 // transcript per case: golden/<name>.jsonl is the input (<home> standing for
 // the test's home directory, there and in the arguments), golden/<name>.expected
 // what the shell printed, then its standard error and exit status when there
@@ -7,10 +10,15 @@
 // the module's trace server there while the session is still open; its check
 // reads what the run left on disk and may add to the transcript (the head of
 // a file it wrote, rows the server gave). Then what a transcript does not
-// show: the logs, a NUL byte, how long the end of input waits.
+// show: the logs and how long the end of input waits.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <json/json.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -18,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -25,7 +34,7 @@
 #include <string>
 #include <thread>
 
-#include "ProgramRunner.hpp"
+#include "TestSupport.hpp"
 #include "experiments/DataBrokerRouter.hpp"
 #include "experiments/TDFExperiment.hpp"
 
@@ -35,8 +44,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using json = nlohmann::json;
-using ostrand_test::freeLoopbackPort;
-using ostrand_test::ProgramRun;
 using ostrand_test::readFile;
 using ostrand_test::replaceAll;
 
@@ -44,6 +51,110 @@ const std::string kGolden = std::string(OSTRAND_SOURCE_DIR) + "/host/tests/golde
 const std::string kBase = std::string(OSTRAND_BUILD_DIR) + "/vsk_base";
 const std::string kLive = "# --- live\n";
 const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/run_mps2.elf";
+
+// The `ostrand` program of this build, run as a user would with a temporary
+// home (USERPROFILE), so nothing is written into a real one.
+
+// A loopback port that was free a moment ago (the kernel's choice for port 0).
+inline int freeLoopbackPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+struct ProgramRun {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+// The program started with its standard input on a pipe, so that a test can
+// act while it runs; its output goes to files in `home`. `args` is shell
+// text after the program name, `env` extra "NAME=value" text before it.
+class RunningProgram {
+ public:
+  RunningProgram(const std::string& home, const std::string& args, const std::string& env = "",
+                 const std::string& workingDir = "")
+      : home_(home) {
+    std::signal(SIGPIPE, SIG_IGN);  // a program that ends before its input must not end the test
+    const std::string command = (workingDir.empty() ? "" : "cd '" + workingDir + "' && ") + "USERPROFILE='" +
+                                home + "' " + env + " '" + OSTRAND_PROGRAM + "' " + args + " >'" + home +
+                                "/out' 2>'" + home + "/err'";
+    pipe_ = ::popen(command.c_str(), "w");
+  }
+  ~RunningProgram() { finish(); }
+  void send(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), pipe_);
+    std::fflush(pipe_);
+  }
+  // Waits until the standard output holds `text`; false after `seconds`.
+  bool waitFor(const std::string& text, int seconds) const {
+    for (int i = 0; i < seconds * 20; ++i) {
+      if (readFile(home_ + "/out").find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+  }
+  // Ends the input and waits for the program to end.
+  ProgramRun finish() {
+    if (pipe_ != nullptr) {
+      const int status = ::pclose(pipe_);
+      pipe_ = nullptr;
+      run_ = {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(home_ + "/out"), readFile(home_ + "/err")};
+    }
+    return run_;
+  }
+
+ private:
+  std::string home_;
+  FILE* pipe_ = nullptr;
+  ProgramRun run_;
+};
+
+// Runs the program to its end in a temporary home of its own.
+class ProgramRunner {
+ public:
+  ProgramRun run(const std::string& args, const std::string& input = "", const std::string& workingDir = "",
+                 const std::string& env = "") {
+    RunningProgram program(dir(), args, env, workingDir);
+    program.send(input);
+    return program.finish();
+  }
+  const std::string& dir() const { return home_.path(); }
+
+ private:
+  ostrand_test::TempDir home_{"ostrand-prog"};
+};
+
+void quote(std::ostringstream& out, const std::string& text, const char* mark) {
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) out << mark << line << "\n";
+}
+
+TEST(ProgramTranscript, LookupDisasmAndTheProgramItself) {
+  const std::string golden = ostrand_test::sourcePath("host/tests/golden/program");
+  std::ifstream in(golden + ".txt");
+  ASSERT_TRUE(in);
+  ProgramRunner runner;
+  std::ostringstream transcript;
+  std::string args;
+  while (std::getline(in, args)) {
+    if (args.empty() || args[0] == '#') continue;
+    const ProgramRun run = runner.run(args, "", OSTRAND_SOURCE_DIR);
+    transcript << "$ ostrand " << args << "\n";
+    quote(transcript, run.out, "| ");
+    quote(transcript, run.err, "! ");
+    transcript << "= exit " << run.exitCode << "\n";
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(transcript.str(), golden + ".expected"));
+}
 
 // What a case's hooks see: the home, the trace server's port, and the rows
 // of the table the server gave while the session was open.
@@ -78,22 +189,20 @@ void checkPowerCapture(CaseRun& run, std::string&) {
                             "' --port " + std::to_string(port) + " >'" + home + "/serve.log' 2>&1 &";
   ASSERT_EQ(std::system(serve.c_str()), 0);
   httplib::Client client("127.0.0.1", port);
-  std::string body;
-  for (int i = 0; i < 200 && (body.empty() || body == "[]"); ++i) {
-    if (auto listed = client.Get("/tsp/api/experiments"); listed && listed->status == 200) body = listed->body;
-    if (body.empty() || body == "[]") std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  json experiments = json::array();
+  for (int i = 0; i < 200 && experiments.empty(); ++i) {
+    if (auto listed = client.Get("/tsp/api/experiments"); listed && listed->status == 200) experiments = json::parse(listed->body);
+    if (experiments.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   client.Get("/stop");
-  Json::Value experiments;
-  ASSERT_TRUE(Json::Reader().parse(body, experiments)) << body << readFile(home + "/serve.log");
   bool found = false;
-  for (const Json::Value& e : experiments) {
-    if (e["traces"][0]["path"].asString().find("microbit/CM0P/Wattline") == std::string::npos) continue;
+  for (const json& e : experiments) {
+    if (e["traces"][0]["path"].get<std::string>().find("microbit/CM0P/Wattline") == std::string::npos) continue;
     found = true;
-    EXPECT_EQ(e["nbEvents"].asUInt64(), streamBytes / 26 - 1) << e;  // all but the lead-in
-    EXPECT_EQ(e["indexingStatus"].asString(), "COMPLETED") << e;
+    EXPECT_EQ(e["nbEvents"].get<uint64_t>(), streamBytes / 26 - 1) << e;  // all but the lead-in
+    EXPECT_EQ(e["indexingStatus"], "COMPLETED") << e;
   }
-  EXPECT_TRUE(found) << body;
+  EXPECT_TRUE(found) << experiments << readFile(home + "/serve.log");
 }
 
 // The MTB buffer decoded at the halt holds the program's own work, not a
@@ -226,7 +335,7 @@ std::vector<std::vector<std::string>> etbTableRows(httplib::Client& client) {
 
 // The ETB capture of the Cortex-M4's range from main to crc_update: the
 // table as the viewer reads it while the session is open.
-void readEtbTable(ostrand_test::RunningProgram& shell, CaseRun& run) {
+void readEtbTable(RunningProgram& shell, CaseRun& run) {
   ASSERT_TRUE(shell.waitFor("\"showStatusMsg\\\":false", 60)) << readFile(run.home + "/out");
   httplib::Client client("127.0.0.1", run.port);
   client.set_read_timeout(30, 0);
@@ -296,6 +405,15 @@ void checkEtbCapture(CaseRun& run, std::string& transcript) {
   }
 }
 
+// `gen tdf` saved the run the shell saves: the same recording bytes.
+void sameRecordingAsTheShell(CaseRun& run, std::string&) {
+  ProgramRunner runner;
+  const ProgramRun shell =
+      runner.run("shell --sim", ":connect mps2/CM4\n:run mps2/CM4 400\n:save mps2/CM4 " + runner.dir() + "/b.tdf\n");
+  ASSERT_EQ(shell.exitCode, 0) << shell.err;
+  EXPECT_EQ(readFile(run.home + "/.QX-trace/recordings/CM4.tdf"), readFile(runner.dir() + "/b.tdf"));
+}
+
 // A copy of the build tree's module and tool libraries without one that
 // the module requires.
 void treeWithoutOneLibrary(const std::string& home) {
@@ -313,7 +431,7 @@ struct Transcript {
   const char* args;
   void (*check)(CaseRun& run, std::string& transcript) = nullptr;
   void (*prepare)(const std::string& home) = nullptr;
-  void (*live)(ostrand_test::RunningProgram& shell, CaseRun& run) = nullptr;
+  void (*live)(RunningProgram& shell, CaseRun& run) = nullptr;
 };
 
 class ShellTranscript : public ::testing::TestWithParam<Transcript> {};
@@ -325,7 +443,7 @@ TEST_P(ShellTranscript, MatchesTheGoldenFile) {
   if (t.prepare != nullptr) t.prepare(run.home);
   const std::string input = replaceAll(readFile(kGolden + t.name + ".jsonl"), "<home>", run.home);
   const size_t live = input.find(kLive);
-  ostrand_test::RunningProgram shell(run.home, replaceAll(t.args, "<home>", run.home),
+  RunningProgram shell(run.home, replaceAll(t.args, "<home>", run.home),
                                      "OSTRAND_TSP_PORT=" + std::to_string(run.port));
   shell.send(input.substr(0, live));
   if (live != std::string::npos) {
@@ -357,22 +475,18 @@ INSTANTIATE_TEST_SUITE_P(
         Transcript{"mtb_capture", "shell --sim", checkMtbCapture},
         Transcript{"scripting_export", "shell --sim", csvHead},
         Transcript{"tdf_session", "shell --sim", checkTdfTable},
-        Transcript{"etb_capture", "shell --sim", checkEtbCapture, nullptr, readEtbTable}),
+        Transcript{"etb_capture", "shell --sim", checkEtbCapture, nullptr, readEtbTable},
+        // A NUL byte ends the shell with 4. `gen tdf` says where it saved the run and how to open it.
+        Transcript{"shell_nul_byte", "shell"},
+        Transcript{"gen_tdf", "gen tdf --data '<home>' --cpu mps2/CM4 --instructions 400", sameRecordingAsTheShell}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The messages and exit codes of bad command lines, modules that cannot be
 // loaded and the help texts are in the program's transcript (golden/program.txt).
-TEST(ShellTest, ALineWithANulByteEndsTheShellWithFour) {
-  ProgramRun nul = ostrand_test::ProgramRunner().run("shell", std::string("{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"a\0\"}\n", 48));
-  EXPECT_EQ(nul.exitCode, 4);
-  EXPECT_NE(nul.err.find("line 2 holds a NUL byte"), std::string::npos);
-  EXPECT_EQ(nul.out, "{\"response\":1}\n");
-}
-
 TEST(ShellTest, TrafficAndDiagnosticLogsWhenAsked) {
   // The JSON traffic log and the module's own log, both switched on by
   // environment variables of the host process.
-  ostrand_test::ProgramRunner runner;
+  ProgramRunner runner;
   const std::string& dir_ = runner.dir();
   const std::string traffic = dir_ + "/traffic.log";
   ProgramRun r = runner.run("shell", "{\"command\":\"cloudTrace.stopSession\",\"id\":3}\n", "",
@@ -397,23 +511,9 @@ TEST(ShellTest, EndOfInputWaitsForOwedRepliesOnly) {
   // A cancel of a command already answered owes nothing; the shell ends at
   // once without using up its wait.
   auto start = std::chrono::steady_clock::now();
-  ProgramRun r = ostrand_test::ProgramRunner().run("shell --wait 20", "{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"cancel\":1}\n");
+  ProgramRun r = ProgramRunner().run("shell --wait 20", "{\"command\":\"cloudTrace.stopSession\",\"id\":1}\n{\"cancel\":1}\n");
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-}
-
-// `gen tdf` saves a run the same way as the shell and says where, and how
-// to open it. Its bad command lines are in the program's transcript.
-TEST(GenTdf, SavesTheRunTheShellSavesAndSaysHowToOpenIt) {
-  ostrand_test::ProgramRunner runner;
-  ProgramRun gen = runner.run("gen tdf --data '" + runner.dir() + "' --cpu mps2/CM4 --instructions 400");
-  ASSERT_EQ(gen.exitCode, 0) << gen.err;
-  const std::string file = runner.dir() + "/.QX-trace/recordings/CM4.tdf";
-  EXPECT_EQ(gen.out, file + "\n");
-  EXPECT_NE(gen.err.find("cloudTrace.configureTDFSession"), std::string::npos) << gen.err;
-  ProgramRun shell = runner.run("shell --sim", ":connect mps2/CM4\n:run mps2/CM4 400\n:save mps2/CM4 " + runner.dir() + "/b.tdf\n");
-  ASSERT_EQ(shell.exitCode, 0) << shell.err;
-  EXPECT_EQ(readFile(file), readFile(runner.dir() + "/b.tdf"));
 }
 
 }  // namespace
