@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -65,8 +64,7 @@ TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
   const PowerCase& c = GetParam();
   Xevt::IOperationServer* s = operations(c.cpu);
   ASSERT_NE(s, nullptr);
-  const std::string capture = dir() + "/power-" + c.cpu;
-  std::filesystem::remove_all(capture);
+  const std::string capture = dir() + "/power";
   auto* op = configure(s, tree(s, "WL", {s->makeBoolean("WLplus", true), s->makeString("DataDir", capture.c_str())}));
   ASSERT_EQ(simConnect(c.cpu), 0) << lastError();
   ASSERT_EQ(simRun(c.cpu, 60000), 0) << lastError();
@@ -82,18 +80,16 @@ TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
   ASSERT_GT(records, 40u);  // 100 us apart over several ms of virtual time
   const Symbols program(std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/" + c.elf);
   size_t asleep = 0, uart = 0;
-  auto word = [&](size_t at) {
-    uint32_t w = 0;
-    std::memcpy(&w, &bytes[at], 4);
-    return w;
+  auto field = [&](size_t at, size_t size) {  // little-endian
+    uint64_t v = 0;
+    std::memcpy(&v, &bytes[at], size);
+    return v;
   };
   for (size_t r = 1; r < records; ++r) {
     const size_t at = r * 26;
     EXPECT_EQ(bytes[at], 0x27);
-    uint64_t time = 0;
-    std::memcpy(&time, &bytes[at + 1], 7);
-    EXPECT_EQ(time, 100u * r);
-    const uint32_t w0 = word(at + 8), pc = word(at + 12);
+    EXPECT_EQ(field(at + 1, 7), 100u * r);  // the time in us
+    const auto w0 = static_cast<uint32_t>(field(at + 8, 4)), pc = static_cast<uint32_t>(field(at + 12, 4));
     asleep += (w0 & 3u) == c.sleepMode;
     uart += (w0 >> 8) & 1u;
     EXPECT_FALSE(program.image.functionAt(pc).empty()) << std::hex << pc;

@@ -73,22 +73,22 @@ class Recorder final : public Hemlock::PBATargetAdapterEventListener,
     threads.push_back(std::this_thread::get_id());
     changed.notify_all();
   }
-  // Waits until `text` has come; the events so far.
-  std::vector<std::string> until(const std::string& text) {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, std::chrono::seconds(10),
-                     [&] { return std::find(events.begin(), events.end(), text) != events.end(); });
-    return events;
-  }
-  size_t count(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<size_t>(std::count(events.begin(), events.end(), text));
-  }
+  // Waits until `text` has come `n` times; false after 10 s.
   bool waitCount(const std::string& text, size_t n) {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, std::chrono::seconds(10), [&] {
       return static_cast<size_t>(std::count(events.begin(), events.end(), text)) >= n;
     });
+  }
+  // Waits until `text` has come; the events so far.
+  std::vector<std::string> until(const std::string& text) {
+    waitCount(text, 1);
+    std::lock_guard<std::mutex> lock(mutex);
+    return events;
+  }
+  size_t count(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<size_t>(std::count(events.begin(), events.end(), text));
   }
   std::mutex mutex;
   std::condition_variable changed;
