@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
@@ -37,8 +36,7 @@ TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
     EXPECT_GT(power.samples(), 600u);
   }
 
-  std::ifstream supFile(dir + "/metadataSup.json");
-  const nlohmann::json sup = nlohmann::json::parse(supFile);
+  const auto sup = nlohmann::json::parse(ostrand_test::readFile(dir + "/metadataSup.json"));
   WLDataNode node;
   node.dsr = VSKTspServer::makeStateDecoder(node, sup["JState"]["version"].get<int>());
   node.dsr->initDefaults();

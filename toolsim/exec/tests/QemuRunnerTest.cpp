@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include "ExecTestSupport.hpp"
