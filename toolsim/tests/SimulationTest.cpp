@@ -32,9 +32,10 @@ TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread
   Hemlock::IHemlockJobManager* jobs = nullptr;
   entry<GetHemlockMgrIF_t>("hemlock", "GetHemlockMgrIF")(&manager);
   entry<GetHemlockJobMgrIF_t>("hemlock", "GetHemlockJobMgrIF")(&jobs);
-  Client client(rec);
-  int32_t id = jobs->getTargetId("microbit/CM0P", true);
-  manager->registerClient(&client, id);
+  Client client(rec);  // registered for the CPU as the module registers it
+  client.init("test", 0, manager, jobs);
+  ASSERT_TRUE(client.attachTarget("microbit/CM0P", true));
+  const int32_t id = client.currentTargetId();
   Channels channels(&rec);
 
   ASSERT_EQ(simConnect("microbit/CM0P"), 0) << lastError();
@@ -56,7 +57,7 @@ TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread
   EXPECT_EQ(events, expected);
   for (std::thread::id t : rec.threads) EXPECT_NE(t, std::this_thread::get_id());
 
-  manager->unregisterClient(&client, id);
+  client.detachTarget("microbit/CM0P");
   removeAdapterConsumer(&rec);
   entry<RemoveTargetEventConsumer_t>("PBATargetAdapter", "RemoveTargetEventConsumer")(&rec);
 }
