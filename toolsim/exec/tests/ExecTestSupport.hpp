@@ -1,5 +1,6 @@
 // Helpers shared by the execution tests: the test programs, a consumer that
-// records every step, and an independent reading of QEMU's raw log.
+// records every step, an independent reading of QEMU's raw log, a bounded
+// run of a board and the sequential stretches of its addresses.
 #pragma once
 
 #include <signal.h>
@@ -15,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "ExecStep.hpp"
+#include "ProgramImage.hpp"
+#include "QemuRunner.hpp"
 
 namespace OstrandSim::test {
 
@@ -70,12 +73,6 @@ inline std::vector<uint32_t> executedFromLog(const std::string& path) {
 
 inline bool processAlive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
 
-}  // namespace OstrandSim::test
-
-#include "ProgramImage.hpp"
-#include "QemuRunner.hpp"
-
-namespace OstrandSim::test {
 
 // A run of `board`'s test program, QEMU's log copied to `log` when given.
 inline QemuRunConfig runConfig(const Board& board, const std::string& log = "") {
