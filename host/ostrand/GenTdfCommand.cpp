@@ -8,10 +8,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "ostrand/ArgReader.hpp"
 #include "ostrand/ExitCodes.hpp"
 #include "ostrand/Subcommands.hpp"
 #include "sim/SimControl.hpp"
@@ -53,40 +53,33 @@ struct Options {
 
 constexpr uint64_t kMaxInstructions = 100'000'000;
 
+// 0 when the options are good, else the exit code (the message is printed).
 int parse(int argc, char** argv, Options& o, bool& help) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
+  ArgReader args("ostrand gen tdf", argc, argv);
+  std::string value;
+  while (args.next()) {
+    if (args.isHelp()) {
       help = true;
       return kExitOk;
     }
-    const bool known = arg == "--scenario" || arg == "--cpu" || arg == "--instructions" || arg == "--out" ||
-                       arg == "--data" || arg == "--module";
-    if (!known) {
-      std::fprintf(stderr, "ostrand gen tdf: unknown option '%s'; see 'ostrand gen tdf --help'\n", arg.c_str());
-      return kExitUsage;
-    }
-    if (i + 1 >= argc) {
-      std::fprintf(stderr, "ostrand gen tdf: %s needs a value; see 'ostrand gen tdf --help'\n", arg.c_str());
-      return kExitUsage;
-    }
-    const char* value = argv[++i];
-    if (arg == "--instructions") {
+    if (!args.isAny({"--scenario", "--cpu", "--instructions", "--out", "--data", "--module"}) ||
+        !args.value(value))
+      return args.fail();
+    if (args.is("--instructions")) {
       char* end = nullptr;
       errno = 0;
-      const unsigned long long n = std::strtoull(value, &end, 10);
-      if (*value == '\0' || *value == '-' || *end != '\0' || errno != 0 || n < 1 || n > kMaxInstructions) {
-        std::fprintf(stderr, "ostrand gen tdf: --instructions wants a number from 1 to %" PRIu64 ", not '%s'\n",
-                     kMaxInstructions, value);
-        return kExitUsage;
+      const unsigned long long n = std::strtoull(value.c_str(), &end, 10);
+      if (value.empty() || value[0] == '-' || *end != '\0' || errno != 0 || n < 1 || n > kMaxInstructions) {
+        return args.fail("--instructions wants a number from 1 to " + std::to_string(kMaxInstructions) +
+                         ", not '" + value + "'");
       }
       o.instructions = n;
     } else {
-      std::string& field = arg == "--scenario" ? o.scenario
-                           : arg == "--cpu"    ? o.cpu
-                           : arg == "--out"    ? o.out
-                           : arg == "--data"   ? o.dataDir
-                                               : o.module;
+      std::string& field = args.is("--scenario") ? o.scenario
+                           : args.is("--cpu")    ? o.cpu
+                           : args.is("--out")    ? o.out
+                           : args.is("--data")   ? o.dataDir
+                                                 : o.module;
       field = value;
     }
   }
@@ -118,15 +111,8 @@ int runGenTdf(int argc, char** argv) {
     return kExitOk;
   }
   if (o.out.empty()) {
-    if (o.dataDir.empty()) {
-      const char* home = std::getenv("USERPROFILE");
-      if (home == nullptr || *home == '\0') home = std::getenv("HOME");
-      if (home == nullptr || *home == '\0') {
-        std::fprintf(stderr, "ostrand gen tdf: set USERPROFILE or HOME, or pass --data DIR or --out FILE\n");
-        return kExitUsage;
-      }
-      o.dataDir = home;
-    }
+    o.dataDir = userDirectoryOr(o.dataDir, "ostrand gen tdf", "--data DIR or --out FILE");
+    if (o.dataDir.empty()) return kExitUsage;
     o.out = (fs::path(o.dataDir) / ".QX-trace" / "recordings" / (fs::path(o.cpu).filename().string() + ".tdf")).string();
   }
   std::error_code ec;

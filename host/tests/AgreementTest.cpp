@@ -11,10 +11,8 @@
 #include <map>
 #include <sstream>
 
+#include "HostKitApis.hpp"
 #include "TestSupport.hpp"
-#include "kit/CapstoneDisasmManager.hpp"
-#include "kit/ElfSymbolManager.hpp"
-#include "source_utilities/HostApis.hpp"
 #include "symbols/CloudDisasm.hpp"
 #include "symbols/ObjectFileInfo.hpp"
 
@@ -78,15 +76,9 @@ class AgreementTest : public ::testing::TestWithParam<const char*> {
   void SetUp() override {
     if (!haveTool("arm-none-eabi-objdump") || !haveTool("arm-none-eabi-addr2line"))
       GTEST_SKIP() << "binutils-arm-none-eabi is not installed (scripts/install-deps.sh)";
-    QX_NLV::setSymbolManagerApi(static_cast<sym_lite::ISymbolManager*>(&symbols));
-    QX_NLV::setDisAsmManagerApi(static_cast<disasm_lite::IDisassemblyManager*>(&disassembly));
+    ostrand_test::HostKitApis::install();
   }
-  void TearDown() override {
-    QX_NLV::setSymbolManagerApi(nullptr);
-    QX_NLV::setDisAsmManagerApi(nullptr);
-  }
-  hostkit::ElfSymbolManager symbols;
-  hostkit::CapstoneDisasmManager disassembly;
+  void TearDown() override { ostrand_test::HostKitApis::uninstall(); }
 };
 
 TEST_P(AgreementTest, FunctionLineAndMnemonicMatchTheGnuTools) {
@@ -94,15 +86,11 @@ TEST_P(AgreementTest, FunctionLineAndMnemonicMatchTheGnuTools) {
   auto instructions = objdumpInstructions(elf);
   ASSERT_GT(instructions.size(), 50u);
 
-  std::string addresses;
-  for (const auto& i : instructions) addresses += "0x" + [&] {
-    char t[20];
-    std::snprintf(t, sizeof t, "%llx", (unsigned long long)i.address);
-    return std::string(t);
-  }() + "\n";
+  std::ostringstream addresses;
+  for (const auto& i : instructions) addresses << "0x" << std::hex << i.address << "\n";
   // One file per program: the programs run as tests of their own, side by side.
   const std::string list = ::testing::TempDir() + "agreement_addresses_" + GetParam() + ".txt";
-  std::ofstream(list) << addresses;
+  std::ofstream(list) << addresses.str();
   std::istringstream answers(commandOutput("arm-none-eabi-addr2line -f -e " + elf + " < " + list));
 
   auto info = ObjectFileInfo::create(elf);
@@ -147,7 +135,7 @@ TEST_P(AgreementTest, FunctionLineAndMnemonicMatchTheGnuTools) {
   EXPECT_GE(mnemonicSame / total, 0.99) << differences.str();
 }
 
-INSTANTIATE_TEST_SUITE_P(Programs, AgreementTest, ::testing::Values("m0plus.elf", "m4.elf", "bench.elf"),
+INSTANTIATE_TEST_SUITE_P(Programs, AgreementTest, ::testing::Values("m0plus.elf", "m4.elf", "bench.elf", "run_mps2.elf"),
                          [](const auto& info) {
                            std::string name = info.param;
                            return name.substr(0, name.find('.'));

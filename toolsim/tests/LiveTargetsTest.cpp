@@ -5,11 +5,11 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "SimTestSupport.hpp"
+#include "TestSupport.hpp"
 
 namespace {
 
@@ -22,18 +22,12 @@ TEST_F(SimulationTest, CpusRunUnderQemuAndTheEmulatorEndsWithTheScenario) {
   ASSERT_EQ(simRun("mps2/CM4", 300), 0) << lastError();
   ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0) << lastError();
   EXPECT_EQ(qemuChildren(), 1u);
-  Trace::IChannelFoundry* foundry = createFoundry();
-  Trace::IChannelServer* server = nullptr;
-  foundry->CreateChannelServer(server, 1);
-  Rows rows = decode(foundry, server, "mps2/CM4", "ETB", 1000);
   size_t instructions = 0;
-  for (const auto& row : rows.cells) instructions += row[1].empty() ? 0 : 1;
+  for (const auto& row : Channels().decode("mps2/CM4", "ETB", 1000).cells) instructions += row[1].empty() ? 0 : 1;
   // The default 4 KiB buffer holds them all, up to the last branch (the
   // stream places instructions at the waypoints that end them).
   EXPECT_LE(instructions, 300u);
   EXPECT_GE(instructions, 280u);
-  foundry->DestroyChannelServer(server, 0);
-  entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
   ASSERT_EQ(loadScenario(""), 0);
   EXPECT_EQ(qemuChildren(), 0u);
 }
@@ -68,12 +62,9 @@ class PowerProbe : public SimulationTest, public ::testing::WithParamInterface<P
 
 TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
   const PowerCase& c = GetParam();
-  char error[Xevt::kErrorTextSize] = {};
-  Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  Xevt::IOperationServer* s = session->getOperationServer(c.cpu, error, sizeof error);
-  sessions()->releaseSession(session);
-  const std::string capture = dir() + "/power-" + c.cpu;
-  std::filesystem::remove_all(capture);
+  Xevt::IOperationServer* s = operations(c.cpu);
+  ASSERT_NE(s, nullptr);
+  const std::string capture = dir() + "/power";
   auto* op = configure(s, tree(s, "WL", {s->makeBoolean("WLplus", true), s->makeString("DataDir", capture.c_str())}));
   ASSERT_EQ(simConnect(c.cpu), 0) << lastError();
   ASSERT_EQ(simRun(c.cpu, 60000), 0) << lastError();
@@ -81,28 +72,24 @@ TEST_P(PowerProbe, AnArmedProbeCapturesWhatTheProgramDoes) {
   op->release();
   s->release();
 
-  std::ifstream sup(capture + "/metadataSup.json");
-  std::string text((std::istreambuf_iterator<char>(sup)), std::istreambuf_iterator<char>());
+  const std::string text = ostrand_test::readFile(capture + "/metadataSup.json");
   EXPECT_NE(text.find(c.description), std::string::npos) << text;
-  std::ifstream in(capture + "/WLData.bin", std::ios::binary);
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string bytes = ostrand_test::readFile(capture + "/WLData.bin");
   ASSERT_EQ(bytes.size() % 26, 0u);
   const size_t records = bytes.size() / 26;
   ASSERT_GT(records, 40u);  // 100 us apart over several ms of virtual time
   const Symbols program(std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/" + c.elf);
   size_t asleep = 0, uart = 0;
-  auto word = [&](size_t at) {
-    uint32_t w = 0;
-    std::memcpy(&w, &bytes[at], 4);
-    return w;
+  auto field = [&](size_t at, size_t size) {  // little-endian
+    uint64_t v = 0;
+    std::memcpy(&v, &bytes[at], size);
+    return v;
   };
   for (size_t r = 1; r < records; ++r) {
     const size_t at = r * 26;
     EXPECT_EQ(bytes[at], 0x27);
-    uint64_t time = 0;
-    std::memcpy(&time, &bytes[at + 1], 7);
-    EXPECT_EQ(time, 100u * r);
-    const uint32_t w0 = word(at + 8), pc = word(at + 12);
+    EXPECT_EQ(field(at + 1, 7), 100u * r);  // the time in us
+    const auto w0 = static_cast<uint32_t>(field(at + 8, 4)), pc = static_cast<uint32_t>(field(at + 12, 4));
     asleep += (w0 & 3u) == c.sleepMode;
     uart += (w0 >> 8) & 1u;
     EXPECT_FALSE(program.image.functionAt(pc).empty()) << std::hex << pc;

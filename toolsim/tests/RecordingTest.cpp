@@ -5,6 +5,7 @@
 // a message that names the file, never a crash.
 #include <algorithm>
 #include <functional>
+#include <memory>
 
 #include "SimTestSupport.hpp"
 #include "TestSupport.hpp"
@@ -15,7 +16,6 @@ using namespace ostrand_sim_test;
 namespace fs = std::filesystem;
 
 const auto simSave = entry<OstrandSim_Save_t>("hemlock", "OstrandSim_Save");
-const auto destroyFoundry = entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry");
 
 class RecordingTest : public ::testing::Test {
  protected:
@@ -35,44 +35,25 @@ class RecordingTest : public ::testing::Test {
     return path(file);
   }
 
-  // The live decoder of a CPU's last run.
-  Rows live(const char* cpu, const char* receiver) {
-    Trace::IChannelServer* server = nullptr;
-    foundry_->CreateChannelServer(server, 1);
-    Trace::IChannelDriver* driver = nullptr;
-    EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
-    Trace::IDecoder* decoder = nullptr;
-    foundry_->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
-    Rows rows = readRows(decoder, 500);
-    foundry_->DestroyDecoder(decoder);
-    foundry_->DestroyChannelServer(server, 0);
-    return rows;
-  }
-
   // The file decoder as the module drives it: file channel driver, file
   // decoder, LoadFile, LoadConfiguration; the clock from the configuration.
   Rows file(const std::string& tdf, const char* receiver, const char* program, int64_t* clockHz = nullptr) {
     Trace::IFileChannelDriver* driver = nullptr;
     foundry_->CreateFileChannelDriver(driver);
     Trace::IDecoder* decoder = nullptr;
-    Rows rows;
-    try {
-      foundry_->CreateDecoder(driver, receiver, nullptr, program, decoder, tdf.c_str());
-      Trace::IDeviceConfigManager* config = nullptr;
-      foundry_->LookupDeviceConfigManager(decoder, config);
-      decoder->LoadFile(tdf.c_str(), 0, 0);
-      config->LoadConfiguration(tdf.c_str(), 0);
-      Trace::ConfigProperty clock;
-      if (clockHz != nullptr && config->getProperty("Timing Clock Frequency", clock)) *clockHz = clock.integer;
-      rows = readRows(decoder, 500);
-    } catch (...) {
+    // Both go whether the decoder reads the file or refuses it.
+    const std::shared_ptr<void> release(nullptr, [&](void*) {
       if (decoder != nullptr) foundry_->DestroyDecoder(decoder);
       foundry_->DestroyFileChannelDriver(driver);
-      throw;
-    }
-    foundry_->DestroyDecoder(decoder);
-    foundry_->DestroyFileChannelDriver(driver);
-    return rows;
+    });
+    foundry_->CreateDecoder(driver, receiver, nullptr, program, decoder, tdf.c_str());
+    Trace::IDeviceConfigManager* config = nullptr;
+    foundry_->LookupDeviceConfigManager(decoder, config);
+    decoder->LoadFile(tdf.c_str(), 0, 0);
+    config->LoadConfiguration(tdf.c_str(), 0);
+    Trace::ConfigProperty clock;
+    if (clockHz != nullptr && config->getProperty("Timing Clock Frequency", clock)) *clockHz = clock.integer;
+    return readRows(decoder, 500);
   }
 
   ostrand_test::TempDir dir_{"toolsim-rec"};
@@ -91,7 +72,7 @@ class SavedRuns : public RecordingTest, public ::testing::WithParamInterface<Sav
 TEST_P(SavedRuns, DecodeFromTheFileToTheLiveRows) {
   const SavedRun& run = GetParam();
   const std::string tdf = runAndSave(run.cpu, run.instructions, fs::path(run.cpu).filename().string() + ".tdf");
-  const Rows liveRows = live(run.cpu, run.receiver);
+  const Rows liveRows = Channels().decode(run.cpu, run.receiver, 500);
   ASSERT_GT(liveRows.cells.size(), 4u);
   int64_t clock = 0;
   const Rows fileRows = file(tdf, run.receiver, nullptr, &clock);
@@ -168,50 +149,37 @@ TEST_F(RecordingTest, AProgramMovedWithTheRecordingIsFoundBesideIt) {
 
 // ---- damaged files ------------------------------------------------------------
 
-using Bytes = std::vector<char>;
-
-Bytes readBytes(const std::string& p) {
-  std::ifstream in(p, std::ios::binary);
-  return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-void writeBytes(const std::string& p, const Bytes& b) {
-  std::ofstream(p, std::ios::binary | std::ios::trunc).write(b.data(), static_cast<std::streamsize>(b.size()));
-}
-
-size_t find(const Bytes& b, const std::string& text) {
-  auto it = std::search(b.begin(), b.end(), text.begin(), text.end());
-  return static_cast<size_t>(it - b.begin());
-}
+using ostrand_test::readFile;
+using ostrand_test::writeFile;
 
 struct Damage {
   const char* name;
-  std::function<void(Bytes&)> change;
+  std::function<void(std::string&)> change;
   const char* error;  // a part of the message
 };
 
 TEST_F(RecordingTest, DamagedFilesAreRefusedWithTheFileAndTheFault) {
   const std::string good = runAndSave("microbit/CM0P", 3000, "good.tdf");
-  const Bytes original = readBytes(good);
+  const std::string original = readFile(good);
   const std::vector<Damage> damages = {
-      {"empty", [](Bytes& b) { b.clear(); }, "cut short in the header"},
-      {"old header", [](Bytes& b) { std::memcpy(b.data(), "TDF1", 4); }, "no TDF2 header"},
-      {"format version", [](Bytes& b) { b[8] = 99; }, "format version 99 not supported"},
-      {"component", [](Bytes& b) { b[16] = 'X'; }, "wrong component name"},
-      {"data magic", [](Bytes& b) { b[find(b, "OSTD")] = 'X'; }, "no data section"},
-      {"data version", [](Bytes& b) { b[find(b, "OSTD") + 4] = 7; }, "data section of another version"},
-      {"configuration", [](Bytes& b) { b[find(b, "CONF") + 8] = '['; }, "configuration is not JSON"},
-      {"trace chunk tag", [](Bytes& b) { b[find(b, "MTBB")] = 'X'; }, "no trace in the data section"},
-      {"MTB position", [](Bytes& b) { b[find(b, "MTBB") + 8] = 3; }, "MTB position outside its buffer"},
-      {"chunk length", [](Bytes& b) { b[find(b, "MTBB") + 7] = 0x7F; }, "cut short in a chunk"},
-      {"program", [](Bytes& b) { b[find(b, "run_microbit.elf") + 15] = 'X'; }, "program file cannot be read"},
+      {"empty", [](std::string& b) { b.clear(); }, "cut short in the header"},
+      {"old header", [](std::string& b) { std::memcpy(b.data(), "TDF1", 4); }, "no TDF2 header"},
+      {"format version", [](std::string& b) { b[8] = 99; }, "format version 99 not supported"},
+      {"component", [](std::string& b) { b[16] = 'X'; }, "wrong component name"},
+      {"data magic", [](std::string& b) { b[b.find("OSTD")] = 'X'; }, "no data section"},
+      {"data version", [](std::string& b) { b[b.find("OSTD") + 4] = 7; }, "data section of another version"},
+      {"configuration", [](std::string& b) { b[b.find("CONF") + 8] = '['; }, "configuration is not JSON"},
+      {"trace chunk tag", [](std::string& b) { b[b.find("MTBB")] = 'X'; }, "no trace in the data section"},
+      {"MTB position", [](std::string& b) { b[b.find("MTBB") + 8] = 3; }, "MTB position outside its buffer"},
+      {"chunk length", [](std::string& b) { b[b.find("MTBB") + 7] = 0x7F; }, "cut short in a chunk"},
+      {"program", [](std::string& b) { b[b.find("run_microbit.elf") + 15] = 'X'; }, "program file cannot be read"},
   };
   for (const Damage& d : damages) {
     SCOPED_TRACE(d.name);
     const std::string bad = path(std::string("bad-") + d.name + ".tdf");
-    Bytes bytes = original;
+    std::string bytes = original;
     d.change(bytes);
-    writeBytes(bad, bytes);
+    writeFile(bad, bytes);
     try {
       file(bad, "MTB", nullptr);
       ADD_FAILURE() << "a damaged file was decoded";
@@ -226,7 +194,7 @@ TEST_F(RecordingTest, DamagedFilesAreRefusedWithTheFileAndTheFault) {
   // and nothing crashes.
   for (size_t size = 0; size < original.size(); size += 5) {
     const std::string cut = path("cut.tdf");
-    writeBytes(cut, Bytes(original.begin(), original.begin() + static_cast<long>(size)));
+    writeFile(cut, original.substr(0, size));
     EXPECT_THROW(file(cut, "MTB", nullptr), Hemlock::hemlockErrorIF) << size;
     char error[Xevt::kErrorTextSize] = {};
     EXPECT_EQ(sessions()->openFileSession(cut.c_str(), error, sizeof error), nullptr) << size;

@@ -1,6 +1,7 @@
 // What the tests of the simulated debug environment share: the libraries'
-// entry points, an event recorder, a client, reading a decoder as the module
-// does, property trees, the programs' symbols and the test fixture.
+// entry points, an event recorder, the module's tool client, reading a
+// decoder as the module does, property trees, the programs' symbols and the
+// test fixture.
 #pragma once
 
 #include <dlfcn.h>
@@ -17,9 +18,11 @@
 #include <vector>
 
 #include "ProgramImage.hpp"
+#include "TestSupport.hpp"
 #include "hemlock/ToolEntryPoints.hpp"
 #include "hemlock/hemlockErrorIF.hpp"
 #include "sim/SimControl.hpp"
+#include "tool_access/CloudHLClientBase.hpp"
 
 namespace ostrand_sim_test {
 
@@ -40,6 +43,10 @@ inline const auto simConnect = entry<OstrandSim_Connect_t>("hemlock", "OstrandSi
 inline const auto getNumCpu = entry<GetNumCpu_t>("PBATargetAdapter", "GetNumCpu");
 inline const auto sessions = entry<XEVT_GetSessionManager_t>("qx_xevt_session", "XEVT_GetSessionManager");
 inline const auto createFoundry = entry<CreateChannelFoundry_t>("ChannelFoundry", "CreateChannelFoundry");
+inline const auto destroyFoundry = entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry");
+inline const auto addAdapterConsumer = entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer");
+inline const auto removeAdapterConsumer =
+    entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer");
 
 // Records every event with the thread it came on.
 class Recorder final : public Hemlock::PBATargetAdapterEventListener,
@@ -66,22 +73,22 @@ class Recorder final : public Hemlock::PBATargetAdapterEventListener,
     threads.push_back(std::this_thread::get_id());
     changed.notify_all();
   }
-  // Waits until `text` has come; the events so far.
-  std::vector<std::string> until(const std::string& text) {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, std::chrono::seconds(10),
-                     [&] { return std::find(events.begin(), events.end(), text) != events.end(); });
-    return events;
-  }
-  size_t count(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<size_t>(std::count(events.begin(), events.end(), text));
-  }
+  // Waits until `text` has come `n` times; false after 10 s.
   bool waitCount(const std::string& text, size_t n) {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, std::chrono::seconds(10), [&] {
       return static_cast<size_t>(std::count(events.begin(), events.end(), text)) >= n;
     });
+  }
+  // Waits until `text` has come; the events so far.
+  std::vector<std::string> until(const std::string& text) {
+    waitCount(text, 1);
+    std::lock_guard<std::mutex> lock(mutex);
+    return events;
+  }
+  size_t count(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<size_t>(std::count(events.begin(), events.end(), text));
   }
   std::mutex mutex;
   std::condition_variable changed;
@@ -89,29 +96,14 @@ class Recorder final : public Hemlock::PBATargetAdapterEventListener,
   std::vector<std::thread::id> threads;
 };
 
-class Client final : public Hemlock::HLClientBaseIF {
+// The module's own tool client, its job events recorded.
+class Client final : public CloudHLClientBase {
  public:
-  explicit Client(Recorder& r) : recorder(r) {}
-  bool isSameClient(HLClientBaseIF*) override { return false; }
-  bool init(const char*, uint32_t) override { return true; }
-  bool attachTarget(const char*, bool) override { return true; }
-  int32_t reregister() override { return 0; }
+  explicit Client(Recorder& r) : CloudHLClientBase(nullptr), recorder(r) {}
   bool onJobEvent(uint32_t kind, uint64_t id) override {
     recorder.add("job " + std::to_string(kind) + " " + std::to_string(id));
     return true;
   }
-  bool onClientEvent(uint32_t, uint64_t) override { return true; }
-  int32_t reservedA() override { return 0; }
-  void jobHookFive() override {}
-  void jobHookFour() override {}
-  int32_t clientHookA() override { return 0; }
-  int32_t clientHookB() override { return 0; }
-  int32_t reservedB() override { return 0; }
-  int32_t reservedC() override { return -1; }
-  const char* getName() override { return "test"; }
-  bool init(const char*, uint32_t, Hemlock::IHemlockManager*, Hemlock::IHemlockJobManager*) override { return true; }
-  bool detachTarget(const char*) override { return true; }
-  int32_t reservedD() override { return 0; }
   Recorder& recorder;
 };
 
@@ -207,16 +199,42 @@ inline Rows readRows(Trace::IDecoder* decoder, uint32_t block) {
   return out;
 }
 
-// The rows of a CPU's live decoder.
-inline Rows decode(Trace::IChannelFoundry* foundry, Trace::IChannelServer* server, const char* cpu,
-            const char* receiver, uint32_t block) {
-  Trace::IChannelDriver* driver = nullptr;
-  EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
-  Trace::IDecoder* decoder = nullptr;
-  foundry->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
-  Rows out = readRows(decoder, block);
-  foundry->DestroyDecoder(decoder);
-  return out;
+// A channel foundry with one server, both gone with the object; `listener`
+// hears the server's channel events.
+struct Channels {
+  explicit Channels(Trace::ChannelClient* listener = nullptr) {
+    foundry->CreateChannelServer(server, 1);
+    if (listener != nullptr) server->RegisterForEvents(listener);
+  }
+  ~Channels() {
+    foundry->DestroyChannelServer(server, 0);
+    destroyFoundry(foundry);
+  }
+  // The rows of a CPU's live decoder.
+  Rows decode(const char* cpu, const char* receiver, uint32_t block) {
+    Trace::IChannelDriver* driver = nullptr;
+    EXPECT_TRUE(server->GetChannelDriver(cpu, driver));
+    Trace::IDecoder* decoder = nullptr;
+    foundry->CreateDecoder(driver, receiver, nullptr, nullptr, decoder);
+    Rows out = readRows(decoder, block);
+    foundry->DestroyDecoder(decoder);
+    return out;
+  }
+  Trace::IChannelFoundry* foundry = createFoundry();
+  Trace::IChannelServer* server = nullptr;
+};
+
+// The operation server of a CPU in a live session, or of its trace unit's
+// sub-operations.
+inline Xevt::IOperationServer* operations(const char* cpu, bool sub = false) {
+  char error[Xevt::kErrorTextSize] = {};
+  Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
+  EXPECT_NE(session, nullptr) << error;
+  Xevt::IOperationServer* s = sub ? session->getSubOperationServer(cpu, error, sizeof error)
+                                  : session->getOperationServer(cpu, error, sizeof error);
+  sessions()->releaseSession(session);
+  EXPECT_NE(s, nullptr) << error;
+  return s;
 }
 
 // Property trees as the module builds them.
@@ -230,6 +248,21 @@ inline Xevt::IProperty* tree(Xevt::IOperationServer* s, const std::string& recei
   }
   root->addChild(rec);
   rec->release();
+  return root;
+}
+
+// A sub-operation's tree: the action and the addresses it takes.
+inline Xevt::IProperty* actionTree(Xevt::IOperationServer* s, const char* action,
+                                   const std::vector<std::pair<const char*, uint32_t>>& at) {
+  Xevt::IProperty* root = s->makeGroup("Type");
+  Xevt::IProperty* actions = s->makeString("Actions", action);
+  for (auto [name, address] : at) {
+    Xevt::IProperty* p = s->makeAddress(name, address, 0);
+    actions->addChild(p);
+    p->release();
+  }
+  root->addChild(actions);
+  actions->release();
   return root;
 }
 
@@ -247,11 +280,8 @@ class SimulationTest : public ::testing::Test {
   void TearDown() override {
     for (const char* cpu : {"microbit/CM0P", "mps2/CM4"}) simHalt(cpu), waitHalted(cpu, 5000);
   }
-  std::string dir() {
-    auto d = std::filesystem::temp_directory_path() / ("toolsim-" + std::to_string(getpid()));
-    std::filesystem::create_directories(d);
-    return d.string();
-  }
+  const std::string& dir() const { return dir_.path(); }
+  ostrand_test::TempDir dir_{"toolsim"};
 };
 
 }  // namespace ostrand_sim_test

@@ -8,53 +8,35 @@ namespace {
 
 using namespace ostrand_sim_test;
 
+// testdata/broken_scenarios.txt holds each scenario with what its message names.
 TEST_F(SimulationTest, BrokenScenariosSayWhatIsWrongAndKeepTheActiveOne) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"{", "not JSON"},
-      {R"({"name":"x","devices":[]})", "'devices' must be a non-empty array"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":99}]}]})",
-       "devices[0].nodes[0]: 'kind' must be one of"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":36,
-          "program":"nowhere.elf","machine":"m","clock_hz":1}]}]})", "file not found"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":36,
-          "program":"/bin/sh","machine":"microbit","clock_hz":1,"jstate":{"name":"J","version":3,"bitFields":[]}}],
-          "routes":[{"source":"C","receiver":"ITM"}]}]})", "'version' must be 2, 4 or 5"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":36,
-          "program":"/bin/sh","machine":"microbit","clock_hz":1}],"routes":[{"source":"C","receiver":"WL","sink":"Z"}]}]})",
-       "routes[0]: 'sink' must name a node of this device"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":36,
-          "program":"/bin/sh","machine":"m","clock_hz":1}]}]})", "'machine' must be microbit, mps2-an385"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":36,
-          "program":"/bin/sh","machine":"microbit","clock_hz":1,"power":{"peripherals":{"RADIO":2}}}]}]})",
-       "power.peripherals.RADIO: machine 'microbit' has no peripheral 'RADIO'"},
-      {R"({"name":"x","devices":[{"name":"D","id":1,"nodes":[{"name":"C","type":"cpu","kind":36,
-          "program":"/bin/sh","machine":"microbit","clock_hz":1,"power":{"peripherals":{"ADC":{"ma":1,"register":"x"}}}}]}]})",
-       "'register' must be a 32-bit address"},
-  };
-  std::string file = dir() + "/broken.json";
-  for (const auto& [text, expected] : cases) {
+  std::ifstream cases(std::string(OSTRAND_SOURCE_DIR) + "/toolsim/tests/testdata/broken_scenarios.txt");
+  const std::string file = dir() + "/broken.json";
+  size_t count = 0;
+  for (std::string text, expected; std::getline(cases, text);) {
+    if (text.empty() || text[0] == '#' || !std::getline(cases, expected)) continue;
+    ++count;
     std::ofstream(file) << text;
-    EXPECT_EQ(loadScenario(file.c_str()), -1);
+    EXPECT_EQ(loadScenario(file.c_str()), -1) << text;
     EXPECT_NE(std::string(lastError()).find(expected), std::string::npos) << lastError();
   }
+  EXPECT_EQ(count, 9u);
   EXPECT_EQ(getNumCpu(), 2);  // the default scenario stays active
 }
 
 TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread) {
   Recorder rec;
-  entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer")(&rec);
+  addAdapterConsumer(&rec);
   entry<AddTargetEventConsumer_t>("PBATargetAdapter", "AddTargetEventConsumer")(&rec);
   Hemlock::IHemlockManager* manager = nullptr;
   Hemlock::IHemlockJobManager* jobs = nullptr;
   entry<GetHemlockMgrIF_t>("hemlock", "GetHemlockMgrIF")(&manager);
   entry<GetHemlockJobMgrIF_t>("hemlock", "GetHemlockJobMgrIF")(&jobs);
-  Client client(rec);
-  int32_t id = jobs->getTargetId("microbit/CM0P", true);
-  manager->registerClient(&client, id);
-  Trace::IChannelFoundry* foundry = createFoundry();
-  Trace::IChannelServer* server = nullptr;
-  foundry->CreateChannelServer(server, 1);
-  server->RegisterForEvents(&rec);
+  Client client(rec);  // registered for the CPU as the module registers it
+  client.init("test", 0, manager, jobs);
+  ASSERT_TRUE(client.attachTarget("microbit/CM0P", true));
+  const int32_t id = client.currentTargetId();
+  Channels channels(&rec);
 
   ASSERT_EQ(simConnect("microbit/CM0P"), 0) << lastError();
   ASSERT_EQ(simRun("microbit/CM0P", 0), 0) << lastError();
@@ -64,7 +46,7 @@ TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread
   ASSERT_EQ(simHalt("microbit/CM0P"), 0);
   ASSERT_EQ(waitHalted("microbit/CM0P", 5000), 0);
   Trace::IChannelDriver* driver = nullptr;
-  server->GetChannelDriver("microbit/CM0P", driver);
+  channels.server->GetChannelDriver("microbit/CM0P", driver);
   const char* text = nullptr;
   driver->StopRecording(text);
   EXPECT_STREQ(text, "");
@@ -75,11 +57,19 @@ TEST_F(SimulationTest, RunHaltAndStopFireTheirEventsInOrderOnTheSimulationThread
   EXPECT_EQ(events, expected);
   for (std::thread::id t : rec.threads) EXPECT_NE(t, std::this_thread::get_id());
 
-  manager->unregisterClient(&client, id);
-  entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer")(&rec);
+  client.detachTarget("microbit/CM0P");
+  removeAdapterConsumer(&rec);
   entry<RemoveTargetEventConsumer_t>("PBATargetAdapter", "RemoveTargetEventConsumer")(&rec);
-  foundry->DestroyChannelServer(server, 0);
-  entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
+}
+
+// Connects `cpu` and waits for its event: every event caused before it has
+// gone out.
+void flushEvents(const char* cpu) {
+  Recorder rec;
+  addAdapterConsumer(&rec);
+  EXPECT_EQ(simConnect(cpu), 0) << lastError();
+  rec.until(std::string("added ") + cpu);
+  removeAdapterConsumer(&rec);
 }
 
 // A tool holds its own lock both in cleanup() and while it registers with
@@ -106,15 +96,9 @@ TEST_F(SimulationTest, CleanupCallsHoldNoSimulationLockAndSkipCallbacksRemovedMe
     Tool* victim = nullptr;
     int calls = 0;  // guarded by lock
   };
-  {
-    // The cleanup of the scenario SetUp replaced may still be on its way:
-    // an event caused after it has come only once it has gone out.
-    Recorder flush;
-    entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer")(&flush);
-    ASSERT_EQ(simConnect("mps2/CM4"), 0) << lastError();
-    flush.until("added mps2/CM4");
-    entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer")(&flush);
-  }
+  // The cleanup of the scenario SetUp replaced may still be on its way:
+  // an event caused after it has come only once it has gone out.
+  flushEvents("mps2/CM4");
   Tool first(toolMutex, cleaned, registry), second(toolMutex, cleaned, registry);
   first.victim = &second;
   {
@@ -130,50 +114,27 @@ TEST_F(SimulationTest, CleanupCallsHoldNoSimulationLockAndSkipCallbacksRemovedMe
   }
   // Flush the event thread before the callbacks go out of scope.
   registry->remove(&first);
-  Recorder rec;
-  entry<AddAdapterEventConsumer_t>("PBATargetAdapter", "AddAdapterEventConsumer")(&rec);
-  ASSERT_EQ(simConnect("microbit/CM0P"), 0) << lastError();
-  rec.until("added microbit/CM0P");
-  entry<RemoveAdapterEventConsumer_t>("PBATargetAdapter", "RemoveAdapterEventConsumer")(&rec);
+  flushEvents("microbit/CM0P");
   std::lock_guard<std::mutex> guard(toolMutex);
   EXPECT_EQ(first.calls, 1);
   EXPECT_EQ(second.calls, 0);
 }
 
 TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
-  char error[Xevt::kErrorTextSize] = {};
-  Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  ASSERT_NE(session, nullptr) << error;
-  Xevt::IOperationServer* s = session->getOperationServer("microbit/CM0P", error, sizeof error);
-  sessions()->releaseSession(session);
-  ASSERT_NE(s, nullptr) << error;
-
-  auto* bad = dynamic_cast<TargetOperations::IOperation6*>(s->getOperation());
-  Xevt::IProperty* root = tree(s, "MTB", {s->makeString("Buffer Size", "lots")});
-  try {
-    bad->setProperties(&root, 1);
-    ADD_FAILURE() << "a buffer size that is no size was taken";
-  } catch (Hemlock::hemlockErrorIF& e) {
-    EXPECT_NE(std::string(e.GetErrorText()).find("Buffer Size 'lots'"), std::string::npos);
-  }
-  root->release();
-  bad->release();
-
+  Xevt::IOperationServer* s = operations("microbit/CM0P");
+  ASSERT_NE(s, nullptr);
   // 64 bytes one-shot: eight packets, the recording stops itself when full.
   auto* op = configure(s, tree(s, "MTB", {s->makeString("Buffer Size", "64 Bytes"),
                                           s->makeString("Trace Buffer Type", "One-shot"),
                                           s->makeBoolean("Hierarchical Decode", false)}));
   Recorder rec;
-  Trace::IChannelFoundry* foundry = createFoundry();
-  Trace::IChannelServer* server = nullptr;
-  foundry->CreateChannelServer(server, 1);
-  server->RegisterForEvents(&rec);
+  Channels channels(&rec);
   simConnect("microbit/CM0P");
   ASSERT_EQ(simRun("microbit/CM0P", 3000), 0) << lastError();
   ASSERT_EQ(waitHalted("microbit/CM0P", 5000), 0);
   rec.until("channel microbit/CM0P 8 Stopped: buffer full");
 
-  Rows rows = decode(foundry, server, "microbit/CM0P", "MTB", 3);  // blocks of 3 rows: seek 0, then 3
+  Rows rows = channels.decode("microbit/CM0P", "MTB", 3);  // blocks of 3 rows: seek 0, then 3
   EXPECT_EQ(rows.names, (std::vector<std::string>{"Index", "Read Address", "Write Address", "Program Address",
                                                   "Program Data", "Trace Status"}));
   // The reset handler's copy and clear loops: one run per branch back.
@@ -196,7 +157,7 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   op = configure(s, tree(s, "MTB", {s->makeString("Buffer Size", "32 Bytes")}));
   ASSERT_EQ(simRun("microbit/CM0P", 20000), 0) << lastError();
   ASSERT_EQ(waitHalted("microbit/CM0P", 20000), 0) << lastError();
-  rows = decode(foundry, server, "microbit/CM0P", "MTB", 16384);
+  rows = channels.decode("microbit/CM0P", "MTB", 16384);
   size_t runs = 0;
   uint64_t first = 0, last = 0;
   for (const auto& row : rows.cells) {
@@ -238,49 +199,34 @@ TEST_F(SimulationTest, MtbOperationSettingsShapeTheRecordedRows) {
   EXPECT_TRUE(rec.waitCount(full, fullBefore + 1));
   EXPECT_EQ(rec.count(full), fullBefore + 1);
   // Four packets: four runs at most (an exception return takes two).
-  rows = decode(foundry, server, "microbit/CM0P", "MTB", 100);
+  rows = channels.decode("microbit/CM0P", "MTB", 100);
   EXPECT_GE(rows.cells.size(), 2u);
   EXPECT_LE(rows.cells.size(), 4u);
   op->release();
   s->release();
-  foundry->DestroyChannelServer(server, 0);
-  entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
 }
 
 TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   char error[Xevt::kErrorTextSize] = {};
   Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  Xevt::IOperationServer* main = session->getOperationServer("mps2/CM4", error, sizeof error);
-  Xevt::IOperationServer* sub = session->getSubOperationServer("mps2/CM4", error, sizeof error);
   EXPECT_EQ(session->getSubOperationServer("microbit/CM0P", error, sizeof error), nullptr);
   EXPECT_NE(std::string(error).find("no trace unit with sub-operations"), std::string::npos);
   sessions()->releaseSession(session);
+  Xevt::IOperationServer *main = operations("mps2/CM4"), *sub = operations("mps2/CM4", true);
   auto* op = configure(main, tree(main, "ETB", {main->makeString("Buffer Type", "Circular")}));
   const Symbols m4(kMps2Elf);
   const uint32_t from = m4.address("process_block"), to = m4.address("report") - 1;
-  auto action = [&](const char* what, std::vector<std::pair<const char*, uint32_t>> at) {
-    Xevt::IProperty* root = sub->makeGroup("Type");
-    Xevt::IProperty* actions = sub->makeString("Actions", what);
-    for (auto [name, address] : at) {
-      Xevt::IProperty* p = sub->makeAddress(name, address, 0);
-      actions->addChild(p);
-      p->release();
-    }
-    root->addChild(actions);
-    actions->release();
-    return configure(sub, root);
+  auto action = [&](const char* what, const std::vector<std::pair<const char*, uint32_t>>& at) {
+    return configure(sub, actionTree(sub, what, at));
   };
   auto* rangeOp = action("Trace in Range", {{"Start Location", from}, {"End Location", to}});
 
   Recorder rec;
-  Trace::IChannelFoundry* foundry = createFoundry();
-  Trace::IChannelServer* server = nullptr;
-  foundry->CreateChannelServer(server, 1);
-  server->RegisterForEvents(&rec);
+  Channels channels(&rec);
   simConnect("mps2/CM4");
   ASSERT_EQ(simRun("mps2/CM4", 8000), 0) << lastError();
   ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0);
-  Rows rows = decode(foundry, server, "mps2/CM4", "ETB", 100);
+  Rows rows = channels.decode("mps2/CM4", "ETB", 100);
   ASSERT_EQ(rows.names[1], "Program Address");
   size_t instructions = 0, counted = 0;
   for (const auto& row : rows.cells) {
@@ -302,7 +248,7 @@ TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   ASSERT_EQ(waitHalted("mps2/CM4", 20000), 0);
   std::vector<std::string> events = rec.until("channel mps2/CM4 17 Stopped on trace trigger");
   EXPECT_EQ(rec.count("channel mps2/CM4 17 Stopped on trace trigger"), 1u);
-  rows = decode(foundry, server, "mps2/CM4", "ETB", 1000);
+  rows = channels.decode("mps2/CM4", "ETB", 1000);
   ASSERT_FALSE(rows.cells.empty());
   std::string lastInstruction;
   for (const auto& row : rows.cells) lastInstruction = row[1].empty() ? lastInstruction : row[1];
@@ -311,8 +257,6 @@ TEST_F(SimulationTest, EtbRangeSubOperationKeepsOnlyInstructionsInsideIt) {
   op->release();
   main->release();
   sub->release();
-  foundry->DestroyChannelServer(server, 0);
-  entry<DestroyChannelFoundry_t>("ChannelFoundry", "DestroyChannelFoundry")(foundry);
 }
 
 struct SettingCase {
@@ -326,26 +270,11 @@ class OperationSettings : public SimulationTest, public ::testing::WithParamInte
 
 TEST_P(OperationSettings, AreTakenOrRefusedWithAReason) {
   const SettingCase& c = GetParam();
-  bool sub = c.receiver[0] == '\0';
-  char error[Xevt::kErrorTextSize] = {};
-  Xevt::ISession* session = sessions()->openLiveSession(error, sizeof error);
-  std::string cpu = std::string(c.receiver) == "MTB" ? "microbit/CM0P" : "mps2/CM4";
-  Xevt::IOperationServer* s = sub ? session->getSubOperationServer("mps2/CM4", error, sizeof error)
-                                  : session->getOperationServer(cpu.c_str(), error, sizeof error);
-  sessions()->releaseSession(session);
-  ASSERT_NE(s, nullptr) << error;
-  Xevt::IProperty* root = nullptr;
-  if (sub) {
-    root = s->makeGroup("Type");
-    Xevt::IProperty* actions = s->makeString("Actions", c.name);
-    Xevt::IProperty* at = s->makeAddress(c.value, 0x100, 0);
-    actions->addChild(at);
-    at->release();
-    root->addChild(actions);
-    actions->release();
-  } else {
-    root = tree(s, c.receiver, {s->makeString(c.name, c.value)});
-  }
+  const bool sub = c.receiver[0] == '\0';
+  Xevt::IOperationServer* s = operations(std::string(c.receiver) == "MTB" ? "microbit/CM0P" : "mps2/CM4", sub);
+  ASSERT_NE(s, nullptr);
+  Xevt::IProperty* root =
+      sub ? actionTree(s, c.name, {{c.value, 0x100}}) : tree(s, c.receiver, {s->makeString(c.name, c.value)});
   auto* op = dynamic_cast<TargetOperations::IOperation6*>(s->getOperation());
   std::string refused;
   try {
@@ -363,6 +292,7 @@ TEST_P(OperationSettings, AreTakenOrRefusedWithAReason) {
 INSTANTIATE_TEST_SUITE_P(
     Sim, OperationSettings,
     ::testing::Values(SettingCase{"MTB", "Buffer Size", "4 KB", ""},
+                      SettingCase{"MTB", "Buffer Size", "lots", "Buffer Size 'lots'"},
                       SettingCase{"MTB", "Buffer Size", "7 Bytes", "Buffer Size '7 Bytes' is not a size"},
                       SettingCase{"MTB", "Trace Buffer Type", "Sideways", "Buffer type 'Sideways' is not known"},
                       SettingCase{"ETB", "Buffer Type", "One-shot", ""},

@@ -131,10 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
     Boards, EtmRoundTrip,
     ::testing::Combine(::testing::ValuesIn(test::kBoards), ::testing::ValuesIn(kCases)),
     [](const auto& info) {
-      std::string name = std::string(std::get<0>(info.param).machine) + "_" +
-                         std::get<1>(info.param).name;
-      std::replace(name.begin(), name.end(), '-', '_');
-      return name;
+      return test::testName(std::string(std::get<0>(info.param).machine) + "_" + std::get<1>(info.param).name);
     });
 
 // A circular buffer that wrapped decodes from its oldest sync to the end,

@@ -1,10 +1,12 @@
 // Helpers shared by the execution tests: the test programs, a consumer that
-// records every step, and an independent reading of QEMU's raw log.
+// records every step, an independent reading of QEMU's raw log, a bounded
+// run of a board and the sequential stretches of its addresses.
 #pragma once
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -14,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include "ExecStep.hpp"
+#include "ProgramImage.hpp"
+#include "QemuRunner.hpp"
 
 namespace OstrandSim::test {
 
@@ -27,6 +31,13 @@ inline const Board kBoards[] = {{"microbit", "run_microbit.elf"}, {"mps2-an386",
 inline std::string programPath(const Board& b) {
   return std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmware/" + b.program;
 }
+
+// A test name from a board's machine: "mps2-an386" -> "mps2_an386".
+inline std::string testName(std::string name) {
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+}
+inline std::string boardName(const ::testing::TestParamInfo<Board>& info) { return testName(info.param.machine); }
 
 class Recorder : public StepConsumer {
  public:
@@ -62,12 +73,15 @@ inline std::vector<uint32_t> executedFromLog(const std::string& path) {
 
 inline bool processAlive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
 
-}  // namespace OstrandSim::test
 
-#include "ProgramImage.hpp"
-#include "QemuRunner.hpp"
-
-namespace OstrandSim::test {
+// A run of `board`'s test program, QEMU's log copied to `log` when given.
+inline QemuRunConfig runConfig(const Board& board, const std::string& log = "") {
+  QemuRunConfig config;
+  config.machine = board.machine;
+  config.program = programPath(board);
+  config.teeLogPath = log;
+  return config;
+}
 
 // Runs `board` for `instructions` through `consumer` (with a recorder
 // beside it) and returns the executed addresses as QEMU's own log shows
@@ -82,11 +96,7 @@ inline std::vector<uint32_t> runBoard(const Board& board, uint64_t instructions,
   StepFanout fanout;
   fanout.add(consumer);
   fanout.add(recorder != nullptr ? *recorder : local);
-  QemuRunConfig config;
-  config.machine = board.machine;
-  config.program = programPath(board);
-  config.teeLogPath = log;
-  QemuRunner runner(config, fanout);
+  QemuRunner runner(runConfig(board, log), fanout);
   runner.start();
   runner.run(instructions);
   runner.stop();

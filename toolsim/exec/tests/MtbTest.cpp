@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "ExecTestSupport.hpp"
@@ -128,12 +127,7 @@ TEST_P(MtbTest, WatermarkStopsAndExceptionsHaveTheirPackets) {
   EXPECT_GE(returns, entries - 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Boards, MtbTest, ::testing::ValuesIn(test::kBoards),
-                         [](const auto& info) {
-                           std::string name = info.param.machine;
-                           std::replace(name.begin(), name.end(), '-', '_');
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Boards, MtbTest, ::testing::ValuesIn(test::kBoards), test::boardName);
 
 TEST(MtbConfigTest, SizesAndRowLimit) {
   EXPECT_THROW(MtbEncoder(config(24)), std::invalid_argument);

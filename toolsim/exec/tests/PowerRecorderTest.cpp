@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
 #include "ExecTestSupport.hpp"
+#include "TestSupport.hpp"
 #include "wattline/WLDataNode.hpp"
 #include "wattline/WLStateDecoders.hpp"
 
@@ -25,9 +24,8 @@ class PowerRecorderTest : public ::testing::TestWithParam<test::Board> {};
 // integral of the power it records, PCs in the program's code, and the UART
 // drawing current while it is on.
 TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
-  const std::string dir = ::testing::TempDir() + "/power-" + GetParam().machine + "-" +
-                          std::to_string(::getpid());
-  std::filesystem::remove_all(dir);
+  const ostrand_test::TempDir tmp("power");
+  const std::string dir = tmp / "capture";
   PowerConfig config;
   config.directory = dir;
   config.model = defaultPowerModel(GetParam().machine);
@@ -38,8 +36,7 @@ TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
     EXPECT_GT(power.samples(), 600u);
   }
 
-  std::ifstream supFile(dir + "/metadataSup.json");
-  const nlohmann::json sup = nlohmann::json::parse(supFile);
+  const auto sup = nlohmann::json::parse(ostrand_test::readFile(dir + "/metadataSup.json"));
   WLDataNode node;
   node.dsr = VSKTspServer::makeStateDecoder(node, sup["JState"]["version"].get<int>());
   node.dsr->initDefaults();
@@ -88,12 +85,7 @@ TEST_P(PowerRecorderTest, CaptureShowsTheProgramsDutyCycle) {
   EXPECT_GT(uartMa / uartSamples, otherMa / otherSamples + 0.5);
 }
 
-INSTANTIATE_TEST_SUITE_P(Boards, PowerRecorderTest, ::testing::ValuesIn(test::kBoards),
-                         [](const auto& info) {
-                           std::string name = info.param.machine;
-                           std::replace(name.begin(), name.end(), '-', '_');
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Boards, PowerRecorderTest, ::testing::ValuesIn(test::kBoards), test::boardName);
 
 TEST(PowerRecorderErrors, RateAndDirectory) {
   PowerConfig config;
@@ -106,12 +98,12 @@ TEST(PowerRecorderErrors, RateAndDirectory) {
 }
 
 
-// State words laid out by a description: the mode field, a bit per
-// peripheral on (named by the field's Description), the interrupt field and
-// the PC in place; version 2 without a mode field uses its own mode table.
+// State words laid out by a description (testdata/state_word_layouts.json):
+// the mode field, a bit per peripheral on (named by the field's Description),
+// the interrupt field and the PC in place; version 2 without a mode field
+// uses its own mode table.
 struct LayoutCase {
   const char* name;
-  const char* jstate;
   bool asleep;
   bool uartOn;
   uint32_t irq;
@@ -123,43 +115,24 @@ class StateWordLayoutTest : public ::testing::TestWithParam<LayoutCase> {};
 
 TEST_P(StateWordLayoutTest, FieldsShowTheDeviceState) {
   const LayoutCase& c = GetParam();
+  static const nlohmann::json layouts = nlohmann::json::parse(
+      ostrand_test::readFile(std::string(OSTRAND_SOURCE_DIR) + "/toolsim/exec/tests/testdata/state_word_layouts.json"));
   const std::vector<PeripheralSwitch> peripherals = {{"UART", 0x40002500u, 0xFu, 0.3, 0},
                                                      {"TIMER", 0xE000E010u, 1u, 0.05, 0}};
-  StateWordLayout layout(nlohmann::json::parse(c.jstate), peripherals);
+  StateWordLayout layout(layouts.at(c.name), peripherals);
   uint32_t words[2] = {0xDEAD, 0xBEEF};
   layout.encode(c.asleep, {c.uartOn, true}, c.irq, 0x000001F4u, words);
   EXPECT_EQ(words[0], c.word0) << std::hex << words[0];
   EXPECT_EQ(words[1], c.word1) << std::hex << words[1];
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Descriptions, StateWordLayoutTest,
-    ::testing::Values(
-        LayoutCase{"v4_asleep", R"({"name":"A","version":4,"bitFields":[
-            {"Name":"PWRSTATE0","Description":"CPU%CORTEXM_PM","Start":0,"End":1},
-            {"Name":"MOD_HWI","Description":"%HWI","Start":2,"End":7},
-            {"Name":"MOD_UART","Description":"UART","Start":8,"End":8},
-            {"Name":"MOD_TIMER","Description":"TIMER","Start":9,"End":9},
-            {"Name":"PC","Description":"Program counter","Start":33,"End":63}]})",
-                   true, false, 15, 2u | 15u << 2 | 1u << 9, 0x1F4u},
-        LayoutCase{"v5_running", R"({"name":"B","version":5,"bitFields":[
-            {"Name":"PowerMode","Description":"CPU mode","Start":0,"End":1,"Enums":[
-              {"Choice":"CPU.Active","Description":"running","Value":0},
-              {"Choice":"CPU.Sleep","Description":"waiting","Value":1}]},
-            {"Name":"MOD_UART","Description":"UART","Start":8,"End":8},
-            {"Name":"MOD_RADIO","Description":"Radio","Start":10,"End":10},
-            {"Name":"PC","Description":"Program counter","Start":32,"End":63}]})",
-                   false, true, 0, 1u << 8, 0x1F4u},
-        LayoutCase{"v5_asleep", R"({"name":"B","version":5,"bitFields":[
-            {"Name":"PowerMode","Description":"CPU mode","Start":0,"End":1,"Enums":[
-              {"Choice":"CPU.Active","Description":"running","Value":"0x0"},
-              {"Choice":"CPU.Sleep","Description":"waiting","Value":"0x1"}]},
-            {"Name":"PC","Description":"Program counter","Start":70,"End":80}]})",
-                   true, true, 0, 1u, 0u},
-        LayoutCase{"v2_default_table", R"({"name":"C","version":2,"bitFields":[
-            {"Name":"MOD_UART0","Description":"UART","Start":1,"End":1}]})",
-                   true, true, 0, 0x80000002u, 0x82400000u | 0xFAu}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Descriptions, StateWordLayoutTest,
+                         ::testing::Values(LayoutCase{"v4_asleep", true, false, 15, 2u | 15u << 2 | 1u << 9, 0x1F4u},
+                                           LayoutCase{"v5_running", false, true, 0, 1u << 8, 0x1F4u},
+                                           LayoutCase{"v5_asleep", true, true, 0, 1u, 0u},
+                                           LayoutCase{"v2_default_table", true, true, 0, 0x80000002u,
+                                                      0x82400000u | 0xFAu}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace OstrandSim

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include "ExecTestSupport.hpp"
@@ -24,11 +23,7 @@ TEST_P(QemuRunnerTest, StepsMatchTheEmulatorsOwnLog) {
   const std::string log = ::testing::TempDir() + "/runner-" + GetParam().machine + "-" +
                           std::to_string(::getpid()) + ".log";
   Recorder rec;
-  QemuRunConfig config;
-  config.machine = GetParam().machine;
-  config.program = test::programPath(GetParam());
-  config.teeLogPath = log;
-  QemuRunner runner(config, rec);
+  QemuRunner runner(test::runConfig(GetParam(), log), rec);
   runner.start();
   const pid_t pid = runner.pid();
   ASSERT_TRUE(test::processAlive(pid));
@@ -80,12 +75,9 @@ TEST_P(QemuRunnerTest, StepsMatchTheEmulatorsOwnLog) {
 
 TEST_P(QemuRunnerTest, HaltEndsAnOpenRunAndDestructionEndsTheEmulator) {
   Recorder rec;
-  QemuRunConfig config;
-  config.machine = GetParam().machine;
-  config.program = test::programPath(GetParam());
   pid_t pid = -1;
   {
-    QemuRunner runner(config, rec);
+    QemuRunner runner(test::runConfig(GetParam()), rec);
     runner.start();
     pid = runner.pid();
     std::thread halter([&] {
@@ -102,18 +94,12 @@ TEST_P(QemuRunnerTest, HaltEndsAnOpenRunAndDestructionEndsTheEmulator) {
   EXPECT_FALSE(test::processAlive(pid));
 }
 
-INSTANTIATE_TEST_SUITE_P(Boards, QemuRunnerTest, ::testing::ValuesIn(test::kBoards),
-                         [](const auto& info) {
-                           std::string name = info.param.machine;
-                           for (char& c : name) c = c == '-' ? '_' : c;
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Boards, QemuRunnerTest, ::testing::ValuesIn(test::kBoards), test::boardName);
 
 TEST(QemuRunnerErrors, SayWhatIsMissing) {
   Recorder rec;
-  QemuRunConfig config;
+  QemuRunConfig config = test::runConfig(test::kBoards[1]);
   config.qemu = "qemu-system-arm-not-here";
-  config.program = test::programPath(test::kBoards[1]);
   QemuRunner noQemu(config, rec);
   try {
     noQemu.start();
@@ -128,7 +114,7 @@ TEST(QemuRunnerErrors, SayWhatIsMissing) {
   QemuRunner noProgram(config, rec);
   EXPECT_THROW(noProgram.start(), std::runtime_error);
 
-  config.program = test::programPath(test::kBoards[1]);
+  config.program = test::runConfig(test::kBoards[1]).program;
   config.machine = "no-such-board";
   QemuRunner noBoard(config, rec);
   EXPECT_THROW(noBoard.start(), std::runtime_error);

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <unistd.h>
+#include <tuple>
 
 #include "EtmDecoder.hpp"
 #include "ExecTestSupport.hpp"
 #include "MtbDecoder.hpp"
+#include "TestSupport.hpp"
 
 namespace OstrandSim {
 namespace {
@@ -50,8 +49,8 @@ TEST(TdfRecordingTest, SavedRunDecodesToTheLiveRows) {
   both.add(etm);
   test::runBoard(board, 15000, both);
 
-  const std::string dir = ::testing::TempDir() + "/tdf-" + std::to_string(::getpid());
-  std::filesystem::create_directories(dir);
+  const ostrand_test::TempDir tmp("tdf");
+  const std::string& dir = tmp.path();
   TdfRecording m = recordingOf("MTB");
   m.mtb = mtb.snapshot();
   m.configuration = R"({"Buffer Size":"2048 Bytes","Hierarchical Decode":true})";
@@ -62,13 +61,10 @@ TEST(TdfRecordingTest, SavedRunDecodesToTheLiveRows) {
 
   const TdfRecording m2 = readTdf(dir + "/mtb.tdf");
   const TdfRecording e2 = readTdf(dir + "/etm.tdf");
-  EXPECT_EQ(m2.receiverName, "MTB");
-  EXPECT_EQ(m2.cpuName, "cortex_m4_0");
-  EXPECT_EQ(m2.cpuValues, m.cpuValues);
-  EXPECT_EQ(m2.programFile, m.programFile);
-  EXPECT_EQ(m2.sourcePaths, m.sourcePaths);
-  EXPECT_EQ(m2.clockHz, 31250000.0);
-  EXPECT_EQ(m2.configuration, m.configuration);
+  auto header = [](const TdfRecording& r) {
+    return std::tie(r.receiverName, r.cpuName, r.cpuValues, r.programFile, r.sourcePaths, r.clockHz, r.configuration);
+  };
+  EXPECT_EQ(header(m2), header(m));
   const RowTable liveMtb = decodeMtb(*m.mtb, &image);
   ASSERT_GT(liveMtb.rowCount(), 100u);
   EXPECT_EQ(pack(decodeRecording(m2, image)), pack(liveMtb));
@@ -83,16 +79,11 @@ TEST(TdfRecordingTest, SavedRunDecodesToTheLiveRows) {
   for (size_t r = 0; r < flat.rowCount(); ++r) EXPECT_TRUE(flat.has(r, 0));
 
   // Every cut of the file is refused with a message, never read wrongly.
-  std::ifstream in(dir + "/mtb.tdf", std::ios::binary);
-  const std::string whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string whole = ostrand_test::readFile(dir + "/mtb.tdf");
   for (size_t cut : {size_t{0}, size_t{3}, size_t{20}, size_t{90}, whole.size() - 1}) {
-    std::ofstream(dir + "/cut.tdf", std::ios::binary | std::ios::trunc) << whole.substr(0, cut);
-    EXPECT_THROW(readTdf(dir + "/cut.tdf"), std::runtime_error) << cut;
+    EXPECT_THROW(readTdf(tmp.writeText("cut.tdf", whole.substr(0, cut))), std::runtime_error) << cut;
   }
-  std::string other = whole;
-  other[0] = 'X';
-  std::ofstream(dir + "/other.tdf", std::ios::binary | std::ios::trunc) << other;
-  EXPECT_THROW(readTdf(dir + "/other.tdf"), std::runtime_error);
+  EXPECT_THROW(readTdf(tmp.writeText("other.tdf", "X" + whole.substr(1))), std::runtime_error);
 }
 
 // The row block: columns at their offsets, little-endian, a string as

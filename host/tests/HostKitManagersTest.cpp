@@ -1,9 +1,16 @@
-#include "kit/ElfSymbolManager.hpp"
-
+// The host kit's managers as the module meets them: the ELF symbol
+// manager's load failures, compile units, function ranges and package
+// ownership; the Capstone disassembly manager on M-class code, byte order
+// and the processors it serves. Lookups and listings by address are in the
+// program's transcript (`lookup` and `disasm` in golden/program.txt).
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
+
+#include "kit/CapstoneDisasmManager.hpp"
+#include "kit/ElfSymbolManager.hpp"
+#include "symbols/TargetEnvironment.hpp"
 
 namespace {
 
@@ -25,6 +32,7 @@ class ElfSymbolManagerTest : public ::testing::Test {
   sym_lite::ISymbolPackage* open(const std::string& name) {
     auto* package = manager.openPackage((kFirmware + name).c_str());
     EXPECT_NE(package, nullptr) << name;
+    opened.push_back(package);
     return package;
   }
   void TearDown() override {
@@ -61,56 +69,8 @@ TEST_F(ElfSymbolManagerTest, LoadFailuresReportOnceWithTheirCause) {
   manager.releasePackage(package);
 }
 
-TEST_F(ElfSymbolManagerTest, ThumbFunctionsAreFoundAtTheirEvenAddress) {
-  auto* package = open("m0plus.elf");
-  opened.push_back(package);
-  uint64_t address = 1;
-  ASSERT_TRUE(package->findSymbol("main", &address));
-  EXPECT_EQ(address, 0xE4u);  // the symbol's value is 0xE5
-  ASSERT_TRUE(package->findSymbol("ticks", &address));
-  EXPECT_EQ(address, 0x20000004u);  // data keeps bit 0 clear and its value whole
-  EXPECT_FALSE(package->findSymbol("$t", &address));  // mapping symbols are not names
-  EXPECT_FALSE(package->findSymbol("no_such_symbol", &address));
-
-  sym_lite::FunctionInfo info{};
-  package->findFunction(&info, 0xE4, 0);
-  ASSERT_NE(info.function, nullptr);
-  EXPECT_STREQ(info.function, "main");
-  EXPECT_STREQ(info.file, "main.c");
-  EXPECT_STREQ(info.directory, "testdata/firmware/m0plus");
-}
-
-TEST_F(ElfSymbolManagerTest, InlinedHelperIsTheInnermostFunction) {
-  auto* package = open("m0plus.elf");
-  opened.push_back(package);
-  sym_lite::FunctionInfo info{};
-  package->findFunction(&info, 0x14A, 0);  // clamp12 inside sensor_record
-  ASSERT_NE(info.function, nullptr);
-  EXPECT_STREQ(info.function, "clamp12");
-  EXPECT_STREQ(info.file, "sensor.h");
-  sym_lite::SourceLineInfo line{};
-  package->findSourceLine(&line, 0x14A);
-  ASSERT_NE(line.file, nullptr);
-  EXPECT_STREQ(line.file, "testdata/firmware/m0plus/sensor.h");
-  EXPECT_EQ(line.line, 10u);
-}
-
-TEST_F(ElfSymbolManagerTest, AddressesOutsideCodeFindNothing) {
-  auto* package = open("m0plus.elf");
-  opened.push_back(package);
-  for (uint64_t address : {uint64_t{0x10}, uint64_t{0x20000004}, uint64_t{0xFFFFFFF0}}) {
-    sym_lite::FunctionInfo info{};
-    package->findFunction(&info, address, 0);
-    EXPECT_EQ(info.function, nullptr) << std::hex << address;
-    sym_lite::SourceLineInfo line{};
-    package->findSourceLine(&line, address);
-    EXPECT_EQ(line.file, nullptr) << std::hex << address;
-  }
-}
-
 TEST_F(ElfSymbolManagerTest, CompileUnitsCarryTheirSectionsLinesAndBytes) {
   auto* package = open("m0plus.elf");
-  opened.push_back(package);
   ASSERT_GE(package->compileUnitCount(), 4u);  // startup, main, sensor, checksum (+ libgcc)
   bool sawMain = false;
   for (uint32_t u = 0; u < package->compileUnitCount(); ++u) {
@@ -146,7 +106,6 @@ TEST_F(ElfSymbolManagerTest, CompileUnitsCarryTheirSectionsLinesAndBytes) {
 
 TEST_F(ElfSymbolManagerTest, FunctionRangesAscendWithoutOverlap) {
   auto* package = open("bench.elf");
-  opened.push_back(package);
   ASSERT_GT(package->functionCount(), 3000u);
   uint64_t previousEnd = 0;
   for (uint32_t i = 0; i < package->functionCount(); ++i) {
@@ -166,6 +125,78 @@ TEST_F(ElfSymbolManagerTest, ReleasingAForeignPackageIsIgnored) {
   auto* package = other.createPackage(nullptr);
   manager.releasePackage(package);  // not ours: must not be freed twice
   other.releasePackage(package);
+}
+
+constexpr uint32_t kArmProcessor = 0x75803800;  // family 470
+
+struct Line {
+  int32_t size;
+  uint64_t address;
+  std::string text;
+};
+
+class Collector : public disasm_lite::IDisassembler::IResultInserter {
+ public:
+  void insert(const disasm_lite::DisassemblyRecord* r) override {
+    lines.push_back({r->size, r->address, r->second});
+  }
+  std::vector<Line> lines;
+};
+
+class CapstoneDisasmManagerTest : public ::testing::Test {
+ protected:
+  disasm_lite::IDisassembler* make(const std::string& elf, bool bigEndian = false,
+                                   uint32_t processor = kArmProcessor) {
+    package = symbols.openPackage((kFirmware + elf).c_str());
+    environment = disasm_lite::makeTargetEnvironment(processor, bigEndian);
+    return disassembler = manager.createDisassembler(environment.get(), package);
+  }
+  Line one(uint64_t address) {
+    disasm_lite::DisassemblyRecord r{};
+    disassembler->disassembleOne(&r, {address});
+    return {r.size, r.address, r.second};
+  }
+  void TearDown() override {
+    if (disassembler) manager.destroyDisassembler(disassembler);
+    if (package) symbols.releasePackage(package);
+  }
+  hostkit::ElfSymbolManager symbols;
+  hostkit::CapstoneDisasmManager manager;
+  sym_lite::ISymbolPackage* package = nullptr;
+  std::unique_ptr<disasm_lite::TargetEnvironment> environment;
+  disasm_lite::IDisassembler* disassembler = nullptr;
+};
+
+TEST_F(CapstoneDisasmManagerTest, ThumbTwoAndSystemRegistersOnMClass) {
+  ASSERT_NE(make("m4.elf"), nullptr);
+  auto bl = one(0xE4);
+  EXPECT_EQ(bl.size, 4);
+  EXPECT_EQ(bl.text.substr(0, 18), "000000E4 E92D41F0 ");
+  Collector out;
+  disassembler->disassembleRange({0xE4}, {0x150}, &out);
+  bool sawMrs = false;
+  for (const auto& line : out.lines) {
+    EXPECT_GT(line.size, 0) << line.text;
+    sawMrs = sawMrs || line.text.find("mrs r") != std::string::npos;
+  }
+  EXPECT_TRUE(sawMrs) << "the PRIMASK read in main did not decode";
+}
+
+TEST_F(CapstoneDisasmManagerTest, ByteOrderIsTheEnvironmentsToSay) {
+  ASSERT_NE(make("m0plus.elf", /*bigEndian=*/true), nullptr);
+  // The bytes 10 B5 read big-endian are the halfword 0x10B5, not 0xB510.
+  EXPECT_EQ(one(0xB0).text.substr(0, 13), "000000B0 10B5");
+  EXPECT_EQ(environment->query().name, "REG_ENDIAN");
+  EXPECT_EQ(one(0x10000).size, 0);  // beyond the file: nothing
+}
+
+TEST_F(CapstoneDisasmManagerTest, OnlyArmProcessorsWithALoadedPackageGetADisassembler) {
+  EXPECT_EQ(make("m0plus.elf", false, 320u << 22 | 102u << 10), nullptr);
+  auto env = disasm_lite::makeTargetEnvironment(kArmProcessor, false);
+  EXPECT_EQ(manager.createDisassembler(env.get(), nullptr), nullptr);
+  auto* empty = symbols.createPackage(nullptr);
+  EXPECT_EQ(manager.createDisassembler(env.get(), empty), nullptr);
+  symbols.releasePackage(empty);
 }
 
 }  // namespace
