@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "ostrand/ArgReader.hpp"
 #include "ostrand/ExitCodes.hpp"
 #include "ostrand/Subcommands.hpp"
@@ -148,14 +150,23 @@ int runGenTdf(int argc, char** argv) {
   if (!ok) return kExitFailure;
   entry<OstrandSim_Disconnect_t>(library, "OstrandSim_Disconnect")(cpu);
   std::printf("%s\n", out.c_str());
+  // The advice is a command to paste, so it is written as JSON (the path may
+  // hold quotes or backslashes); the target is named after the recording,
+  // without the CPU's "board/" prefix, so the table lands one level below
+  // file-targets/file.
+  const std::string target = "file/" + fs::path(out).stem().string();
+  nlohmann::ordered_json configuration;
+  configuration["traceSession"]["TDF"] = {{"enable", true}, {"opProp", {{"File", out}}}};
+  const nlohmann::ordered_json command = {{"command", "cloudTrace.configureTDFSession"},
+                                  {"id", 1},
+                                  {"data", {target, configuration.dump()}}};
   std::fprintf(stderr,
                "ostrand gen tdf: saved %" PRIu64 " instructions of %s as the recording above.\n"
                "A recording is not a capture directory: `ostrand serve` does not list it. Open it\n"
                "with a TDF session, e.g. in `ostrand shell --sim`:\n"
-               "  {\"command\":\"cloudTrace.configureTDFSession\",\"id\":1,\"data\":[\"file/%s\","
-               "\"{\\\"traceSession\\\":{\\\"TDF\\\":{\\\"enable\\\":true,\\\"opProp\\\":{\\\"File\\\":\\\"%s\\\"}}}}\"]}\n"
-               "The decoded table then lies in <home>/.QX-trace/data/file-targets/file/%s/TDF.\n",
-               o.instructions, cpu, cpu, out.c_str(), cpu);
+               "  %s\n"
+               "The decoded table then lies in <home>/.QX-trace/data/file-targets/%s/TDF.\n",
+               o.instructions, cpu, command.dump().c_str(), target.c_str());
   return kExitOk;
 }
 

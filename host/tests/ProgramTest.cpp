@@ -444,6 +444,8 @@ struct Transcript {
   void (*live)(RunningProgram& shell, CaseRun& run) = nullptr;
   const char* env = "";  // besides the trace server's port
 };
+// Names the case in test listings (ctest shows the parameter).
+void PrintTo(const Transcript& t, std::ostream* os) { *os << t.name; }
 
 class ShellTranscript : public ::testing::TestWithParam<Transcript> {};
 
