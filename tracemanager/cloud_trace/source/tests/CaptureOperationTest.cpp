@@ -1,12 +1,20 @@
-// Capture directories and URIs, the settings overlay, and what a power
-// capture writes and moves, without tools.
+// Capture directories and URIs, the settings overlay, what a power capture
+// writes and moves, and what the other captures do and deliver, without
+// tools.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
+#include <stdexcept>
 
 #include "CaptureTestDirs.hpp"
+#include "cloud_trace/source/EtbCaptureOperation.hpp"
 #include "cloud_trace/source/LocalOpManager.hpp"
+#include "cloud_trace/source/MtbCaptureOperation.hpp"
+#include "cloud_trace/source/TdfCaptureOperation.hpp"
 #include "cloud_trace/source/WLCaptureOperation.hpp"
 #include "experiments/DataBrokerRouter.hpp"
 #include "json_interface/WorkQueue.hpp"
@@ -14,6 +22,9 @@
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace fs = std::filesystem;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using Op = LocalOpManager::CaptureOperation;
 using WL = LocalOpManager::WLCaptureOperation;
 
 namespace {
@@ -23,10 +34,10 @@ const Json::Value& receiverList(const Json::Value& settings) {
   return settings[0]["sub_properties"][0]["sub_properties"];
 }
 
-Json::Value userProps(const std::string& receiverList) {
+Json::Value userProps(const std::string& receiverList, const std::string& receiver = "WL") {
   return parse(R"([{"name":"Receiver Settings","sub_properties":[{"name":"Receiver",)"
-               R"("type":"String","value":"WL","sub_properties":)" +
-               receiverList + "}]}]");
+               R"("type":"String","value":")" +
+               receiver + R"(","sub_properties":)" + receiverList + "}]}]");
 }
 
 struct DirCase {
@@ -68,12 +79,12 @@ TEST(CopyDirFilesTest, MovesFilesOverwritingAndKeepsOthers) {
   fs::create_directories(from);
   LocalOpManager::copyDirFiles(from, to);  // empty source: only the target is made
   EXPECT_TRUE(fs::is_directory(to));
-  writeText(from + "/WLData.bin", "new");
-  writeText(to + "/WLData.bin", "old");
-  writeText(to + "/older.txt", "kept");
+  writeFile(from + "/WLData.bin", "new");
+  writeFile(to + "/WLData.bin", "old");
+  writeFile(to + "/older.txt", "kept");
   LocalOpManager::copyDirFiles(from, to);
-  EXPECT_EQ(readText(to + "/WLData.bin"), "new");
-  EXPECT_EQ(readText(to + "/older.txt"), "kept");
+  EXPECT_EQ(readFile(to + "/WLData.bin"), "new");
+  EXPECT_EQ(readFile(to + "/older.txt"), "kept");
   EXPECT_FALSE(fs::exists(from + "/WLData.bin"));
   // A source that does not exist is logged, not thrown.
   EXPECT_NO_THROW(LocalOpManager::copyDirFiles(home.root() + "/missing", to));
@@ -144,14 +155,14 @@ TEST(WLMetadataTest, WritesMetadataAndAnEmptySupplementToDiskOrBroker) {
   op.exportMetaData();
   const std::string dir = home.data() + "/live-targets/board/cpu/Wattline";
   EXPECT_EQ(op.getCaptureDir(), dir);
-  Json::Value metadata = parse(readText(dir + "/metadata"));
+  Json::Value metadata = parse(readFile(dir + "/metadata"));
   EXPECT_EQ(metadata["typeId"].asString(), "WL");
   EXPECT_EQ(metadata["device"].asString(), "board/cpu");
   EXPECT_EQ(metadata["dataFile"].asString(), "unknown");
   EXPECT_EQ(metadata["time"].asString().size(), 20u);  // 2026-01-02T03:04:05Z
-  EXPECT_EQ(readText(dir + "/metadataSup.json"), "{}\n");
+  EXPECT_EQ(readFile(dir + "/metadataSup.json"), "{}\n");
   // Styled text: three blanks, keys in order.
-  EXPECT_NE(readText(dir + "/metadata").find("{\n   \"cpu\" : \"unknown\",\n"),
+  EXPECT_NE(readFile(dir + "/metadata").find("{\n   \"cpu\" : \"unknown\",\n"),
             std::string::npos);
 
   // WLplus true without tools: "WL+", and no state description to add.
@@ -160,8 +171,8 @@ TEST(WLMetadataTest, WritesMetadataAndAnEmptySupplementToDiskOrBroker) {
   VSKTspServer::DataBrokerRouter broker;
   op.configure(userProps(R"([{"name":"WLplus","type":"Boolean","value":true}])"), &broker);
   op.exportMetaData();
-  EXPECT_EQ(parse(readText(dir + "/metadata"))["typeId"].asString(), "WL+");
-  EXPECT_EQ(readText(dir + "/metadataSup.json"), "{}\n");
+  EXPECT_EQ(parse(readFile(dir + "/metadata"))["typeId"].asString(), "WL+");
+  EXPECT_EQ(readFile(dir + "/metadataSup.json"), "{}\n");
 }
 
 TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
@@ -169,7 +180,7 @@ TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
   WL op(0, nullptr, "cpu", Json::Value());
   op.configure(Json::Value(), nullptr);
   const std::string scratch = LocalOpManager::getScratchDir(".Wattline");
-  writeText(scratch + "/WLData.bin", "stream");
+  writeFile(scratch + "/WLData.bin", "stream");
 
   op.onDataReady();  // never armed: nothing moves
   EXPECT_EQ(op.getState(), WL::Idle);
@@ -186,7 +197,7 @@ TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
   EXPECT_EQ(op.getState(), WL::Collecting);
   op.onDataReady();
   EXPECT_EQ(op.getState(), WL::Idle);
-  EXPECT_EQ(readText(op.getCaptureDir() + "/WLData.bin"), "stream");
+  EXPECT_EQ(readFile(op.getCaptureDir() + "/WLData.bin"), "stream");
   EXPECT_FALSE(fs::exists(scratch + "/WLData.bin"));
   // The promise is settled on the worker, never on the stopping thread.
   WorkQueue::instance().drain();
@@ -194,5 +205,84 @@ TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
   op.enable(true);  // a settled promise is replaced at the next arming
   EXPECT_FALSE(ready.sameState(op.getDataReady()));
 }
+
+TEST(MtbSettingsTest, UserBufferSizeReplacesItsEntryInPlace) {
+  TempUserDir home;
+  LocalOpManager::MtbCaptureOperation op(0, nullptr, "microbit/CM0P", Json::Value());
+  op.configure(userProps(R"([{"name":"Buffer Size","type":"String","value":"4 KB"}])", "MTB"),
+               nullptr);
+  EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["value"].asString(), "MTB");
+  std::vector<std::string> names;
+  for (const Json::Value& p : receiverList(op.getSettings())) names.push_back(p["name"].asString());
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "Trace Buffer Type", "Trace On", "Start triggers", "Stop triggers",
+                       "Buffer Size", "Watermark level", "Stop at watermark", "Halt at watermark",
+                       "Synchronize with target", "Hierarchical Decode"}));
+  EXPECT_EQ(receiverList(op.getSettings())[4]["value"].asString(), "4 KB");
+}
+
+// The instruction and file captures without tools: creation fails with the
+// capture's own words and makes nothing, data ready outside Collecting
+// writes nothing, and the metadata and the empty data file name the file.
+struct NoToolsCase {
+  const char* name;
+  std::function<std::unique_ptr<Op>()> make;
+  const char* error;
+  const char* dir;  // below <data>
+  const char* dataFile;
+};
+class NoToolsTest : public ::testing::TestWithParam<NoToolsCase> {
+ protected:
+  TempUserDir home;
+};
+
+TEST_P(NoToolsTest, NothingIsCreatedAndTheMetadataNamesTheDataFile) {
+  const NoToolsCase& c = GetParam();
+  std::unique_ptr<Op> op = c.make();
+  op->configure(Json::Value(), nullptr);
+  EXPECT_THAT([&] { op->createHlOperation(); },
+              ThrowsMessage<std::runtime_error>(StrEq(c.error)));
+  EXPECT_FALSE(op->isCreated());
+  const std::string dir = home.data() + "/" + c.dir;
+  EXPECT_EQ(op->getCaptureDir(), dir);
+  op->onDataReady();
+  EXPECT_FALSE(fs::exists(dir + "/" + c.dataFile));
+  op->exportMetaData();
+  op->exportData();
+  const Json::Value metadata = parse(readFile(dir + "/metadata"));
+  EXPECT_EQ(metadata["typeId"].asString(), op->getType());
+  EXPECT_EQ(metadata["device"].asString(), op->getTarget());
+  EXPECT_EQ(metadata["dataFile"].asString(), c.dataFile);
+  EXPECT_EQ(metadata.getMemberNames().size(), 6u);
+  EXPECT_EQ(readFile(dir + "/" + c.dataFile), "{}\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, NoToolsTest,
+    ::testing::Values(
+        NoToolsCase{"MTB",
+                    [] {
+                      return std::make_unique<LocalOpManager::MtbCaptureOperation>(
+                          1, nullptr, "cpu_Dsa_0", Json::Value());
+                    },
+                    "Cannot enable MTB: No target selected", "live-targets/cpu_Dsa_0/MTB",
+                    "mtb_data.json"},
+        NoToolsCase{"ETB",
+                    [] {
+                      return std::make_unique<LocalOpManager::EtbCaptureOperation>(
+                          0, nullptr, "mps2/CM4", Json::Value(), nullptr);
+                    },
+                    "Cannot enable ETB: No target selected", "live-targets/mps2/CM4/ETB",
+                    "etb_data.json"},
+        // The file name is checked before any tool call.
+        NoToolsCase{"TDF",
+                    [] {
+                      return std::make_unique<LocalOpManager::TdfCaptureOperation>(
+                          0, nullptr, "rec",
+                          parse(R"({"rec":{"TDF":{"opProp":{"File":"relative/a.tdf"}}}})"));
+                    },
+                    "Invalid TDF file name: relative/a.tdf", "file-targets/rec/TDF",
+                    "tdf_data.json"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -15,11 +15,8 @@ class TempUserDir : public ostrand_test::TempHome {
   std::string settings() const { return path() + "/.QX-trace/settings"; }
 };
 
-inline void writeText(const std::string& path, const std::string& text) {
-  ostrand_test::writeFile(path, text);
-}
-
-inline std::string readText(const std::string& path) { return ostrand_test::readFile(path); }
+using ostrand_test::readFile;
+using ostrand_test::writeFile;
 
 // `text` as JSON; null when it is none.
 inline Json::Value parse(const std::string& text) {

@@ -1,6 +1,7 @@
 // The manager on the simulated debug environment: lock order and the order
 // of events when tool threads and commands meet. The tool entries are
 // called on threads of the test as the tool library calls them.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -17,6 +18,8 @@
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace {
 
@@ -202,16 +205,8 @@ TEST_F(LocalOpManagerTest, EmptyTargetArmsEveryConnectedTarget) {
   EXPECT_TRUE(manager->hasOperationEntry("mps2/CM4"));  // an empty entry stays
   // An instruction trace needs the host's symbol manager, which this test
   // does not hand in: the tool operation is made, then refused.
-  EXPECT_THROW(
-      {
-        try {
-          manager->enableMTB("microbit/CM0P");
-        } catch (const std::runtime_error& e) {
-          EXPECT_STREQ(e.what(), "Cannot enable MTB");
-          throw;
-        }
-      },
-      std::runtime_error);
+  EXPECT_THAT([&] { manager->enableMTB("microbit/CM0P"); },
+              ThrowsMessage<std::runtime_error>(StrEq("Cannot enable MTB")));
   EXPECT_EQ(manager->enableFeature("microbit/CM0P", kFeatureETB, false), -1);
 }
 
