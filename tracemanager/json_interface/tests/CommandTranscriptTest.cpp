@@ -21,6 +21,20 @@ TEST(CommandTranscript, EveryMessageFormAndItsAnswers) {
   translator.addCommand("test.throwStd", [](unsigned int, const Json::Value&) {
     throw std::logic_error("handler failed");
   });
+  // Deferred answers: test.defer waits for a fresh operation that
+  // test.settle resolves; test.failDeferred's operation has failed already.
+  low::promise<void> operation;
+  translator.addCommand("test.defer", [&](unsigned int id, const Json::Value&) {
+    operation = low::promise<void>();
+    translator.deferResponse(id, operation);
+  });
+  translator.addCommand("test.settle", [&](unsigned int id, const Json::Value&) {
+    operation.resolve();
+    translator.sendResponse(id);
+  });
+  translator.addCommand("test.failDeferred", [&](unsigned int id, const Json::Value&) {
+    translator.deferResponse(id, low::rejected(std::runtime_error("An internal error occurred")));
+  });
   const std::string golden = ostrand_test::sourcePath("tracemanager/json_interface/tests/golden/commands");
   std::ifstream in(golden + ".jsonl");
   ASSERT_TRUE(in);
@@ -34,6 +48,7 @@ TEST(CommandTranscript, EveryMessageFormAndItsAnswers) {
     for (const std::string& text : out.texts()) transcript << "< " << text << "\n";
   }
   EXPECT_TRUE(ostrand_test::matchesGolden(transcript.str(), golden + ".expected"));
+  EXPECT_EQ(translator.pendingCount(), 0u);
 }
 
 }  // namespace

@@ -19,10 +19,6 @@ class TestSink {
     std::lock_guard<std::mutex> guard(mutex_);
     return texts_;
   }
-  std::string last() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return texts_.empty() ? std::string() : texts_.back();
-  }
   void clear() {
     std::lock_guard<std::mutex> guard(mutex_);
     texts_.clear();

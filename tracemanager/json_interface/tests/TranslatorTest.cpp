@@ -1,3 +1,6 @@
+// The translator's refusal of an unknown message kind and its one writer
+// under threads; the message forms, deferred answers and cancels are in the
+// command transcript.
 #include "json_interface/Translator.hpp"
 
 #include <gtest/gtest.h>
@@ -15,51 +18,7 @@ class TranslatorTest : public ::testing::Test {
  protected:
   TestSink out;
   Translator translator{out.sink()};
-
-  std::string reply(const std::string& text) {
-    out.clear();
-    translator.process(text);
-    auto texts = out.texts();
-    EXPECT_EQ(texts.size(), 1u) << text;
-    return texts.empty() ? std::string() : texts.back();
-  }
 };
-
-TEST_F(TranslatorTest, DeferredCommandsAnswerWhenTheirOperationSettles) {
-  low::promise<void> operation;
-  translator.addCommand("test.defer", [&](unsigned int id, const Json::Value&) {
-    translator.deferResponse(id, operation);
-  });
-  out.clear();
-  translator.process(R"({"command":"test.defer","id":11})");
-  EXPECT_TRUE(out.texts().empty());
-  EXPECT_EQ(translator.pendingCount(), 1u);
-  translator.process(R"({"command":"cloudTrace.stopSession","id":12})");  // later command answers first
-  operation.resolve();
-  EXPECT_EQ(out.texts(), (std::vector<std::string>{R"({"response":12})", R"({"response":11})"}));
-  EXPECT_EQ(translator.pendingCount(), 0u);
-
-  // Failing at once: the error comes back and nothing stays pending.
-  low::promise<void> failed = low::rejected(std::runtime_error("An internal error occurred"));
-  translator.addCommand("test.fail", [&](unsigned int id, const Json::Value&) {
-    translator.deferResponse(id, failed);
-  });
-  EXPECT_EQ(reply(R"({"command":"test.fail","id":13})"),
-            R"({"data":{"message":"An internal error occurred"},"error":13})");
-  EXPECT_EQ(translator.pendingCount(), 0u);
-
-  // A cancelled command never answers, even when its operation finishes.
-  low::promise<void> slow;
-  translator.addCommand("test.slow", [&](unsigned int id, const Json::Value&) {
-    translator.deferResponse(id, slow);
-  });
-  out.clear();
-  translator.process(R"({"command":"test.slow","id":14})");
-  translator.process(R"({"cancel":14})");
-  slow.resolve();
-  EXPECT_TRUE(out.texts().empty());
-  EXPECT_EQ(translator.pendingCount(), 0u);
-}
 
 TEST_F(TranslatorTest, UnknownMessageKindIsRefused) {
   EXPECT_THROW(translator.sendMessage(static_cast<Translator::MessageKind>(7), 1, Json::Value()),
@@ -69,7 +28,6 @@ TEST_F(TranslatorTest, UnknownMessageKindIsRefused) {
 // Events from a foreign thread and replies from this one go through one
 // writer and one sink; every text arrives whole.
 TEST_F(TranslatorTest, EventsAndRepliesFromDifferentThreadsStayWhole) {
-  out.clear();
   std::thread events([&] {
     for (int i = 0; i < 300; ++i) {
       Json::Value data(Json::objectValue);
