@@ -71,7 +71,6 @@ class CloudDisasmTest : public ::testing::Test {
     QX_NLV::setSymbolManagerApi(&symbols);
     QX_NLV::setDisAsmManagerApi(&disasm);
     symbols.setUp = [this](fake::Package& p) {
-      p.objectPath = "";
       p.bigEndian = bigEndian;
       package = &p;
     };
@@ -138,7 +137,9 @@ TEST(DisassemblerTest, EmptyDisassemblerAnswersWithNothing) {
   EXPECT_TRUE(none.Disassemble({0}, {0x1000}).empty());
 }
 
-TEST_F(CloudDisasmTest, VersionOtherThanTwoIsRefusedBeforeCreating) {
+// Another version than two is refused before anything is made; a
+// disassembler not made is an ordinary exception.
+TEST_F(CloudDisasmTest, Refusals) {
   auto info = objectInfo();
   for (uint32_t version : {1u, 3u}) {
     disasm.version = version;
@@ -147,10 +148,7 @@ TEST_F(CloudDisasmTest, VersionOtherThanTwoIsRefusedBeforeCreating) {
         << "version " << version << " accepted";
   }
   EXPECT_EQ(disasm.created, 0);
-}
-
-TEST_F(CloudDisasmTest, NoDisassemblerMadeIsAnOrdinaryException) {
-  auto info = objectInfo();
+  disasm.version = FakeDisasmManager().version;
   disasm.failCreate = true;
   EXPECT_THAT([&] { CloudDisasm d(info, processorId(470, 14)); },
               ThrowsMessage<std::exception>(StrEq("Failed to create the disassembler interface")));

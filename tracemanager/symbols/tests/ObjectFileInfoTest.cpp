@@ -37,12 +37,12 @@ class ObjectFileInfoTest : public ::testing::Test {
   const fs::path dir = home.path();
 };
 
-TEST_F(ObjectFileInfoTest, WithoutSymbolManagerCreateGivesEmptyPointer) {
+// No symbol manager gives no object; another version than five, or a
+// package not made, is refused on both roads.
+TEST_F(ObjectFileInfoTest, RefusalsOnBothRoads) {
   QX_NLV::setSymbolManagerApi(nullptr);
   EXPECT_EQ(ObjectFileInfo::create("x.elf"), nullptr);
-}
-
-TEST_F(ObjectFileInfoTest, VersionOtherThanFiveIsRefusedOnBothRoads) {
+  QX_NLV::setSymbolManagerApi(&manager);
   for (uint32_t version : {4u, 6u}) {
     manager.version = version;
     EXPECT_THAT([&] { ObjectFileInfo::create("x.elf"); },
@@ -50,9 +50,7 @@ TEST_F(ObjectFileInfoTest, VersionOtherThanFiveIsRefusedOnBothRoads) {
         << "version " << version << " accepted";
     EXPECT_THROW(ObjectFileInfo(470, 14), std::runtime_error);
   }
-}
-
-TEST_F(ObjectFileInfoTest, PackageNotMadeIsAnOrdinaryException) {
+  manager.version = fake::Manager().version;
   manager.failCreate = true;
   EXPECT_THAT(
       [&] { ObjectFileInfo::create("x.elf"); },
@@ -64,7 +62,6 @@ TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
   fs::path source = write("src/main.c", tenLines());
   write("never.c", "only line\n");
   manager.setUp = [&](fake::Package& p) {
-    p.objectPath = "";
     p.lines = {{(dir / "src").string(), "main.c", 3},
                {(dir / "src").string(), "main.c", 3},
                {(dir / "src").string(), "main.c", 10},
@@ -98,7 +95,6 @@ TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
   std::string windowsDir = (dir / "app" / "sub" / "..").string();
   std::replace(windowsDir.begin(), windowsDir.end(), '/', '\\');
   manager.setUp = [&](fake::Package& p) {
-    p.objectPath = "";
     p.lines = {{windowsDir, "main.c", 2}};
     p.sourceLines = {{0x10, {(dir / "app/main.c").string(), 2}}};
   };
@@ -110,7 +106,6 @@ TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
 
 TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
   manager.setUp = [&](fake::Package& p) {
-    p.objectPath = "";
     p.lines = {{dir.string(), "gone.c", 7}};
     p.sourceLines = {{0x20, {(dir / "gone.c").string(), 7}}};
   };
@@ -123,10 +118,7 @@ TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
 }
 
 TEST_F(ObjectFileInfoTest, UnknownAddressLeavesOutputsAlone) {
-  manager.setUp = [](fake::Package& p) {
-    p.objectPath = "";
-    p.functions = {{0x40, "known"}};
-  };
+  manager.setUp = [](fake::Package& p) { p.functions = {{0x40, "known"}}; };
   auto info = ObjectFileInfo::create("x.elf");
   std::string function = "keep", file = "keep", directory = "keep";
   EXPECT_FALSE(info->lookupFunction(0x44, function, file, directory));
@@ -152,19 +144,16 @@ TEST_F(ObjectFileInfoTest, ObjectFileGivesDigestAndTimestamp) {
 }
 
 TEST_F(ObjectFileInfoTest, EmptyObjectPathIsNoError) {
-  manager.setUp = [](fake::Package& p) { p.objectPath = ""; };
-  auto info = ObjectFileInfo::create("x.elf");
-  EXPECT_TRUE(info->objectFile().empty());
-  EXPECT_EQ(info->sha1(), "");
-  EXPECT_EQ(info->timestamp(), 0);
+  auto expectNoFile = [](const ObjectFileInfo& info) {
+    EXPECT_TRUE(info.objectFile().empty());
+    EXPECT_EQ(info.sha1(), "");
+    EXPECT_EQ(info.timestamp(), 0);
+  };
+  expectNoFile(*ObjectFileInfo::create("x.elf"));
   ObjectFileInfo fromProcessor(470, 14);
-  EXPECT_TRUE(fromProcessor.objectFile().empty());
-  EXPECT_EQ(fromProcessor.sha1(), "");
-  EXPECT_EQ(fromProcessor.timestamp(), 0);
-  auto results = fromProcessor.loadFiles({});
-  EXPECT_TRUE(results.empty());
-  EXPECT_EQ(fromProcessor.sha1(), "");
-  EXPECT_EQ(fromProcessor.timestamp(), 0);
+  expectNoFile(fromProcessor);
+  EXPECT_TRUE(fromProcessor.loadFiles({}).empty());
+  expectNoFile(fromProcessor);
 }
 
 TEST_F(ObjectFileInfoTest, VanishedObjectFileFailsWithLastWriteTime) {
@@ -243,7 +232,6 @@ INSTANTIATE_TEST_SUITE_P(Table, ProcessorSelectionTest,
 
 TEST_F(ObjectFileInfoTest, RangesAreHalfOpenAndTheCacheNeverGoesStale) {
   manager.setUp = [](fake::Package& p) {
-    p.objectPath = "";
     p.ranges = {{"a", 0x100, 0x120}, {"b", 0x120, 0x140}, {"overlap", 0x130, 0x150},
                 {"empty", 0x150, 0x150}, {"c", 0x200, 0x210}};
   };
