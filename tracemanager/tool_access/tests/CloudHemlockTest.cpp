@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -133,13 +132,6 @@ bool eventually(const std::function<bool()>& condition) {
   return condition();
 }
 
-Json::Value readJson(const std::string& path) {
-  Json::Value value;
-  std::ifstream in(path);
-  Json::Reader().parse(in, value);
-  return value;
-}
-
 TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   unsetenv("OSTRAND_SIM_SCENARIO");
   CloudHemlock* gate = CloudHemlock::Acquire(toolinstall::base());
@@ -201,8 +193,10 @@ TEST(CloudHemlockOnTheSimulation, OperationRecordsAndProperties) {
   uint32_t handle = 0;
   ASSERT_EQ(gate->createTraceOperation(7, "mps2/CM4", handle, CloudHemlock::kLiveOperation), 0)
       << gate->getLastError();
-  Json::Value tree = readJson(std::string(OSTRAND_SOURCE_DIR) +
-                              "/tracemanager/tool_access/tests/golden/etb_properties.json");
+  Json::Value tree;
+  ASSERT_TRUE(Json::Reader().parse(ostrand_test::readFile(ostrand_test::sourcePath(
+                                       "tracemanager/tool_access/tests/golden/etb_properties.json")),
+                                   tree));
   EXPECT_EQ(gate->setOperationProperties(handle, tree), 0) << gate->getLastError();
   EXPECT_EQ(gate->setOperationProperties(handle, Json::Value(Json::arrayValue)), -6);
   Json::Value unknown = tree;

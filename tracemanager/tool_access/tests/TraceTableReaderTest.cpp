@@ -1,17 +1,13 @@
 // The three table readers on rows that an in-test decoder serves through the
 // real row-block format, with the test firmware's symbols and disassembly
 // from the host kit. Documents are compared with golden files
-// (OSTRAND_UPDATE_GOLDEN=1 rewrites them); functions and lines are checked
-// against the GNU binutils where that is cheap.
+// (OSTRAND_UPDATE_GOLDEN=1 rewrites them); the symbol answers they hold are
+// those host/tests/AgreementTest checks against the GNU binutils.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <map>
-#include <sstream>
-#include <variant>
 
+#include "FakeDecoderLibrary.hpp"
 #include "HostKitApis.hpp"
 #include "TestSupport.hpp"
 #include "tool_access/CTRACE.hpp"
@@ -20,70 +16,10 @@
 
 namespace {
 
-using ostrand_test::commandOutput;
-
 using namespace Qx::Nlv::Trace;
-using Cell = std::variant<uint64_t, std::string>;
-using Row = std::map<std::string, Cell>;
+using fake::Column;
+using fake::Row;
 const std::string kFirmware = OSTRAND_SOURCE_DIR "/testdata/firmware/m0plus.elf";
-
-struct Column {
-  std::string name;
-  uint32_t bits;
-  bool isString = false;
-};
-
-// Serves `rows` by the column layout the module computes: sizes in column
-// order, strings as offset and length into the block's strings.
-class RowDecoder final : public IDecoder {
- public:
-  std::vector<Column> columns;
-  std::vector<Row> rows;
-  uint32_t cursor = 0;
-  int reads = 0;
-
-  void getColumnCount(uint32_t& count) override { count = static_cast<uint32_t>(columns.size()); }
-  void getColumnInfo(uint32_t index, uint32_t& id, uint32_t& bitWidth, bool& isString,
-                     const char*& name, const char*& text1, const char*& text2) override {
-    id = index;
-    bitWidth = columns[index].bits;
-    isString = columns[index].isString;
-    name = columns[index].name.c_str();
-    text1 = text2 = "";
-  }
-  void bitsToBytes(uint32_t bitWidth, uint32_t& size) override { size = (bitWidth + 7) / 8; }
-  void prepareColumn(uint32_t, bool) override {}
-  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& read, uint8_t* data,
-                TracePosition* positions, uint8_t* valid, std::string& strings) override {
-    ++reads;
-    if (seek == kSeekStart) cursor = 0;
-    strings.clear();
-    const size_t validBytes = (columns.size() + 7) / 8;
-    read = 0;
-    for (; read < count && cursor < rows.size(); ++read, ++cursor) {
-      std::fill_n(valid + read * validBytes, validBytes, 0);
-      positions[read].row = cursor;
-      for (size_t c = 0; c < columns.size(); ++c) {
-        const uint32_t size = columns[c].isString ? 6 : (columns[c].bits + 7) / 8;
-        auto cell = rows[cursor].find(columns[c].name);
-        uint64_t value = 0xA5A5A5A5A5A5A5A5;
-        const bool present = cell != rows[cursor].end();
-        if (!present) {
-          // Keeps the filler: what an absent value holds must not matter.
-        } else if (auto* text = std::get_if<std::string>(&cell->second)) {
-          value = strings.size() | uint64_t{text->size()} << 32;
-          strings += *text + '\0';
-        } else {
-          value = std::get<uint64_t>(cell->second);
-        }
-        if (present) valid[read * validBytes + c / 8] |= static_cast<uint8_t>(1 << (c % 8));
-        for (uint32_t b = 0; b < size; ++b) *data++ = static_cast<uint8_t>(value >> (8 * b));
-      }
-    }
-  }
-  void LoadFile(const char*, uint32_t, uint32_t) override {}
-  IOverlayInfo* getOverlayInfo() override { return nullptr; }
-};
 
 class TraceTableReaderTest : public ::testing::Test {
  protected:
@@ -110,7 +46,7 @@ class TraceTableReaderTest : public ::testing::Test {
         ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/" + name)));
   }
 
-  RowDecoder decoder;
+  fake::Decoder decoder;
   CTRACE trace;
   CloudOperation record;
   TraceLookupCaches caches;
@@ -276,35 +212,31 @@ std::vector<Row> branchTrace() {
           {{"Read Address", uint64_t{0x1A0}}}, {{"Program Data", uint64_t{0xBF00}}}};
 }
 
-class MtbTest : public TraceTableReaderTest, public ::testing::WithParamInterface<bool> {};
+struct MtbCase {
+  const char* golden;
+  bool compact, symbols;
+};
+class MtbTest : public TraceTableReaderTest, public ::testing::WithParamInterface<MtbCase> {};
 
 TEST_P(MtbTest, BranchTraceGolden) {
-  const bool compact = GetParam();
   decoder.columns = kInstructionColumns;
   decoder.rows = branchTrace();
-  withProgram();
+  if (GetParam().symbols) withProgram();
   uint32_t count = 0;
   Json::Value data;
-  ASSERT_EQ(decodeMTBTrace(context, count, data, compact), 0);
+  ASSERT_EQ(decodeMTBTrace(context, count, data, GetParam().compact), 0);
   EXPECT_EQ(count, 5u);
-  expectGolden(data, compact ? "mtb_compact.json" : "mtb_data.json");
+  expectGolden(data, GetParam().golden);
   EXPECT_EQ(data["code"][1][0]["asm"], "Dst Address (Branch To)");
   EXPECT_EQ(data["code"][1][1]["asm"], "Src Address (Branch From)");
   EXPECT_EQ(data["code"][1].size(), 2u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, MtbTest, ::testing::Bool());
-
-TEST_F(TraceTableReaderTest, MtbWithoutSymbolsShowsOpcodes) {
-  decoder.columns = kInstructionColumns;
-  decoder.rows = branchTrace();
-  uint32_t count = 0;
-  Json::Value data;
-  ASSERT_EQ(decodeMTBTrace(context, count, data, false), 0);
-  EXPECT_EQ(data["code"][0].size(), 3u) << "three instruction rows, no disassembled lines";
-  EXPECT_EQ(data["code"][0][0]["asm"], "4B11");
-  EXPECT_EQ(data["data"][0]["function"], "n/a");
-}
+// Without symbols the instruction rows show their opcodes.
+INSTANTIATE_TEST_SUITE_P(Modes, MtbTest,
+                         ::testing::Values(MtbCase{"mtb_data.json", false, true},
+                                           MtbCase{"mtb_compact.json", true, true},
+                                           MtbCase{"mtb_opcodes.json", false, false}));
 
 TEST_F(TraceTableReaderTest, EtbRecordsGolden) {
   decoder.columns = kInstructionColumns;
@@ -324,27 +256,6 @@ TEST_F(TraceTableReaderTest, EtbRecordsGolden) {
   }
   expectGolden(document, "etb_data.json");
   EXPECT_EQ(data["data"][1]["first"], "FFFFBAD1") << "no secure form in instruction trace";
-}
-
-// The readers' symbol answers agree with the GNU tools on the firmware.
-TEST_F(TraceTableReaderTest, SymbolsAgreeWithBinutils) {
-  withProgram();
-  for (uint32_t address : {0xE6u, 0xF0u, 0x142u, 0x1A0u}) {
-    char hex[16];
-    std::snprintf(hex, sizeof hex, "0x%x", address);
-    std::istringstream answer(
-        commandOutput("arm-none-eabi-addr2line -f -e " + kFirmware + " " + hex + " 2>/dev/null"));
-    std::string function, place;
-    std::getline(answer, function);
-    std::getline(answer, place);
-    if (function.empty()) GTEST_SKIP() << "arm-none-eabi-addr2line is not installed";
-    const FunctionInfo& info = caches.lookupFunctionInfo(address, record.objectInfo.get());
-    const LineInfo& line = caches.lookupLine(address, record.objectInfo.get());
-    EXPECT_EQ(info.function, function) << hex;
-    const std::string lineText = place.substr(place.rfind(':') + 1);
-    EXPECT_EQ(std::to_string(line.line), lineText.substr(0, lineText.find(' '))) << hex;
-    EXPECT_NE(place.find(info.file.substr(info.file.rfind('/') + 1)), std::string::npos) << hex;
-  }
 }
 
 TEST(InstructionText, FromTheFirstRunOfFourBlanks) {
