@@ -53,30 +53,19 @@ class RecordingHost final : public HostConnection {
   std::vector<std::string> texts_;
 };
 
-// A gate that a receive() can be held at, so the module's worker is busy.
-class Gate {
- public:
+// A gate that a receive() can be held at, so the module's worker is busy;
+// once open, every later hold passes.
+struct Gate {
   void hold() {
-    std::unique_lock<std::mutex> guard(mutex_);
-    entered_ = true;
-    cv_.notify_all();
-    cv_.wait(guard, [&] { return open_; });
+    if (!held.exchange(true)) entered.set_value();
+    opened.wait();
   }
-  void waitEntered() {
-    std::unique_lock<std::mutex> guard(mutex_);
-    cv_.wait(guard, [&] { return entered_; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
+  void waitEntered() { entered.get_future().wait(); }
+  void open() { opening.set_value(); }
 
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool entered_ = false;
-  bool open_ = false;
+  std::atomic<bool> held{false};
+  std::promise<void> entered, opening;
+  std::shared_future<void> opened = opening.get_future().share();
 };
 
 class ModuleTest : public ::testing::Test {

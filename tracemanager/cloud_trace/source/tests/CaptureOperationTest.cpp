@@ -25,6 +25,9 @@ namespace fs = std::filesystem;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using Op = LocalOpManager::CaptureOperation;
+using Etb = LocalOpManager::EtbCaptureOperation;
+using Mtb = LocalOpManager::MtbCaptureOperation;
+using Tdf = LocalOpManager::TdfCaptureOperation;
 using WL = LocalOpManager::WLCaptureOperation;
 
 namespace {
@@ -208,7 +211,7 @@ TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
 
 TEST(MtbSettingsTest, UserBufferSizeReplacesItsEntryInPlace) {
   TempUserDir home;
-  LocalOpManager::MtbCaptureOperation op(0, nullptr, "microbit/CM0P", Json::Value());
+  Mtb op(0, nullptr, "microbit/CM0P", Json::Value());
   op.configure(userProps(R"([{"name":"Buffer Size","type":"String","value":"4 KB"}])", "MTB"),
                nullptr);
   EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["value"].asString(), "MTB");
@@ -257,30 +260,24 @@ TEST_P(NoToolsTest, NothingIsCreatedAndTheMetadataNamesTheDataFile) {
   EXPECT_EQ(readFile(dir + "/" + c.dataFile), "{}\n");
 }
 
+template <class T, class... Args>
+std::function<std::unique_ptr<Op>()> maker(Args... args) {
+  return [=] { return std::make_unique<T>(args...); };
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Kinds, NoToolsTest,
     ::testing::Values(
-        NoToolsCase{"MTB",
-                    [] {
-                      return std::make_unique<LocalOpManager::MtbCaptureOperation>(
-                          1, nullptr, "cpu_Dsa_0", Json::Value());
-                    },
+        NoToolsCase{"MTB", maker<Mtb>(1, nullptr, "cpu_Dsa_0", Json::Value()),
                     "Cannot enable MTB: No target selected", "live-targets/cpu_Dsa_0/MTB",
                     "mtb_data.json"},
-        NoToolsCase{"ETB",
-                    [] {
-                      return std::make_unique<LocalOpManager::EtbCaptureOperation>(
-                          0, nullptr, "mps2/CM4", Json::Value(), nullptr);
-                    },
+        NoToolsCase{"ETB", maker<Etb>(0, nullptr, "mps2/CM4", Json::Value(), nullptr),
                     "Cannot enable ETB: No target selected", "live-targets/mps2/CM4/ETB",
                     "etb_data.json"},
         // The file name is checked before any tool call.
         NoToolsCase{"TDF",
-                    [] {
-                      return std::make_unique<LocalOpManager::TdfCaptureOperation>(
-                          0, nullptr, "rec",
-                          parse(R"({"rec":{"TDF":{"opProp":{"File":"relative/a.tdf"}}}})"));
-                    },
+                    maker<Tdf>(0, nullptr, "rec",
+                               parse(R"({"rec":{"TDF":{"opProp":{"File":"relative/a.tdf"}}}})")),
                     "Invalid TDF file name: relative/a.tdf", "file-targets/rec/TDF",
                     "tdf_data.json"}),
     [](const auto& info) { return std::string(info.param.name); });

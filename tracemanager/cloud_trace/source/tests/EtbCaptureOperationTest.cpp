@@ -31,39 +31,33 @@ struct Trigger {
   std::string address, type;
 };
 
-Json::Value idValue(const std::string& id, const std::string& value) {
-  Json::Value p(Json::objectValue);
-  p["id"] = id;
-  p["value"] = value;
-  return p;
+// One use case with the properties (id, value) in order.
+Json::Value useCase(const std::vector<std::pair<std::string, std::string>>& properties) {
+  Json::Value c(Json::objectValue);
+  c["properties"] = Json::Value(Json::arrayValue);
+  for (const auto& [id, value] : properties) {
+    Json::Value& p = c["properties"].append(Json::Value(Json::objectValue));
+    p["id"] = id;
+    p["value"] = value;
+  }
+  return c;
 }
 
 // Session settings of `target` with the use cases in their usual order:
-// the buffer type, trace on, the ranges, then the triggers.
+// the buffer type, trace on, the ranges, then the triggers (a trigger
+// without a type has no type property).
 Json::Value useCases(const std::string& target, const std::vector<Range>& ranges,
                      const std::vector<Trigger>& triggers, const std::string& buffer = "Circular") {
-  Json::Value cases(Json::arrayValue);
-  Json::Value first(Json::objectValue);
-  first["properties"].append(
-      idValue("Hardware Configuration.Receiver Settings.Receiver.Buffer Type", buffer));
-  cases.append(first);
-  Json::Value traceOn(Json::objectValue);
-  traceOn["properties"] = Json::Value(Json::arrayValue);
-  cases.append(traceOn);
-  for (const auto& r : ranges) {
-    Json::Value c(Json::objectValue);
-    c["properties"].append(idValue("Range.Start", r.start));
-    c["properties"].append(idValue("Range.End", r.end));
-    cases.append(c);
-  }
-  for (const auto& t : triggers) {
-    Json::Value c(Json::objectValue);
-    c["properties"].append(idValue("Trigger.Address", t.address));
-    if (!t.type.empty()) c["properties"].append(idValue("Trigger.Address.Type", t.type));
-    cases.append(c);
-  }
   Json::Value settings(Json::objectValue);
-  settings[target]["useCases"]["properties"] = cases;
+  Json::Value& cases = settings[target]["useCases"]["properties"];
+  cases.append(useCase({{"Hardware Configuration.Receiver Settings.Receiver.Buffer Type", buffer}}));
+  cases.append(useCase({}));
+  for (const auto& r : ranges) cases.append(useCase({{"Range.Start", r.start}, {"Range.End", r.end}}));
+  for (const auto& t : triggers) {
+    cases.append(t.type.empty() ? useCase({{"Trigger.Address", t.address}})
+                                : useCase({{"Trigger.Address", t.address},
+                                           {"Trigger.Address.Type", t.type}}));
+  }
   return settings;
 }
 
