@@ -50,9 +50,12 @@ Json::Value useCases(const std::string& target, const std::vector<Range>& ranges
                      const std::vector<Trigger>& triggers, const std::string& buffer = "Circular") {
   Json::Value settings(Json::objectValue);
   Json::Value& cases = settings[target]["useCases"]["properties"];
-  cases.append(useCase({{"Hardware Configuration.Receiver Settings.Receiver.Buffer Type", buffer}}));
+  cases.append(
+      useCase({{"Hardware Configuration.Receiver Settings.Receiver.Buffer Type", buffer}}));
   cases.append(useCase({}));
-  for (const auto& r : ranges) cases.append(useCase({{"Range.Start", r.start}, {"Range.End", r.end}}));
+  for (const auto& r : ranges) {
+    cases.append(useCase({{"Range.Start", r.start}, {"Range.End", r.end}}));
+  }
   for (const auto& t : triggers) {
     cases.append(t.type.empty() ? useCase({{"Trigger.Address", t.address}})
                                 : useCase({{"Trigger.Address", t.address},
@@ -133,14 +136,16 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 // The settings tree and every sub-operation tree, of a plain core (one-shot
-// buffer, trace on, a range, an end trigger) and of a trigger-form core.
+// buffer, trace on, a range, an end trigger), of a trigger-form core, and
+// of settings without use cases (a circular buffer, trace on).
 TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachFormGolden) {
   TempUserDir home;
   Etb plain(0, nullptr, "mps2/CM4",
             useCases("mps2/CM4", {{" main ", "fir_step"}}, {{"0x100", kEnd}}, "One-shot"), nullptr);
   Etb dsc(0, nullptr, "cpu_Dsc", useCases("cpu_Dsc", {}, {{"0x100", kEnd}}), nullptr);
+  Etb none(0, nullptr, "mps2/CM4", Json::Value(), nullptr);
   Json::Value document;
-  for (Etb* op : {&plain, &dsc}) {
+  for (Etb* op : {&plain, &dsc, &none}) {
     op->configure(Json::Value(), nullptr);
     Json::Value& entry = document.append(Json::Value(Json::objectValue));
     entry["settings"] = op->getSettings();
@@ -153,17 +158,6 @@ TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachFormGolden) {
   EXPECT_TRUE(ostrand_test::matchesGolden(
       document.toStyledString(),
       ostrand_test::sourcePath("tracemanager/cloud_trace/source/tests/golden/etb_trees.json")));
-}
-
-// Without use cases (the no-tools failure and the export are in
-// CaptureOperationTest).
-TEST(EtbSettingsTest, NoUseCasesMakeOneTraceOnTreeOnACircularBuffer) {
-  TempUserDir home;
-  Etb op(0, nullptr, "mps2/CM4", Json::Value(), nullptr);
-  op.configure(Json::Value(), nullptr);
-  EXPECT_EQ(actionsOf(op), std::vector<std::string>{kOn});
-  EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["sub_properties"][0]["value"].asString(),
-            "Circular");
 }
 
 struct HexCase {
