@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "FakeSymbolManager.hpp"
 #include "source_utilities/HostApis.hpp"
 
@@ -23,15 +25,12 @@ class FakeDisassembler final : public disasm_lite::IDisassembler {
   std::vector<DisassemblyRecord> records;
   void disassembleRange(const Debugger::Address& from, const Debugger::Address& to,
                         IResultInserter* inserter) override {
-    rangeFrom = from.value;
-    rangeTo = to.value;
     for (const auto& record : records) inserter->insert(&record);
   }
   void disassembleOne(DisassemblyRecord* out, const Debugger::Address& address) override {
     *out = records.empty() ? DisassemblyRecord{} : records.front();
     out->address = address.value;
   }
-  uint64_t rangeFrom = 0, rangeTo = 0;
   disasm_lite::ITargetEnvironment* environment = nullptr;
 };
 
@@ -128,12 +127,16 @@ INSTANTIATE_TEST_SUITE_P(
                       EndianCase{320, 41, true, "REG_ENDIAN", 0},
                       EndianCase{100, 14, true, "REG_ENDIAN", 0}));
 
+// A line as "<size> <address> <label>|<text>".
+std::string show(const disasm_lite::DisassemblySourceLine& line) {
+  std::ostringstream out;
+  out << line.size << " " << std::hex << line.address << " " << line.label << "|" << line.text;
+  return out.str();
+}
+
 TEST(DisassemblerTest, EmptyDisassemblerAnswersWithNothing) {
   disasm_lite::Disassembler none;
-  auto line = none.DisassembleOne({0x100});
-  EXPECT_EQ(line.size, 0);
-  EXPECT_EQ(line.address, 0u);
-  EXPECT_TRUE(line.label.empty() && line.text.empty());
+  EXPECT_EQ(show(none.DisassembleOne({0x100})), "0 0 |");
   EXPECT_TRUE(none.Disassemble({0}, {0x1000}).empty());
 }
 
@@ -176,34 +179,21 @@ TEST_F(CloudDisasmTest, DisassemblerGoesBeforeItsEnvironment) {
 }
 
 TEST_F(CloudDisasmTest, OneLineIsCopiedOnlyWhenValid) {
-  disasm.records = {{2, 0, "main+0x4", "00000104 4770    bx lr"}};
   auto info = objectInfo();
-  CloudDisasm d(info, processorId(470, 14));
-  auto line = d.DisassembleOne({0x104});
-  EXPECT_EQ(line.size, 2);
-  EXPECT_EQ(line.address, 0x104u);
-  EXPECT_EQ(line.label, "main+0x4");
-  EXPECT_EQ(line.text, "00000104 4770    bx lr");
-
+  disasm.records = {{2, 0, "main+0x4", "00000104 4770    bx lr"}};
+  EXPECT_EQ(show(CloudDisasm(info, processorId(470, 14)).DisassembleOne({0x104})),
+            "2 104 main+0x4|00000104 4770    bx lr");
   disasm.records = {{0, 0, "junk", "junk"}};
-  auto info2 = objectInfo();
-  CloudDisasm bad(info2, processorId(470, 14));
-  auto zero = bad.DisassembleOne({0x104});
-  EXPECT_EQ(zero.size, 0);
-  EXPECT_EQ(zero.address, 0u);
-  EXPECT_TRUE(zero.label.empty() && zero.text.empty());
+  EXPECT_EQ(show(CloudDisasm(info, processorId(470, 14)).DisassembleOne({0x104})), "0 0 |");
 }
 
 TEST_F(CloudDisasmTest, RangeKeepsEveryDeliveredLineInOrder) {
   disasm.records = {{2, 0x100, "f", "a"}, {0, 0x102, "", "bad"}, {4, 0x104, nullptr, "c"}};
   auto info = objectInfo();
-  CloudDisasm d(info, processorId(470, 14));
-  auto lines = d.Disassemble({0x100}, {0x104});
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[1].size, 0);
-  EXPECT_EQ(lines[1].text, "bad");
-  EXPECT_EQ(lines[2].address, 0x104u);
-  EXPECT_EQ(lines[2].label, "");
+  std::vector<std::string> shown;
+  for (const auto& line : CloudDisasm(info, processorId(470, 14)).Disassemble({0x100}, {0x104}))
+    shown.push_back(show(line));
+  EXPECT_EQ(shown, (std::vector<std::string>{"2 100 f|a", "0 102 |bad", "4 104 |c"}));
 }
 
 }  // namespace

@@ -62,7 +62,7 @@ TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
   fs::path source = write("src/main.c", tenLines());
   write("never.c", "only line\n");
   manager.setUp = [&](fake::Package& p) {
-    p.lines = {{(dir / "src").string(), "main.c", 3},
+    p.lineTable = {{(dir / "src").string(), "main.c", 3},
                {(dir / "src").string(), "main.c", 3},
                {(dir / "src").string(), "main.c", 10},
                {(dir / "src").string(), "main.c", 12},
@@ -95,7 +95,7 @@ TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
   std::string windowsDir = (dir / "app" / "sub" / "..").string();
   std::replace(windowsDir.begin(), windowsDir.end(), '/', '\\');
   manager.setUp = [&](fake::Package& p) {
-    p.lines = {{windowsDir, "main.c", 2}};
+    p.lineTable = {{windowsDir, "main.c", 2}};
     p.sourceLines = {{0x10, {(dir / "app/main.c").string(), 2}}};
   };
   auto info = ObjectFileInfo::create("x.elf");
@@ -106,7 +106,7 @@ TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
 
 TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
   manager.setUp = [&](fake::Package& p) {
-    p.lines = {{dir.string(), "gone.c", 7}};
+    p.lineTable = {{dir.string(), "gone.c", 7}};
     p.sourceLines = {{0x20, {(dir / "gone.c").string(), 7}}};
   };
   auto info = ObjectFileInfo::create("x.elf");
@@ -232,7 +232,7 @@ INSTANTIATE_TEST_SUITE_P(Table, ProcessorSelectionTest,
 
 TEST_F(ObjectFileInfoTest, RangesAreHalfOpenAndTheCacheNeverGoesStale) {
   manager.setUp = [](fake::Package& p) {
-    p.ranges = {{"a", 0x100, 0x120}, {"b", 0x120, 0x140}, {"overlap", 0x130, 0x150},
+    p.functionRanges = {{"a", 0x100, 0x120}, {"b", 0x120, 0x140}, {"overlap", 0x130, 0x150},
                 {"empty", 0x150, 0x150}, {"c", 0x200, 0x210}};
   };
   auto info = ObjectFileInfo::create("x.elf");
