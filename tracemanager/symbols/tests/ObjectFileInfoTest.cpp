@@ -26,6 +26,13 @@ class ObjectFileInfoTest : public ::testing::Test {
   fs::path write(const std::string& name, const std::string& text) {
     return home.writeText(name, text);
   }
+  // "<line> <text>" of the source line at `address`, or "none".
+  static std::string sourceLine(ObjectFileInfo& info, uint64_t address) {
+    uint32_t line = 0;
+    const char* text = nullptr;
+    if (!info.lookupSourceLine(address, &line, &text)) return "none";
+    return std::to_string(line) + " " + text;
+  }
   static std::string tenLines() {
     std::string text;
     for (int i = 1; i <= 10; ++i) text += "line " + std::to_string(i) + "\n";
@@ -63,10 +70,10 @@ TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
   write("never.c", "only line\n");
   manager.setUp = [&](fake::Package& p) {
     p.lineTable = {{(dir / "src").string(), "main.c", 3},
-               {(dir / "src").string(), "main.c", 3},
-               {(dir / "src").string(), "main.c", 10},
-               {(dir / "src").string(), "main.c", 12},
-               {dir.string(), "never.c", 0}};
+                   {(dir / "src").string(), "main.c", 3},
+                   {(dir / "src").string(), "main.c", 10},
+                   {(dir / "src").string(), "main.c", 12},
+                   {dir.string(), "never.c", 0}};
     p.sourceLines = {{0x100, {source.string(), 3}},
                      {0x104, {source.string(), 10}},
                      {0x108, {source.string(), 12}}};
@@ -76,16 +83,9 @@ TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
   EXPECT_EQ(info->sourceFileCount(), 1u);  // line 0 adds no file
   EXPECT_EQ(info->sourceLineCount(), 2u);  // 3 once, 10; 12 is past the end
 
-  uint32_t line = 0;
-  const char* text = nullptr;
-  ASSERT_TRUE(info->lookupSourceLine(0x100, &line, &text));
-  EXPECT_EQ(line, 3u);
-  EXPECT_STREQ(text, "line 3");
-  ASSERT_TRUE(info->lookupSourceLine(0x104, &line, &text));
-  EXPECT_STREQ(text, "line 10");
-  ASSERT_TRUE(info->lookupSourceLine(0x108, &line, &text));
-  EXPECT_EQ(line, 12u);
-  EXPECT_STREQ(text, "<source not found>");
+  EXPECT_EQ(sourceLine(*info, 0x100), "3 line 3");
+  EXPECT_EQ(sourceLine(*info, 0x104), "10 line 10");
+  EXPECT_EQ(sourceLine(*info, 0x108), "12 <source not found>");
   // Either output may be left out.
   EXPECT_TRUE(info->lookupSourceLine(0x100, nullptr, nullptr));
 }
@@ -98,10 +98,7 @@ TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
     p.lineTable = {{windowsDir, "main.c", 2}};
     p.sourceLines = {{0x10, {(dir / "app/main.c").string(), 2}}};
   };
-  auto info = ObjectFileInfo::create("x.elf");
-  const char* text = nullptr;
-  ASSERT_TRUE(info->lookupSourceLine(0x10, nullptr, &text));
-  EXPECT_STREQ(text, "second");
+  EXPECT_EQ(sourceLine(*ObjectFileInfo::create("x.elf"), 0x10), "2 second");
 }
 
 TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
@@ -109,12 +106,8 @@ TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
     p.lineTable = {{dir.string(), "gone.c", 7}};
     p.sourceLines = {{0x20, {(dir / "gone.c").string(), 7}}};
   };
-  auto info = ObjectFileInfo::create("x.elf");
-  uint32_t line = 0;
-  const char* text = nullptr;
-  ASSERT_TRUE(info->lookupSourceLine(0x20, &line, &text));
-  EXPECT_EQ(line, 7u);
-  EXPECT_STREQ(text, ObjectFileInfo::kSourceNotFound);
+  EXPECT_EQ(sourceLine(*ObjectFileInfo::create("x.elf"), 0x20),
+            std::string("7 ") + ObjectFileInfo::kSourceNotFound);
 }
 
 TEST_F(ObjectFileInfoTest, UnknownAddressLeavesOutputsAlone) {

@@ -40,10 +40,16 @@ class TraceTableReaderTest : public ::testing::Test {
     record.disassembler = std::make_shared<CloudDisasm>(record.objectInfo, 0x75803800);
   }
 
+  static std::string golden(const std::string& name) {
+    return ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/" + name);
+  }
   static void expectGolden(const Json::Value& document, const std::string& name) {
-    EXPECT_TRUE(ostrand_test::matchesGolden(
-        document.toStyledString(),
-        ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/" + name)));
+    EXPECT_TRUE(ostrand_test::matchesGolden(document.toStyledString(), golden(name)));
+  }
+  static Json::Value json(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
+    return value;
   }
 
   fake::Decoder decoder;
@@ -115,21 +121,9 @@ TEST_F(TraceTableReaderTest, TransformsGolden) {
                   {{"Program Address", uint64_t{0x10000000}}}};
   trace.clockHz = 1000000;
   withProgram();
-  Json::Value spec;
-  ASSERT_TRUE(Json::Reader().parse(R"([
-    {"name":"zero","index":0,"format":"hex","transform":{"type":"timeMs"}},
-    {"name":"index","index":1,"format":"hex","transform":{"type":"functionInfoIndex"}},
-    {"name":"function","index":1,"format":"hex","transform":{"type":"functionName"}},
-    {"name":"file","index":1,"format":"hex","transform":{"type":"fileName","using":[1]}},
-    {"name":"dir","index":1,"format":"hex","transform":{"type":"directoryName"}},
-    {"name":"line","index":1,"format":"hex","transform":{"type":"lineNumber"}},
-    {"name":"asm","index":1,"format":"hex","transform":{"type":"disassemble"}},
-    {"name":"row","index":1,"format":"hex","transform":{"type":"rowNumber"}},
-    {"name":"ms","index":2,"format":"hex","transform":{"type":"timeMs"}},
-    {"name":"stamp","index":2,"format":"unsigned","datatype":"Number"},
-    {"name":"count","index":3,"format":"unsigned"},
-    {"name":"missing","index":9,"format":"default"}])",
-                                   spec));
+  // The columns asked for: each transform, both number formats, and a
+  // column the table does not have.
+  const Json::Value spec = json(ostrand_test::readFile(golden("transforms_columns.json")));
   ASSERT_EQ(readTraceColumnNames(record, trace, lastError), 0);
   ASSERT_EQ(setupColumnProcessing(record, spec, lastError), 0);
   ASSERT_EQ(fetchTraceData(context), 0);
@@ -141,16 +135,14 @@ TEST_F(TraceTableReaderTest, TransformsGolden) {
 }
 
 TEST_F(TraceTableReaderTest, ProcessingErrorsKeepTheEarlierSetup) {
-  Json::Value good;
-  Json::Reader().parse(R"([{"name":"a","index":0,"format":"hex"}])", good);
+  const Json::Value good = json(R"([{"name":"a","index":0,"format":"hex"}])");
   ASSERT_EQ(setupColumnProcessing(record, good, lastError), 0);
   EXPECT_EQ(setupColumnProcessing(record, Json::Value("x"), lastError), -3);
   EXPECT_EQ(lastError, "Column info parameter is not a JSON array");
-  Json::Value badFormat, badTransform;
-  Json::Reader().parse(R"([{"name":"a","index":0,"format":"octal"}])", badFormat);
+  const Json::Value badFormat = json(R"([{"name":"a","index":0,"format":"octal"}])");
   EXPECT_EQ(setupColumnProcessing(record, badFormat, lastError), -4);
   EXPECT_EQ(lastError, "Illegal format specified 'octal'");
-  Json::Reader().parse(R"([{"index":0,"format":"hex","transform":{"type":"x"}}])", badTransform);
+  const Json::Value badTransform = json(R"([{"index":0,"format":"hex","transform":{"type":"x"}}])");
   EXPECT_EQ(setupColumnProcessing(record, badTransform, lastError), -4);
   EXPECT_EQ(lastError, "Illegal transform specified 'x'");
   EXPECT_EQ(record.columnProcessing->names, std::vector<std::string>{"a"});
