@@ -104,57 +104,45 @@ TEST_F(CTRACETest, NameTestAndMissingFile) {
   EXPECT_FALSE(trace.readHeader((dir / "absent.tdf").string()));
 }
 
-TEST_F(CTRACETest, FileDecoderOfCurrentForm) {
-  TdfHeader header;
-  header.values[2] = Qx::Nlv::Trace::kProtocolStm;
-  header.clock = false;
-  foundry.config.afterLoad["STM_DTC_target_clock_hz"] = 25000000;
-  std::string path = write("rec.tdf", header.bytes());
-  CTRACE trace;
-  EXPECT_EQ(trace.CreateDecoder(TdfFileName{path}), "");
-  EXPECT_TRUE(trace.decoderReady);
-  EXPECT_EQ(foundry.decoder.loadedPath, path);
-  EXPECT_EQ(foundry.config.loadedPath, path);
-  EXPECT_EQ(foundry.coffGiven, "(null)");
+// One line per recording: CreateDecoder's answer and what reached the
+// decoder library (the paths below the test's folder as <dir>).
+TEST_F(CTRACETest, FileDecodersGolden) {
+  std::ostringstream out;
+  auto create = [&](const char* name, TdfHeader header) {
+    foundry.decoder.loadedPath = foundry.config.loadedPath = foundry.coffGiven = "";
+    CTRACE trace;
+    const std::string answer = trace.CreateDecoder(TdfFileName{write("rec.tdf", header.bytes())});
+    out << name << ": '" << answer << "' ready=" << trace.decoderReady
+        << " decoder=" << (trace.decoder != nullptr) << " loaded=" << foundry.decoder.loadedPath
+        << " config=" << foundry.config.loadedPath << " program=" << trace.coffFileName
+        << " given=" << foundry.coffGiven << " clock=" << trace.clockHz
+        << " destroyed=" << foundry.decodersDestroyed << "/" << foundry.driversDestroyed << "\n";
+  };
   // The clock of an STM source is read again once the configuration is in.
-  EXPECT_DOUBLE_EQ(trace.clockHz, 25e6);
-}
-
-TEST_F(CTRACETest, FileDecoderRefusals) {
+  TdfHeader stm;
+  stm.values[2] = Qx::Nlv::Trace::kProtocolStm;
+  stm.clock = false;
+  foundry.config.afterLoad["STM_DTC_target_clock_hz"] = 25000000;
+  create("Stm", stm);
+  // The older form is read, then refused and shut down again.
   TdfHeader older;
   older.current = false;
-  CTRACE v1;
-  EXPECT_EQ(v1.CreateDecoder(TdfFileName{write("old.tdf", older.bytes())}),
-            "Unsupported TDF file format v1");
-  EXPECT_FALSE(v1.decoderReady);
-  EXPECT_EQ(foundry.decodersDestroyed, 1);  // shut down again
-  EXPECT_EQ(foundry.driversDestroyed, 1);
-
+  create("Older", older);
   TdfHeader broken;
   broken.version = 2;
-  CTRACE unread;
-  EXPECT_EQ(unread.CreateDecoder(TdfFileName{write("b.tdf", broken.bytes())}),
-            "Could not read TDF header");
-
-  foundry.decoder.loadFailure = "trace data damaged";
-  CTRACE failing;
-  EXPECT_EQ(failing.CreateDecoder(TdfFileName{write("f.tdf", TdfHeader().bytes())}),
-            "trace data damaged");
-  EXPECT_EQ(failing.decoder, nullptr);
-}
-
-TEST_F(CTRACETest, ProgramFileMovedWithTheRecording) {
-  TdfHeader header;
-  header.coff = "/nowhere/build/prog.elf";
-  std::string path = write("rec.tdf", header.bytes());
-  CTRACE missing;
-  EXPECT_EQ(missing.CreateDecoder(TdfFileName{path}),
-            "Could not open coff file '/nowhere/build/prog.elf'");
+  create("Unread", broken);
+  // A program file that is not where the header says is looked for beside
+  // the recording.
+  TdfHeader moved;
+  moved.coff = "/nowhere/build/prog.elf";
+  create("ProgramMissing", moved);
   write("prog.elf", "ELF");
-  CTRACE found;
-  EXPECT_EQ(found.CreateDecoder(TdfFileName{path}), "");
-  EXPECT_EQ(found.coffFileName, (dir / "prog.elf").string());
-  EXPECT_EQ(foundry.coffGiven, (dir / "prog.elf").string());
+  create("ProgramBesideTheRecording", moved);
+  foundry.decoder.loadFailure = "trace data damaged";
+  create("LoadFails", TdfHeader());
+  EXPECT_TRUE(ostrand_test::matchesGolden(
+      ostrand_test::replaceAll(out.str(), dir.string(), "<dir>"),
+      ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/file_decoders.txt")));
 }
 
 TEST_F(CTRACETest, ColumnModel) {
