@@ -7,9 +7,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <chrono>
 #include <functional>
-#include <thread>
 
 #include "TestSupport.hpp"
 #include "ToolInstall.hpp"
@@ -122,15 +120,7 @@ INSTANTIATE_TEST_SUITE_P(EachAdapterEntry, MissingEntryPoint,
                                            "RemoveAdapterEventConsumer",
                                            "ClearAdapterEventConsumer"));
 
-// Polls `condition` for up to five seconds: the simulation reports on
-// threads of its own.
-bool eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 500; ++i) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return condition();
-}
+using toolinstall::eventually;
 
 TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   unsetenv("OSTRAND_SIM_SCENARIO");
