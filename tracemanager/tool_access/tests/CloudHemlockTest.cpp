@@ -1,13 +1,14 @@
 // The tool gate on the simulated tool libraries of the build: what a broken
 // install tree gives (each required library and entry point missing in
-// turn, each in a process of its own), and the gate's operations on the
+// turn, each in a process of its own, as a death test), and the gate's operations on the
 // default scenario.
 #include "tool_access/CloudHemlock.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
-#include <functional>
+#include <cstdio>
 
 #include "TestSupport.hpp"
 #include "ToolInstall.hpp"
@@ -16,34 +17,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-// Runs `body` in a child process and gives what it returned: the libraries
-// a broken tree loads stay loaded, so no case sees another's.
-std::string inChild(const std::function<std::string()>& body) {
-  int fds[2];
-  if (pipe(fds) != 0) return "pipe failed";
-  pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    std::string out;
-    try {
-      out = body();
-    } catch (const std::exception& e) {
-      out = std::string("exception: ") + e.what();
-    }
-    ssize_t written = write(fds[1], out.data(), out.size());
-    _exit(written == static_cast<ssize_t>(out.size()) ? 0 : 1);
-  }
-  close(fds[1]);
-  std::string result;
-  char buffer[512];
-  ssize_t n = 0;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) result.append(buffer, n);
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return result;
-}
 
 // What the gate makes of the tree at `base`: the refusal's text, or
 // "loaded" and the answer of a device query on a file.
@@ -61,6 +34,18 @@ std::string gateOn(const std::string& base) {
   }
 }
 
+// Expects `expected` of gateOn in a process of its own: the libraries a
+// broken tree loads stay loaded, so no case sees another's.
+void expectGateAnswer(const std::string& base, const std::string& expected) {
+  EXPECT_EXIT(
+      {
+        std::fprintf(stderr, "[%s]", gateOn(base).c_str());
+        std::fflush(stderr);
+        _exit(0);
+      },
+      ::testing::ExitedWithCode(0), ::testing::HasSubstr("[" + expected + "]"));
+}
+
 struct BrokenTree {
   const char* name;
   const char* removed;  // under vsk_base/
@@ -76,7 +61,7 @@ TEST_P(BrokenTrees, GateAnswer) {
   ASSERT_TRUE(fs::remove(removed)) << removed;
   std::string expected = GetParam().expected;
   if (size_t at = expected.find("{}"); at != std::string::npos) expected.replace(at, 2, removed);
-  EXPECT_EQ(inChild([&] { return gateOn(base); }), expected);
+  expectGateAnswer(base, expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -109,8 +94,7 @@ TEST_P(MissingEntryPoint, AdapterRefused) {
   fs::copy_file(std::string(OSTRAND_FIXTURE_DIR) + "/" + GetParam() + "/libPBATargetAdapter.so",
                 base + "emulation/analysis/bin/libPBATargetAdapter.so",
                 fs::copy_options::overwrite_existing);
-  EXPECT_EQ(inChild([&] { return gateOn(base); }),
-            "Unable to load function from PbaTargetAdapter library");
+  expectGateAnswer(base, "Unable to load function from PbaTargetAdapter library");
 }
 
 INSTANTIATE_TEST_SUITE_P(EachAdapterEntry, MissingEntryPoint,
