@@ -1,14 +1,18 @@
-// The translator's refusal of an unknown message kind and its one writer
-// under threads; the message forms, deferred answers and cancels are in the
-// command transcript.
+// The translator: every message form, deferred answers and cancels as a
+// transcript through it, its refusal of an unknown message kind, and its
+// one writer under threads.
 #include "json_interface/Translator.hpp"
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "TestSink.hpp"
+#include "TestSupport.hpp"
 
 using JSONInterface::Translator;
 
@@ -19,6 +23,44 @@ class TranslatorTest : public ::testing::Test {
   TestSink out;
   Translator translator{out.sink()};
 };
+
+// The message forms as a transcript: golden/commands.jsonl holds the
+// messages, golden/commands.expected every text each one made the module
+// send (replies and events, in order).
+TEST_F(TranslatorTest, CommandTranscriptOfEveryMessageForm) {
+  translator.addCommand("test.throwInt", [](unsigned int, const Json::Value&) { throw 42; });
+  translator.addCommand("test.throwStd", [](unsigned int, const Json::Value&) {
+    throw std::logic_error("handler failed");
+  });
+  // Deferred answers: test.defer waits for a fresh operation that
+  // test.settle resolves; test.failDeferred's operation has failed already.
+  low::promise<void> operation;
+  translator.addCommand("test.defer", [&](unsigned int id, const Json::Value&) {
+    operation = low::promise<void>();
+    translator.deferResponse(id, operation);
+  });
+  translator.addCommand("test.settle", [&](unsigned int id, const Json::Value&) {
+    operation.resolve();
+    translator.sendResponse(id);
+  });
+  translator.addCommand("test.failDeferred", [&](unsigned int id, const Json::Value&) {
+    translator.deferResponse(id, low::rejected(std::runtime_error("An internal error occurred")));
+  });
+  const std::string golden = ostrand_test::sourcePath("tracemanager/json_interface/tests/golden/commands");
+  std::ifstream in(golden + ".jsonl");
+  ASSERT_TRUE(in);
+  std::ostringstream transcript;
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    out.clear();
+    translator.process(line);
+    transcript << "> " << (line.size() > 200 ? line.substr(0, 40) + "..." : line) << "\n";
+    for (const std::string& text : out.texts()) transcript << "< " << text << "\n";
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(transcript.str(), golden + ".expected"));
+  EXPECT_EQ(translator.pendingCount(), 0u);
+}
 
 TEST_F(TranslatorTest, UnknownMessageKindIsRefused) {
   EXPECT_THROW(translator.sendMessage(static_cast<Translator::MessageKind>(7), 1, Json::Value()),

@@ -1,5 +1,6 @@
 // Capture directories and URIs, the settings overlay, what a power capture
-// writes and moves, and what the other captures do and deliver, without
+// writes and moves, what the other captures do and deliver, and where a
+// TDF session's file name comes from and which names are taken, without
 // tools.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -281,5 +282,50 @@ INSTANTIATE_TEST_SUITE_P(
                     "Invalid TDF file name: relative/a.tdf", "file-targets/rec/TDF",
                     "tdf_data.json"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------- TDF file names
+
+struct OpPropCase {
+  const char* opProp;
+  const char* path;
+};
+
+class TdfOpPropTest : public ::testing::TestWithParam<OpPropCase> {};
+
+TEST_P(TdfOpPropTest, FindsTheFileInEitherForm) {
+  EXPECT_EQ(Tdf::pathFromOpProp(parse(GetParam().opProp)), GetParam().path);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Forms, TdfOpPropTest,
+    ::testing::Values(
+        OpPropCase{R"({"File":"/tmp/a.tdf"})", "/tmp/a.tdf"},
+        OpPropCase{R"([{"name":"Other"},{"name":"File Settings","sub_properties":)"
+                   R"([{"name":"Mode","value":1},{"name":"File","value":"/r/b.tdf"}]}])",
+                   "/r/b.tdf"},
+        // An object without File falls through to the tree form and finds nothing.
+        OpPropCase{R"({"Path":"/tmp/a.tdf"})", ""},
+        OpPropCase{R"([{"name":"File Settings","sub_properties":[]}])", ""},
+        OpPropCase{"null", ""}));
+
+TEST(TdfPathTest, OnlyAbsoluteExistingFilesAfterNormalisation) {
+  TempUserDir home;
+  const std::string file = home.root() + "/run.tdf";
+  writeFile(file, "TDF2");
+
+  std::string path = home.root() + "/sub/../run.tdf";
+  EXPECT_TRUE(Tdf::normalizePath(path));
+  EXPECT_EQ(path, file);
+
+  // A path of this system keeps its leading "/"; a drive-letter URI path
+  // loses it, and is then no absolute path here.
+  path = "/C:/data/a.tdf";
+  EXPECT_FALSE(Tdf::normalizePath(path));
+  EXPECT_EQ(path, "C:/data/a.tdf");
+
+  for (std::string bad : {std::string(), std::string("run.tdf"), home.root() + "/none.tdf"}) {
+    EXPECT_FALSE(Tdf::normalizePath(bad)) << bad;
+  }
+}
 
 }  // namespace
