@@ -5,13 +5,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <thread>
 #include <vector>
 
 #include "FakeDecoderLibrary.hpp"
 #include "NotificationRecorder.hpp"
 #include "TdfWriter.hpp"
+#include "TestSupport.hpp"
 #include "ToolInstall.hpp"
 #include "tool_access/CTRACE.hpp"
 #include "tool_access/CTraceApp.hpp"
@@ -110,9 +110,8 @@ TEST_F(GateThreads, FullTraceTable) {
   fake::Foundry foundry;
   Qx::Nlv::Trace::IChannelFoundry* saved = CTraceApp::foundry();
   CTraceApp::useFoundry(&foundry, keepFoundry);
-  std::string path = (std::filesystem::temp_directory_path() /
-                      ("full_" + std::to_string(getpid()) + ".tdf")).string();
-  std::ofstream(path, std::ios::binary) << TdfHeader().bytes();
+  ostrand_test::TempDir dir("full");
+  const std::string path = dir.writeText("full.tdf", TdfHeader().bytes());
 
   std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
   std::vector<uint32_t> handles(CTraceApp::kTraceTableSize + 1);
@@ -137,7 +136,6 @@ TEST_F(GateThreads, FullTraceTable) {
   EXPECT_EQ(CTraceApp::freeSlot(), 0);
   EXPECT_EQ(foundry.decodersDestroyed, static_cast<int>(CTraceApp::kTraceTableSize) + 1);
   CTraceApp::useFoundry(saved, nullptr);
-  std::filesystem::remove(path);
 }
 
 }  // namespace
