@@ -132,11 +132,6 @@ TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   ASSERT_TRUE(eventually([&] { return gate->getCpuNames(cpus) == 0 && cpus.size() == 2; }));
 
   ASSERT_EQ(gate->getDevices(true, "", devices), 0) << gate->getLastError();
-  // Program files are named from the install tree, wherever it lies.
-  const std::string text =
-      ostrand_test::replaceAll(devices.toStyledString(), toolinstall::base(), "<base>/");
-  EXPECT_TRUE(ostrand_test::matchesGolden(
-      text, ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/default_devices.json")));
   const Json::Value* program = CloudHemlock::findOutFileNode(devices[1]["device_info"]);
   ASSERT_NE(program, nullptr);
   EXPECT_EQ((*program)["name"].asString(), "mps2/CM4");
@@ -147,12 +142,14 @@ TEST(CloudHemlockOnTheSimulation, DefaultScenarioThroughTheGate) {
   ASSERT_EQ(connect("mps2/CM4"), 0);
   EXPECT_TRUE(eventually([&] { return gate->isTargetConnected("mps2/CM4", connected) == 0 && connected; }));
 
-  Json::Value jstate;
-  ASSERT_EQ(gate->getJState("mps2/CM4", jstate), 0) << gate->getLastError();
-  EXPECT_EQ(jstate["name"].asString(), "M4_STATES");
-  EXPECT_EQ(jstate["version"].asInt(), 5);
-  EXPECT_EQ(jstate["bitFields"][0]["Enums"][1]["Choice"].asString(), "CPU.Sleep");
-  EXPECT_EQ(jstate["bitFields"][1]["Enums"].size(), 0u);
+  // The devices and the connected CPU's state description; program files
+  // are named from the install tree, wherever it lies.
+  Json::Value document;
+  document["devices"] = devices;
+  ASSERT_EQ(gate->getJState("mps2/CM4", document["jstate"]), 0) << gate->getLastError();
+  EXPECT_TRUE(ostrand_test::matchesGolden(
+      ostrand_test::replaceAll(document.toStyledString(), toolinstall::base(), "<base>/"),
+      ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/default_devices.json")));
 }
 
 TEST(CloudHemlockOnTheSimulation, OperationRecordsAndProperties) {
