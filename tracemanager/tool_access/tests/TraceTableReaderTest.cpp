@@ -83,9 +83,7 @@ TEST_F(TraceTableReaderTest, TdfTableGolden) {
   };
   withProgram();
   Json::Value data;
-  Json::Value out = "untouched";
   ASSERT_EQ(readTdfTable(context, data, nullptr), 0);
-  EXPECT_EQ(out, "untouched");
   expectGolden(data, "tdf_table.json");
   EXPECT_EQ(data["Rows"][0][7].asString(), "main");
   EXPECT_EQ(data["Rows"][1][7].asString(), "sensor_record");
@@ -100,7 +98,6 @@ TEST_F(TraceTableReaderTest, TdfAddressAboveSignedRangeEndsTheTable) {
 
 TEST_F(TraceTableReaderTest, TdfWithoutProgramColumnHasNoSymbolColumns) {
   decoder.columns = {{"Value", 16}};
-  decoder.rows = {};
   Json::Value data;
   ASSERT_EQ(readTdfTable(context, data, [] { FAIL() << "no program to look for"; }), 0);
   EXPECT_EQ(data["Columns"].size(), 1u);
