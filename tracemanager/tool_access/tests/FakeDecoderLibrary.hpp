@@ -29,8 +29,8 @@ using Row = std::map<std::string, Cell>;
 
 class Config : public IDeviceConfigManager {
  public:
-  void RegisterEventHandler(CDeviceConfigEvents*) override { ++registered; }
-  void applyLiveConfiguration() override { ++applied; }
+  void RegisterEventHandler(CDeviceConfigEvents*) override {}
+  void applyLiveConfiguration() override {}
   void LoadConfiguration(const char* path, uint32_t) override {
     loadedPath = path;
     for (auto& [name, value] : afterLoad) properties[name] = value;
@@ -44,8 +44,6 @@ class Config : public IDeviceConfigManager {
   std::map<std::string, int64_t> properties;
   std::map<std::string, int64_t> afterLoad;  // known once a configuration is loaded
   std::string loadedPath;
-  int registered = 0;
-  int applied = 0;
 };
 
 class Decoder : public IDecoder {
