@@ -174,8 +174,7 @@ TEST_F(CloudDisasmTest, DisassemblerGoesBeforeItsEnvironment) {
     auto info = objectInfo();
     CloudDisasm d(info, processorId(470, 14));
   }
-  ASSERT_EQ(disasm.log.size(), 1u);
-  EXPECT_EQ(disasm.log[0], "destroy in CloudDisasm");
+  EXPECT_EQ(disasm.log, std::vector<std::string>{"destroy in CloudDisasm"});
 }
 
 TEST_F(CloudDisasmTest, OneLineIsCopiedOnlyWhenValid) {

@@ -187,20 +187,14 @@ TEST_F(ObjectFileInfoTest, EnvironmentsAreNumberedAndOutliveThePackage) {
     ObjectFileInfo b(320, 41);
     first = a.debugEnvironment()->name();
     second = b.debugEnvironment()->name();
-    const std::string prefix = "TraceObjFile";
-    ASSERT_EQ(first.rfind(prefix, 0), 0u);
-    const std::string number = first.substr(prefix.size());
-    ASSERT_FALSE(number.empty());
-    ASSERT_EQ(number.find_first_not_of("0123456789"), std::string::npos);
-    EXPECT_EQ(second, prefix + std::to_string(std::stoul(number) + 1));
+    ASSERT_THAT(first, ::testing::MatchesRegex("TraceObjFile[0-9]+"));
+    EXPECT_EQ(second, "TraceObjFile" + std::to_string(std::stoul(first.substr(12)) + 1));
     uint64_t selector = 0;
     b.debugEnvironment()->processorSelector(&selector);
     EXPECT_EQ(selector, (uint64_t{9} << 32) | 1u);
   }
   // Each package was released while its environment still existed.
-  ASSERT_EQ(manager.log.size(), 2u);
-  EXPECT_EQ(manager.log[0], "release " + second);
-  EXPECT_EQ(manager.log[1], "release " + first);
+  EXPECT_EQ(manager.log, (std::vector<std::string>{"release " + second, "release " + first}));
 }
 
 struct Selection {
