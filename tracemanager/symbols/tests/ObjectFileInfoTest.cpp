@@ -197,25 +197,19 @@ TEST_F(ObjectFileInfoTest, EnvironmentsAreNumberedAndOutliveThePackage) {
   EXPECT_EQ(manager.log, (std::vector<std::string>{"release " + second, "release " + first}));
 }
 
-struct Selection {
-  uint32_t family, variant, processorClass, processorModel;
-};
-class ProcessorSelectionTest : public ::testing::TestWithParam<Selection> {};
-
-TEST_P(ProcessorSelectionTest, FollowsTheTable) {
-  auto s = GetParam();
-  EXPECT_EQ(ObjectFileInfo::processorSelection(s.family, s.variant),
-            std::make_pair(s.processorClass, s.processorModel));
+// Family, variant, then the processor class and model they select.
+TEST(ProcessorSelectionTest, FollowsTheTable) {
+  const uint32_t table[][4] = {{320, 32, 1, 10}, {320, 40, 1, 10}, {320, 41, 1, 9},
+                               {320, 42, 4, 16}, {470, 21, 0, 1},  {470, 10, 0, 0},
+                               {470, 13, 0, 3},  {470, 14, 0, 2},  {470, 51, 0, 5},
+                               {470, 82, 0, 6},  {470, 83, 0, 4},  {470, 11, 0, 8},
+                               {100, 14, 4, 16}};
+  for (const auto& [family, variant, processorClass, processorModel] : table) {
+    EXPECT_EQ(ObjectFileInfo::processorSelection(family, variant),
+              std::make_pair(processorClass, processorModel))
+        << family << "/" << variant;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, ProcessorSelectionTest,
-                         ::testing::Values(Selection{320, 32, 1, 10}, Selection{320, 40, 1, 10},
-                                           Selection{320, 41, 1, 9}, Selection{320, 42, 4, 16},
-                                           Selection{470, 21, 0, 1}, Selection{470, 10, 0, 0},
-                                           Selection{470, 13, 0, 3}, Selection{470, 14, 0, 2},
-                                           Selection{470, 51, 0, 5}, Selection{470, 82, 0, 6},
-                                           Selection{470, 83, 0, 4}, Selection{470, 11, 0, 8},
-                                           Selection{100, 14, 4, 16}));
 
 TEST_F(ObjectFileInfoTest, RangesAreHalfOpenAndTheCacheNeverGoesStale) {
   manager.setUp = [](fake::Package& p) {

@@ -44,33 +44,23 @@ Json::Value userProps(const std::string& receiverList, const std::string& receiv
                receiver + R"(","sub_properties":)" + receiverList + "}]}]");
 }
 
-struct DirCase {
-  const char* target;
-  const char* feature;
-  const char* below;  // expected path below <data>
-};
-
-class TargetDirTest : public ::testing::TestWithParam<DirCase> {
- protected:
+// Target, feature, and the directory made for them below <data>.
+TEST(TargetDirTest, NamesAndCreatesTheCaptureDirectory) {
   TempUserDir home;
-};
-
-TEST_P(TargetDirTest, NamesAndCreatesTheCaptureDirectory) {
-  const DirCase& c = GetParam();
-  std::string dir = LocalOpManager::getTargetDir(c.target, c.feature);
-  EXPECT_EQ(dir, home.data() + "/" + c.below);
-  EXPECT_TRUE(fs::is_directory(dir));
+  const char* const cases[][3] = {
+      {"cpu", "Wattline", "live-targets/cpu/Wattline"},
+      {"", "MTB", "live-targets"},  // no target: the feature is not joined
+      {"a//b", "ETB", "live-targets/a/b/ETB"},
+      {"file/x", "MTB", "file-targets/file/x/MTB"},
+      {"x/file/a", "MTB", "live-targets/x/file/a/MTB"},
+      {"file/a/file/b", "MTB", "live-targets/file/a/file/b/MTB"},
+      {"board/core0", "TDF", "file-targets/board/core0/TDF"}};
+  for (const auto& [target, feature, below] : cases) {
+    const std::string dir = LocalOpManager::getTargetDir(target, feature);
+    EXPECT_EQ(dir, home.data() + "/" + below);
+    EXPECT_TRUE(fs::is_directory(dir)) << dir;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Layout, TargetDirTest,
-    ::testing::Values(DirCase{"cpu", "Wattline", "live-targets/cpu/Wattline"},
-                      DirCase{"", "MTB", "live-targets"},  // no target: the feature is not joined
-                      DirCase{"a//b", "ETB", "live-targets/a/b/ETB"},
-                      DirCase{"file/x", "MTB", "file-targets/file/x/MTB"},
-                      DirCase{"x/file/a", "MTB", "live-targets/x/file/a/MTB"},
-                      DirCase{"file/a/file/b", "MTB", "live-targets/file/a/file/b/MTB"},
-                      DirCase{"board/core0", "TDF", "file-targets/board/core0/TDF"}));
 
 TEST(CaptureUriTest, AbsolutePathsGetThreeSlashes) {
   EXPECT_EQ(LocalOpManager::directoryUri("/home/u/x"), "file:///home/u/x");
@@ -108,24 +98,18 @@ TEST(SettingsMergeTest, ObjectsByMemberArraysOnlyOfTheSameSize) {
   EXPECT_EQ(Json::FastWriter().write(list), R"([1,{"k":2,"n":3}])" "\n");
 }
 
-struct FormatCase {
-  const char* target;
-  const char* format;
-};
-class WLFormatTest : public ::testing::TestWithParam<FormatCase> {};
-
-TEST_P(WLFormatTest, FormatFollowsTheCore) {
+TEST(WLFormatTest, FormatFollowsTheCore) {
   TempUserDir home;
-  WL op(0, nullptr, GetParam().target, Json::Value());
-  op.configure(Json::Value(), nullptr);
-  EXPECT_EQ(op.getReceiverProperty("Format")["value"].asString(), GetParam().format);
+  const char* const cases[][2] = {{"LYNX16_CORE", "LYNX"},
+                                  {"sim/Cortex_M0plus", "LYNX"},
+                                  {"cortex_m4_0", "LPRF"},
+                                  {"ArmV6M0", "LYNX"}};
+  for (const auto& [target, format] : cases) {
+    WL op(0, nullptr, target, Json::Value());
+    op.configure(Json::Value(), nullptr);
+    EXPECT_EQ(op.getReceiverProperty("Format")["value"].asString(), format) << target;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cores, WLFormatTest,
-                         ::testing::Values(FormatCase{"LYNX16_CORE", "LYNX"},
-                                           FormatCase{"sim/Cortex_M0plus", "LYNX"},
-                                           FormatCase{"cortex_m4_0", "LPRF"},
-                                           FormatCase{"ArmV6M0", "LYNX"}));
 
 TEST(WLSettingsTest, UserPropertiesReplaceInPlaceOrAppend) {
   TempUserDir home;
@@ -285,28 +269,21 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---------------------------------------------------------------- TDF file names
 
-struct OpPropCase {
-  const char* opProp;
-  const char* path;
-};
-
-class TdfOpPropTest : public ::testing::TestWithParam<OpPropCase> {};
-
-TEST_P(TdfOpPropTest, FindsTheFileInEitherForm) {
-  EXPECT_EQ(Tdf::pathFromOpProp(parse(GetParam().opProp)), GetParam().path);
+// A TDF opProp and the file it names, in either form.
+TEST(TdfOpPropTest, FindsTheFileInEitherForm) {
+  const char* const cases[][2] = {
+      {R"({"File":"/tmp/a.tdf"})", "/tmp/a.tdf"},
+      {R"([{"name":"Other"},{"name":"File Settings","sub_properties":)"
+       R"([{"name":"Mode","value":1},{"name":"File","value":"/r/b.tdf"}]}])",
+       "/r/b.tdf"},
+      // An object without File falls through to the tree form and finds nothing.
+      {R"({"Path":"/tmp/a.tdf"})", ""},
+      {R"([{"name":"File Settings","sub_properties":[]}])", ""},
+      {"null", ""}};
+  for (const auto& [opProp, path] : cases) {
+    EXPECT_EQ(Tdf::pathFromOpProp(parse(opProp)), path) << opProp;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Forms, TdfOpPropTest,
-    ::testing::Values(
-        OpPropCase{R"({"File":"/tmp/a.tdf"})", "/tmp/a.tdf"},
-        OpPropCase{R"([{"name":"Other"},{"name":"File Settings","sub_properties":)"
-                   R"([{"name":"Mode","value":1},{"name":"File","value":"/r/b.tdf"}]}])",
-                   "/r/b.tdf"},
-        // An object without File falls through to the tree form and finds nothing.
-        OpPropCase{R"({"Path":"/tmp/a.tdf"})", ""},
-        OpPropCase{R"([{"name":"File Settings","sub_properties":[]}])", ""},
-        OpPropCase{"null", ""}));
 
 TEST(TdfPathTest, OnlyAbsoluteExistingFilesAfterNormalisation) {
   TempUserDir home;

@@ -161,34 +161,29 @@ TEST(EtbSettingsTest, ReceiverTreeAndTreesOfEachFormGolden) {
       ostrand_test::sourcePath("tracemanager/cloud_trace/source/tests/golden/etb_trees.json")));
 }
 
-struct HexCase {
-  const char* text;
-  bool ok;
-  uint32_t address;
-  bool overflow;
-};
-
-class EtbHexTest : public ::testing::TestWithParam<HexCase> {};
-
-TEST_P(EtbHexTest, ReadsDigitsUpToTheFirstOther) {
-  uint32_t address = 0;
-  bool overflow = false;
-  EXPECT_EQ(Etb::parseHexAddress(GetParam().text, address, overflow), GetParam().ok);
-  EXPECT_EQ(overflow, GetParam().overflow);
-  if (GetParam().ok) {
-    EXPECT_EQ(address, GetParam().address);
+// Digits up to the first character that is none; refused when no digit
+// reads or the number does not fit 32 bits.
+TEST(EtbHexTest, ReadsDigitsUpToTheFirstOther) {
+  const struct {
+    const char* text;
+    bool ok;
+    uint32_t address;
+    bool overflow;
+  } cases[] = {{"1000", true, 0x1000, false},       {"0x1000zz", true, 0x1000, false},
+               {"0XfF", true, 0xFF, false},         {"FFFFFFFF", true, 0xFFFFFFFF, false},
+               {"00000000000e4", true, 0xE4, false}, {"zz", false, 0, false},
+               {"0x", false, 0, false},             {"", false, 0, false},
+               {"-1", false, 0, false},             {"100000000", false, 0, true},
+               {"0x123456789", false, 0, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    uint32_t address = 0;
+    bool overflow = false;
+    EXPECT_EQ(Etb::parseHexAddress(c.text, address, overflow), c.ok);
+    EXPECT_EQ(overflow, c.overflow);
+    EXPECT_EQ(c.ok ? address : 0u, c.address);
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, EtbHexTest,
-    ::testing::Values(HexCase{"1000", true, 0x1000, false},
-                      HexCase{"0x1000zz", true, 0x1000, false}, HexCase{"0XfF", true, 0xFF, false},
-                      HexCase{"FFFFFFFF", true, 0xFFFFFFFF, false},
-                      HexCase{"00000000000e4", true, 0xE4, false}, HexCase{"zz", false, 0, false},
-                      HexCase{"0x", false, 0, false}, HexCase{"", false, 0, false},
-                      HexCase{"-1", false, 0, false}, HexCase{"100000000", false, 0, true},
-                      HexCase{"0x123456789", false, 0, true}));
 
 // ---------------------------------------------------------------- on the simulation
 
