@@ -86,46 +86,36 @@ class CloudDisasmTest : public ::testing::Test {
   uint32_t bigEndian = 0;
 };
 
-struct EndianCase {
-  uint32_t family, variant;
-  bool bigEndian;
-  const char* query;
-  uint64_t expected;
-};
-class EndianRegisterTest : public ::testing::TestWithParam<EndianCase> {};
-
 // Family and variant pick the environment's kind, seen in the one register
 // each kind answers for its byte order (and none for a kind without one).
-TEST_P(EndianRegisterTest, AnswersOnlyItsOwnRegister) {
-  const auto c = GetParam();
-  auto env = disasm_lite::makeTargetEnvironment(processorId(c.family, c.variant), c.bigEndian);
-  env->setRegisterQuery(c.query, 5, 6, 7);
-  uint64_t value = 12345;
-  EXPECT_EQ(env->registerValue(&value), &value);
-  EXPECT_EQ(value, c.expected);
-  // The second query never answers, even for the endian register.
-  env->setSecondRegisterQuery(c.query, 0, 0, 0);
-  EXPECT_EQ(*env->secondRegisterValue(&value), 0u);
-  EXPECT_STREQ(env->name(), "CloudDisasm");
-  EXPECT_EQ(env->flags(), 0u);
-  EXPECT_EQ(env->processorId(), processorId(c.family, c.variant));
+TEST(EndianRegisterTest, AnswersOnlyItsOwnRegister) {
+  const struct {
+    uint32_t family, variant;
+    bool bigEndian;
+    const char* query;
+    uint64_t expected;
+  } cases[] = {{470, 14, true, "REG_ENDIAN", 1},   {470, 14, false, "REG_ENDIAN", 0},
+               {470, 7, true, "CSR", 0},           {320, 102, false, "CSR", 256},
+               {320, 98, true, "CSR", 0},          {320, 100, false, "REG_ENDIAN", 0},
+               {320, 117, false, "TSR", 1ULL << 56}, {320, 113, true, "TSR", 0},
+               {320, 40, false, "ST1", 0},         {320, 40, false, "st1", 0},
+               {320, 41, false, "CSR", 0},         {320, 41, true, "REG_ENDIAN", 0},
+               {100, 14, true, "REG_ENDIAN", 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.family) + "/" + std::to_string(c.variant) + " " + c.query);
+    auto env = disasm_lite::makeTargetEnvironment(processorId(c.family, c.variant), c.bigEndian);
+    env->setRegisterQuery(c.query, 5, 6, 7);
+    uint64_t value = 12345;
+    EXPECT_EQ(env->registerValue(&value), &value);
+    EXPECT_EQ(value, c.expected);
+    // The second query never answers, even for the endian register.
+    env->setSecondRegisterQuery(c.query, 0, 0, 0);
+    EXPECT_EQ(*env->secondRegisterValue(&value), 0u);
+    EXPECT_STREQ(env->name(), "CloudDisasm");
+    EXPECT_EQ(env->flags(), 0u);
+    EXPECT_EQ(env->processorId(), processorId(c.family, c.variant));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Families, EndianRegisterTest,
-    ::testing::Values(EndianCase{470, 14, true, "REG_ENDIAN", 1},
-                      EndianCase{470, 14, false, "REG_ENDIAN", 0},
-                      EndianCase{470, 7, true, "CSR", 0},
-                      EndianCase{320, 102, false, "CSR", 256},
-                      EndianCase{320, 98, true, "CSR", 0},
-                      EndianCase{320, 100, false, "REG_ENDIAN", 0},
-                      EndianCase{320, 117, false, "TSR", uint64_t{1} << 56},
-                      EndianCase{320, 113, true, "TSR", 0},
-                      EndianCase{320, 40, false, "ST1", 0},
-                      EndianCase{320, 40, false, "st1", 0},
-                      EndianCase{320, 41, false, "CSR", 0},
-                      EndianCase{320, 41, true, "REG_ENDIAN", 0},
-                      EndianCase{100, 14, true, "REG_ENDIAN", 0}));
 
 // A line as "<size> <address> <label>|<text>".
 std::string show(const disasm_lite::DisassemblySourceLine& line) {

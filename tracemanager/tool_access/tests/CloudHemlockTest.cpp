@@ -46,63 +46,47 @@ void expectGateAnswer(const std::string& base, const std::string& expected) {
       ::testing::ExitedWithCode(0), ::testing::HasSubstr("[" + expected + "]"));
 }
 
-struct BrokenTree {
-  const char* name;
-  const char* removed;  // under vsk_base/
-  const char* expected;  // "{}" stands for the removed file's path
-};
-
-class BrokenTrees : public ::testing::TestWithParam<BrokenTree> {};
-
-TEST_P(BrokenTrees, GateAnswer) {
-  ostrand_test::TempDir dir("gate");
-  std::string base = toolinstall::copyTree(dir.path());
-  std::string removed = base + GetParam().removed;
-  ASSERT_TRUE(fs::remove(removed)) << removed;
-  std::string expected = GetParam().expected;
-  if (size_t at = expected.find("{}"); at != std::string::npos) expected.replace(at, 2, removed);
-  expectGateAnswer(base, expected);
+// Each required library removed in turn: the refusal naming it ("{}"
+// stands for the removed file's path).
+TEST(BrokenTrees, GateAnswer) {
+  const char* const cases[][2] = {
+      {"emulation/analysis/bin/libhemlock.so", "Unable to load hemlock library: {}"},
+      {"ProbeHost/bin/libmarlfile9.so", "Unable to load marlfile9 library: {}"},
+      {"emulation/analysis/bin/libXEVProperties.so", "Unable to load XEVProperties library: {}"},
+      {"emulation/analysis/bin/libXEVPropertyHelper.so",
+       "Unable to load XEVPropertyHelper library: {}"},
+      {"emulation/analysis/bin/libPBATargetAdapter.so",
+       "Unable to load PbaTargetAdapter library: {}"},
+      {"emulation/analysis/bin/libqx_xevt_setup_manager.so", "Unable to load qx_xevt libraries"},
+      {"emulation/analysis/bin/libqx_xevt_database.so", "Unable to load qx_xevt libraries"},
+      // Optional: the gate loads, without devices.
+      {"emulation/analysis/bin/libqx_xevt_session.so",
+       "loaded -1 Cannot get devices, qx_xevt_setup_manager not available"}};
+  for (const auto& [removedFile, answer] : cases) {
+    SCOPED_TRACE(removedFile);
+    ostrand_test::TempDir dir("gate");
+    const std::string base = toolinstall::copyTree(dir.path());
+    const std::string removed = base + removedFile;
+    ASSERT_TRUE(fs::remove(removed)) << removed;
+    expectGateAnswer(base, ostrand_test::replaceAll(answer, "{}", removed));
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EachLibrary, BrokenTrees,
-    ::testing::Values(
-        BrokenTree{"hemlock", "emulation/analysis/bin/libhemlock.so",
-                   "Unable to load hemlock library: {}"},
-        BrokenTree{"marlfile9", "ProbeHost/bin/libmarlfile9.so",
-                   "Unable to load marlfile9 library: {}"},
-        BrokenTree{"XEVProperties", "emulation/analysis/bin/libXEVProperties.so",
-                   "Unable to load XEVProperties library: {}"},
-        BrokenTree{"XEVPropertyHelper", "emulation/analysis/bin/libXEVPropertyHelper.so",
-                   "Unable to load XEVPropertyHelper library: {}"},
-        BrokenTree{"PBATargetAdapter", "emulation/analysis/bin/libPBATargetAdapter.so",
-                   "Unable to load PbaTargetAdapter library: {}"},
-        BrokenTree{"setup_manager", "emulation/analysis/bin/libqx_xevt_setup_manager.so",
-                   "Unable to load qx_xevt libraries"},
-        BrokenTree{"database", "emulation/analysis/bin/libqx_xevt_database.so",
-                   "Unable to load qx_xevt libraries"},
-        // Optional: the gate loads, without devices.
-        BrokenTree{"session", "emulation/analysis/bin/libqx_xevt_session.so",
-                   "loaded -1 Cannot get devices, qx_xevt_setup_manager not available"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-class MissingEntryPoint : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(MissingEntryPoint, AdapterRefused) {
-  ostrand_test::TempDir dir("gate");
-  std::string base = toolinstall::copyTree(dir.path());
-  fs::copy_file(std::string(OSTRAND_FIXTURE_DIR) + "/" + GetParam() + "/libPBATargetAdapter.so",
-                base + "emulation/analysis/bin/libPBATargetAdapter.so",
-                fs::copy_options::overwrite_existing);
-  expectGateAnswer(base, "Unable to load function from PbaTargetAdapter library");
+// An adapter library without one of its entry points is refused.
+TEST(MissingEntryPoint, AdapterRefused) {
+  for (const char* entry : {"GetNumCpu", "GetCpuName", "NewTargetAdapter", "FreeTargetAdapter",
+                            "AddTargetEventConsumer", "ClearTargetEventConsumer",
+                            "AddAdapterEventConsumer", "RemoveAdapterEventConsumer",
+                            "ClearAdapterEventConsumer"}) {
+    SCOPED_TRACE(entry);
+    ostrand_test::TempDir dir("gate");
+    const std::string base = toolinstall::copyTree(dir.path());
+    fs::copy_file(std::string(OSTRAND_FIXTURE_DIR) + "/" + entry + "/libPBATargetAdapter.so",
+                  base + "emulation/analysis/bin/libPBATargetAdapter.so",
+                  fs::copy_options::overwrite_existing);
+    expectGateAnswer(base, "Unable to load function from PbaTargetAdapter library");
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(EachAdapterEntry, MissingEntryPoint,
-                         ::testing::Values("GetNumCpu", "GetCpuName", "NewTargetAdapter",
-                                           "FreeTargetAdapter", "AddTargetEventConsumer",
-                                           "ClearTargetEventConsumer", "AddAdapterEventConsumer",
-                                           "RemoveAdapterEventConsumer",
-                                           "ClearAdapterEventConsumer"));
 
 using toolinstall::eventually;
 
