@@ -87,20 +87,6 @@ struct MatrixCase {
   bool traceOn, range, startStop;
 };
 
-class EtbMatrixTest : public ::testing::TestWithParam<MatrixCase> {};
-
-TEST_P(EtbMatrixTest, UseCasesGiveTheseSubOperationsInOrder) {
-  TempUserDir home;
-  const MatrixCase& c = GetParam();
-  Etb op(0, nullptr, c.target, useCases(c.target, c.ranges, c.triggers), nullptr);
-  op.configure(Json::Value(), nullptr);
-  EXPECT_EQ(actionsOf(op), c.actions);
-  Etb::Evaluation e = op.evaluation();
-  EXPECT_EQ(e.traceOnValid, c.traceOn);
-  EXPECT_EQ(e.rangeValid, c.range);
-  EXPECT_EQ(e.startStopValid, c.startStop);
-}
-
 using M = MatrixCase;
 const std::string kM4 = "mps2/CM4";
 const std::string kOn = "Trace On", kIn = "Trace in Range", kStart = "Start Trace",
@@ -108,33 +94,44 @@ const std::string kOn = "Trace On", kIn = "Trace in Range", kStart = "Start Trac
 
 // Columns: name, target, ranges, triggers, the sub-operations' actions, and
 // whether trace on, a range and start/stop evaluate as valid.
-INSTANTIATE_TEST_SUITE_P(
-    Matrix, EtbMatrixTest,
-    // clang-format off
-    ::testing::Values(
-        M{"Nothing", kM4, {}, {}, {kOn}, true, false, false},
-        M{"ARange", kM4, {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
-        M{"ARangeOnTriggerFormCore", "xDsby", {{"a", "b"}}, {}, {kIn}, false, true, false},
-        M{"CaseMattersInTheCoreName", "xdsby", {{"a", "b"}}, {}, {kOn, kIn}, true, true, false},
-        M{"EndTriggerOnly", kM4, {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
-        M{"StartTrigger", kM4, {}, {{"0x100", kStart}}, {kStart}, false, false, true},
-        M{"RangeAndStart", kM4, {{"a", "b"}}, {{"c", kStart}}, {kIn, kStart}, false, true, true},
-        // A range with one end empty counts as a range use case, so the
-        // trigger is looked for one use case later, but makes no tree.
-        M{"HalfRangeThenTrigger", kM4, {{"a", ""}}, {{"c", kEnd}}, {kOn, kEnd}, true, false, true},
-        M{"BlankTriggerIsEmpty", kM4, {}, {{"   ", kEnd}}, {kOn}, true, false, false},
-        M{"TriggerWithoutTypeMakesNoTree", kM4, {}, {{"0x10", ""}}, {kOn}, true, false, true},
-        // Trace on, two ranges and two triggers: the fifth tree is not made.
-        M{"FourTreesAtMost", kM4, {{"a", "b"}, {"c", "d"}}, {{"e", kEnd}, {"f", kEnd}},
-          {kOn, kIn, kIn, kEnd}, true, true, true},
-        // Two ranges at most: a third is left out, and the triggers after
-        // it are still found.
-        M{"ThirdRangeLeftOut", kM4, {{"a", "b"}, {"c", "d"}, {"e", "f"}}, {{"g", kStart}},
-          {kIn, kIn, kStart}, false, true, true},
-        M{"ThirdTriggerLeftOut", kM4, {}, {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
-          {kOn, kEnd, kEnd}, true, false, true}),
-    // clang-format on
-    [](const auto& info) { return std::string(info.param.name); });
+// clang-format off
+const MatrixCase kMatrix[] = {
+    M{"Nothing", kM4, {}, {}, {kOn}, true, false, false},
+    M{"ARange", kM4, {{"main", "fir_step"}}, {}, {kOn, kIn}, true, true, false},
+    M{"ARangeOnTriggerFormCore", "xDsby", {{"a", "b"}}, {}, {kIn}, false, true, false},
+    M{"CaseMattersInTheCoreName", "xdsby", {{"a", "b"}}, {}, {kOn, kIn}, true, true, false},
+    M{"EndTriggerOnly", kM4, {}, {{"0x100", kEnd}}, {kOn, kEnd}, true, false, true},
+    M{"StartTrigger", kM4, {}, {{"0x100", kStart}}, {kStart}, false, false, true},
+    M{"RangeAndStart", kM4, {{"a", "b"}}, {{"c", kStart}}, {kIn, kStart}, false, true, true},
+    // A range with one end empty counts as a range use case, so the
+    // trigger is looked for one use case later, but makes no tree.
+    M{"HalfRangeThenTrigger", kM4, {{"a", ""}}, {{"c", kEnd}}, {kOn, kEnd}, true, false, true},
+    M{"BlankTriggerIsEmpty", kM4, {}, {{"   ", kEnd}}, {kOn}, true, false, false},
+    M{"TriggerWithoutTypeMakesNoTree", kM4, {}, {{"0x10", ""}}, {kOn}, true, false, true},
+    // Trace on, two ranges and two triggers: the fifth tree is not made.
+    M{"FourTreesAtMost", kM4, {{"a", "b"}, {"c", "d"}}, {{"e", kEnd}, {"f", kEnd}},
+      {kOn, kIn, kIn, kEnd}, true, true, true},
+    // Two ranges at most: a third is left out, and the triggers after
+    // it are still found.
+    M{"ThirdRangeLeftOut", kM4, {{"a", "b"}, {"c", "d"}, {"e", "f"}}, {{"g", kStart}},
+      {kIn, kIn, kStart}, false, true, true},
+    M{"ThirdTriggerLeftOut", kM4, {}, {{"a", kEnd}, {"b", kEnd}, {"c", kStart}},
+      {kOn, kEnd, kEnd}, true, false, true}};
+// clang-format on
+
+TEST(EtbMatrixTest, UseCasesGiveTheseSubOperationsInOrder) {
+  TempUserDir home;
+  for (const MatrixCase& c : kMatrix) {
+    SCOPED_TRACE(c.name);
+    Etb op(0, nullptr, c.target, useCases(c.target, c.ranges, c.triggers), nullptr);
+    op.configure(Json::Value(), nullptr);
+    EXPECT_EQ(actionsOf(op), c.actions);
+    Etb::Evaluation e = op.evaluation();
+    EXPECT_EQ(e.traceOnValid, c.traceOn);
+    EXPECT_EQ(e.rangeValid, c.range);
+    EXPECT_EQ(e.startStopValid, c.startStop);
+  }
+}
 
 // The settings tree and every sub-operation tree, of a plain core (one-shot
 // buffer, trace on, a range, an end trigger), of a trigger-form core, and
@@ -255,44 +252,34 @@ TEST_F(EtbSimTest, FailedSubOperationEnableGivesTheToolsNumber) {
   tools->destroyTraceApp(op->getOperationHandle());
 }
 
-struct BadAddressCase {
-  const char* name;
-  std::vector<Range> ranges;
-  std::vector<Trigger> triggers;
-  const char* status;
-  const char* error;
-};
-
-class EtbBadAddressTest : public EtbSimTest,
-                          public ::testing::WithParamInterface<BadAddressCase> {};
-
-TEST_P(EtbBadAddressTest, StatusShownAndNothingCreated) {
-  const BadAddressCase& c = GetParam();
-  auto op = make(c.ranges, c.triggers);
-  takeEvents();
-  EXPECT_THAT([&] { op->createHlOperation(); },
-              ThrowsMessage<std::runtime_error>(HasSubstr(c.error)));
-  EXPECT_FALSE(op->isCreated());
-  EXPECT_THAT(takeEvents(), Contains(HasSubstr(c.status)));
+// An address that reads neither as a symbol nor as hexadecimal: the status
+// names the field, the error the failure, and nothing is created.
+TEST_F(EtbSimTest, BadAddressShowsAStatusAndCreatesNothing) {
+  const char* const setFailed = "Failed to set properties: ";
+  const struct {
+    std::vector<Range> ranges;
+    std::vector<Trigger> triggers;
+    const char* status;
+    const char* error;
+  } cases[] = {
+      // clang-format off
+      {{{"zz", "main"}}, {}, "Failed to evaluate Range: Start: as a hex address", setFailed},
+      {{{"0x150", "no_such_function"}}, {}, "Failed to evaluate Range: End: as a hex address",
+       setFailed},
+      {{}, {{"zz", kEnd}}, "Failed to evaluate Start/Stop: Address: as a hex address", setFailed},
+      {{}, {{"0x123456789", kStart}}, "Failed to evaluate Start/Stop: Address: as a hex address",
+       "Start/Stop: Address: '0x123456789' is beyond the 32-bit address range"}};
+  // clang-format on
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.status);
+    auto op = make(c.ranges, c.triggers);
+    takeEvents();
+    EXPECT_THAT([&] { op->createHlOperation(); },
+                ThrowsMessage<std::runtime_error>(HasSubstr(c.error)));
+    EXPECT_FALSE(op->isCreated());
+    EXPECT_THAT(takeEvents(), Contains(HasSubstr(c.status)));
+  }
 }
-
-const char* const kSetFailed = "Failed to set properties: ";
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, EtbBadAddressTest,
-    // clang-format off
-    ::testing::Values(
-        BadAddressCase{"RangeStart", {{"zz", "main"}}, {},
-                       "Failed to evaluate Range: Start: as a hex address", kSetFailed},
-        BadAddressCase{"RangeEnd", {{"0x150", "no_such_function"}}, {},
-                       "Failed to evaluate Range: End: as a hex address", kSetFailed},
-        BadAddressCase{"Trigger", {}, {{"zz", kEnd}},
-                       "Failed to evaluate Start/Stop: Address: as a hex address", kSetFailed},
-        BadAddressCase{"TriggerBeyond32Bits", {}, {{"0x123456789", kStart}},
-                       "Failed to evaluate Start/Stop: Address: as a hex address",
-                       "Start/Stop: Address: '0x123456789' is beyond the 32-bit address range"}),
-    // clang-format on
-    [](const auto& info) { return std::string(info.param.name); });
 
 // Without a trace server there is no record store of the server's: the
 // records go into the operation's own, and etb_data.json onto disk.
