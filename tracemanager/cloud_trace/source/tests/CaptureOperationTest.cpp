@@ -69,7 +69,7 @@ TEST(CaptureUriTest, AbsolutePathsGetThreeSlashes) {
 
 TEST(CopyDirFilesTest, MovesFilesOverwritingAndKeepsOthers) {
   TempUserDir home;
-  const std::string from = home.root() + "/from", to = home.root() + "/deep/to";
+  const std::string from = home.path() + "/from", to = home.path() + "/deep/to";
   fs::create_directories(from);
   LocalOpManager::copyDirFiles(from, to);  // empty source: only the target is made
   EXPECT_TRUE(fs::is_directory(to));
@@ -81,7 +81,7 @@ TEST(CopyDirFilesTest, MovesFilesOverwritingAndKeepsOthers) {
   EXPECT_EQ(readFile(to + "/older.txt"), "kept");
   EXPECT_FALSE(fs::exists(from + "/WLData.bin"));
   // A source that does not exist is logged, not thrown.
-  EXPECT_NO_THROW(LocalOpManager::copyDirFiles(home.root() + "/missing", to));
+  EXPECT_NO_THROW(LocalOpManager::copyDirFiles(home.path() + "/missing", to));
 }
 
 TEST(SettingsMergeTest, ObjectsByMemberArraysOnlyOfTheSameSize) {
@@ -212,60 +212,41 @@ TEST(MtbSettingsTest, UserBufferSizeReplacesItsEntryInPlace) {
 // The instruction and file captures without tools: creation fails with the
 // capture's own words and makes nothing, data ready outside Collecting
 // writes nothing, and the metadata and the empty data file name the file.
-struct NoToolsCase {
-  const char* name;
-  std::function<std::unique_ptr<Op>()> make;
-  const char* error;
-  const char* dir;  // below <data>
-  const char* dataFile;
-};
-class NoToolsTest : public ::testing::TestWithParam<NoToolsCase> {
- protected:
+TEST(NoToolsTest, NothingIsCreatedAndTheMetadataNamesTheDataFile) {
   TempUserDir home;
-};
-
-TEST_P(NoToolsTest, NothingIsCreatedAndTheMetadataNamesTheDataFile) {
-  const NoToolsCase& c = GetParam();
-  std::unique_ptr<Op> op = c.make();
-  op->configure(Json::Value(), nullptr);
-  EXPECT_THAT([&] { op->createHlOperation(); },
-              ThrowsMessage<std::runtime_error>(StrEq(c.error)));
-  EXPECT_FALSE(op->isCreated());
-  const std::string dir = home.data() + "/" + c.dir;
-  EXPECT_EQ(op->getCaptureDir(), dir);
-  op->onDataReady();
-  EXPECT_FALSE(fs::exists(dir + "/" + c.dataFile));
-  op->exportMetaData();
-  op->exportData();
-  const Json::Value metadata = parse(readFile(dir + "/metadata"));
-  EXPECT_EQ(metadata["typeId"].asString(), op->getType());
-  EXPECT_EQ(metadata["device"].asString(), op->getTarget());
-  EXPECT_EQ(metadata["dataFile"].asString(), c.dataFile);
-  EXPECT_EQ(metadata.getMemberNames().size(), 6u);
-  EXPECT_EQ(readFile(dir + "/" + c.dataFile), "{}\n");
+  struct {
+    std::unique_ptr<Op> op;
+    const char* error;
+    const char* dir;  // below <data>
+    const char* dataFile;
+  } cases[] = {
+      {std::make_unique<Mtb>(1, nullptr, "cpu_Dsa_0", Json::Value()),
+       "Cannot enable MTB: No target selected", "live-targets/cpu_Dsa_0/MTB", "mtb_data.json"},
+      {std::make_unique<Etb>(0, nullptr, "mps2/CM4", Json::Value(), nullptr),
+       "Cannot enable ETB: No target selected", "live-targets/mps2/CM4/ETB", "etb_data.json"},
+      // The file name is checked before any tool call.
+      {std::make_unique<Tdf>(0, nullptr, "rec",
+                             parse(R"({"rec":{"TDF":{"opProp":{"File":"relative/a.tdf"}}}})")),
+       "Invalid TDF file name: relative/a.tdf", "file-targets/rec/TDF", "tdf_data.json"}};
+  for (auto& [op, error, below, dataFile] : cases) {
+    SCOPED_TRACE(op->getType());
+    op->configure(Json::Value(), nullptr);
+    EXPECT_THAT([&] { op->createHlOperation(); }, ThrowsMessage<std::runtime_error>(StrEq(error)));
+    EXPECT_FALSE(op->isCreated());
+    const std::string dir = home.data() + "/" + below;
+    EXPECT_EQ(op->getCaptureDir(), dir);
+    op->onDataReady();
+    EXPECT_FALSE(fs::exists(dir + "/" + dataFile));
+    op->exportMetaData();
+    op->exportData();
+    const Json::Value metadata = parse(readFile(dir + "/metadata"));
+    EXPECT_EQ(metadata["typeId"].asString(), op->getType());
+    EXPECT_EQ(metadata["device"].asString(), op->getTarget());
+    EXPECT_EQ(metadata["dataFile"].asString(), dataFile);
+    EXPECT_EQ(metadata.getMemberNames().size(), 6u);
+    EXPECT_EQ(readFile(dir + "/" + dataFile), "{}\n");
+  }
 }
-
-template <class T, class... Args>
-std::function<std::unique_ptr<Op>()> maker(Args... args) {
-  return [=] { return std::make_unique<T>(args...); };
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, NoToolsTest,
-    ::testing::Values(
-        NoToolsCase{"MTB", maker<Mtb>(1, nullptr, "cpu_Dsa_0", Json::Value()),
-                    "Cannot enable MTB: No target selected", "live-targets/cpu_Dsa_0/MTB",
-                    "mtb_data.json"},
-        NoToolsCase{"ETB", maker<Etb>(0, nullptr, "mps2/CM4", Json::Value(), nullptr),
-                    "Cannot enable ETB: No target selected", "live-targets/mps2/CM4/ETB",
-                    "etb_data.json"},
-        // The file name is checked before any tool call.
-        NoToolsCase{"TDF",
-                    maker<Tdf>(0, nullptr, "rec",
-                               parse(R"({"rec":{"TDF":{"opProp":{"File":"relative/a.tdf"}}}})")),
-                    "Invalid TDF file name: relative/a.tdf", "file-targets/rec/TDF",
-                    "tdf_data.json"}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------- TDF file names
 
@@ -287,10 +268,10 @@ TEST(TdfOpPropTest, FindsTheFileInEitherForm) {
 
 TEST(TdfPathTest, OnlyAbsoluteExistingFilesAfterNormalisation) {
   TempUserDir home;
-  const std::string file = home.root() + "/run.tdf";
+  const std::string file = home.path() + "/run.tdf";
   writeFile(file, "TDF2");
 
-  std::string path = home.root() + "/sub/../run.tdf";
+  std::string path = home.path() + "/sub/../run.tdf";
   EXPECT_TRUE(Tdf::normalizePath(path));
   EXPECT_EQ(path, file);
 
@@ -300,7 +281,7 @@ TEST(TdfPathTest, OnlyAbsoluteExistingFilesAfterNormalisation) {
   EXPECT_FALSE(Tdf::normalizePath(path));
   EXPECT_EQ(path, "C:/data/a.tdf");
 
-  for (std::string bad : {std::string(), std::string("run.tdf"), home.root() + "/none.tdf"}) {
+  for (std::string bad : {std::string(), std::string("run.tdf"), home.path() + "/none.tdf"}) {
     EXPECT_FALSE(Tdf::normalizePath(bad)) << bad;
   }
 }

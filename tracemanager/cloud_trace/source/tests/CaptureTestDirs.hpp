@@ -10,9 +10,7 @@
 
 class TempUserDir : public ostrand_test::TempHome {
  public:
-  std::string root() const { return path(); }
   std::string data() const { return path() + "/.QX-trace/data"; }
-  std::string settings() const { return path() + "/.QX-trace/settings"; }
 };
 
 using ostrand_test::readFile;
