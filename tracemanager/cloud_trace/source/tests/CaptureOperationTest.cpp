@@ -7,7 +7,6 @@
 #include <json/json.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 
