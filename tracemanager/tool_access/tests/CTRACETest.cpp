@@ -22,6 +22,9 @@ class CTRACETest : public ::testing::Test {
  protected:
   void SetUp() override { CTraceApp::useFoundry(&foundry, nullptr); }
   void TearDown() override { CTraceApp::useFoundry(nullptr, nullptr); }
+  static std::string golden(const std::string& name) {
+    return ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/" + name);
+  }
   std::string write(const std::string& name, const std::string& content) {
     return home.writeText(name, content);
   }
@@ -88,8 +91,7 @@ TEST_F(CTRACETest, HeadersGolden) {
         << " paths=" << (paths.size() > 16 ? std::to_string(paths.size()) + " chars" : paths)
         << " clock=" << trace.clockHz << "\n";
   }
-  EXPECT_TRUE(ostrand_test::matchesGolden(
-      out.str(), ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/tdf_headers.txt")));
+  EXPECT_TRUE(ostrand_test::matchesGolden(out.str(), golden("tdf_headers.txt")));
 }
 
 TEST_F(CTRACETest, NameTestAndMissingFile) {
@@ -146,9 +148,8 @@ TEST_F(CTRACETest, FileDecodersGolden) {
   create("ProgramBesideTheRecording", moved, true);
   foundry.decoder.loadFailure = "trace data damaged";
   create("LoadFails", TdfHeader());
-  EXPECT_TRUE(ostrand_test::matchesGolden(
-      ostrand_test::replaceAll(out.str(), dir.string(), "<dir>"),
-      ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/file_decoders.txt")));
+  EXPECT_TRUE(ostrand_test::matchesGolden(ostrand_test::replaceAll(out.str(), dir.string(), "<dir>"),
+                                          golden("file_decoders.txt")));
 }
 
 // Ten columns, the fourth a string and the last one bit wide: the model
@@ -170,11 +171,10 @@ TEST_F(CTRACETest, ColumnModelGolden) {
     const ColumnRecord& c = trace.columns[i];
     out << names[i] << " id=" << ids[i] << " string=" << isString[i] << " offset=" << offsets[i]
         << " size=" << sizes[i] << " bits=" << c.bitWidth << " mask=" << std::hex << c.valueMask
-        << std::dec << " validByte.mask=" << c.validByte << "." << int{c.validBit} << " '" << c.sizeText
-        << "'\n";
+        << std::dec << " validByte.mask=" << c.validByte << "." << int{c.validBit} << " '"
+        << c.sizeText << "'\n";
   }
-  EXPECT_TRUE(ostrand_test::matchesGolden(
-      out.str(), ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/column_model.txt")));
+  EXPECT_TRUE(ostrand_test::matchesGolden(out.str(), golden("column_model.txt")));
   EXPECT_EQ(foundry.decoder.prepared, 10);
 }
 
