@@ -148,8 +148,8 @@ TEST_F(CTRACETest, FileDecodersGolden) {
   create("ProgramBesideTheRecording", moved, true);
   foundry.decoder.loadFailure = "trace data damaged";
   create("LoadFails", TdfHeader());
-  EXPECT_TRUE(ostrand_test::matchesGolden(ostrand_test::replaceAll(out.str(), dir.string(), "<dir>"),
-                                          golden("file_decoders.txt")));
+  const std::string text = ostrand_test::replaceAll(out.str(), dir.string(), "<dir>");
+  EXPECT_TRUE(ostrand_test::matchesGolden(text, golden("file_decoders.txt")));
 }
 
 // Ten columns, the fourth a string and the last one bit wide: the model
