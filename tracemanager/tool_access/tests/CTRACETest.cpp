@@ -62,7 +62,10 @@ const HeaderCase kHeaderCases[] = {
     // The program file is taken up to the first NUL.
     H{"CoffWithNul", [](TdfHeader& h) { h.coff = std::string("/p/prog.elf\0junk", 16); }},
     H{"NoClockForNonStm", [](TdfHeader& h) { h.clock = false; }},
-    H{"StmHasNoClock", [](TdfHeader& h) { h.values[2] = Qx::Nlv::Trace::kProtocolStm; h.clock = false; }},
+    H{"StmHasNoClock", [](TdfHeader& h) {
+      h.values[2] = Qx::Nlv::Trace::kProtocolStm;
+      h.clock = false;
+    }},
     // A cut in table C fails and keeps what was read before it.
     H{"CutInTableC", [](TdfHeader&) {}, true},
 };
@@ -123,8 +126,8 @@ TEST_F(CTRACETest, FileDecodersGolden) {
     if (!shutDownTwice) return;
     trace.ShutdownDecoder();
     trace.ShutdownDecoder();
-    out << "  shut down twice: ready=" << trace.decoderReady << " cpu=" << (trace.cpuInfo != nullptr)
-        << " destroyed=" << foundry.decodersDestroyed << "/" << foundry.driversDestroyed << "\n";
+    out << "  shut down twice: ready=" << trace.decoderReady
+        << " cpu=" << (trace.cpuInfo != nullptr) << " destroyed=" << foundry.decodersDestroyed << "/" << foundry.driversDestroyed << "\n";
   };
   // The clock of an STM source is read again once the configuration is in.
   TdfHeader stm;
