@@ -46,7 +46,8 @@ TEST_F(TranslatorTest, CommandTranscriptOfEveryMessageForm) {
   translator.addCommand("test.failDeferred", [&](unsigned int id, const Json::Value&) {
     translator.deferResponse(id, low::rejected(std::runtime_error("An internal error occurred")));
   });
-  const std::string golden = ostrand_test::sourcePath("tracemanager/json_interface/tests/golden/commands");
+  const std::string golden =
+      ostrand_test::sourcePath("tracemanager/json_interface/tests/golden/commands");
   std::ifstream in(golden + ".jsonl");
   ASSERT_TRUE(in);
   std::ostringstream transcript;

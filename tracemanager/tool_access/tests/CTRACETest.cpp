@@ -127,7 +127,8 @@ TEST_F(CTRACETest, FileDecodersGolden) {
     trace.ShutdownDecoder();
     trace.ShutdownDecoder();
     out << "  shut down twice: ready=" << trace.decoderReady
-        << " cpu=" << (trace.cpuInfo != nullptr) << " destroyed=" << foundry.decodersDestroyed << "/" << foundry.driversDestroyed << "\n";
+        << " cpu=" << (trace.cpuInfo != nullptr) << " destroyed=" << foundry.decodersDestroyed
+        << "/" << foundry.driversDestroyed << "\n";
   };
   // The clock of an STM source is read again once the configuration is in.
   TdfHeader stm;

@@ -149,8 +149,9 @@ TEST(CloudHemlockOnTheSimulation, OperationRecordsAndProperties) {
   ASSERT_EQ(gate->createTraceOperation(7, "mps2/CM4", handle, CloudHemlock::kLiveOperation), 0)
       << gate->getLastError();
   Json::Value tree;
-  const std::string treeFile = "tracemanager/tool_access/tests/golden/etb_properties.json";
-  ASSERT_TRUE(Json::Reader().parse(ostrand_test::readFile(ostrand_test::sourcePath(treeFile)), tree));
+  const std::string treeFile =
+      ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/etb_properties.json");
+  ASSERT_TRUE(Json::Reader().parse(ostrand_test::readFile(treeFile), tree));
   EXPECT_EQ(gate->setOperationProperties(handle, tree), 0) << gate->getLastError();
   EXPECT_EQ(gate->setOperationProperties(handle, Json::Value(Json::arrayValue)), -6);
   Json::Value unknown = tree;
