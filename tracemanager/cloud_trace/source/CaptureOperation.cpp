@@ -15,11 +15,16 @@
 using Op = LocalOpManager::CaptureOperation;
 
 Op::CaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
-                     Json::Value sessionSettings)
-    : clientId(clientId),
+                     Json::Value sessionSettings, const char* feature, std::string writer,
+                     const char* dataFile)
+    : type(feature),
+      clientId(clientId),
       tools(tools),
       target(std::move(target)),
-      sessionSettings(std::move(sessionSettings)) {}
+      captureDir(getTargetDir(this->target, feature)),
+      sessionSettings(std::move(sessionSettings)),
+      writer(std::move(writer)),
+      dataFile(dataFile) {}
 
 // dataReady is dropped, not settled: a CSV export chained on it stays
 // pending, as the capture it waited for never ended.
@@ -234,17 +239,34 @@ int32_t Op::switchToolOperations(bool on, DecoderUse use) {
 
 // ---------------------------------------------------------------- export
 
-void Op::exportTraceMetaData(const std::string& writer, const char* dataFile) {
+void Op::exportMetaData() {
+  QX_TRACE_FUNCTION((writer + "::exportMetaData").c_str());
   metadata = Json::Value(Json::objectValue);
   metadata["typeId"] = type;
   metadata["time"] = timeStamp();
   metadata["source"] = "VSK Vireo";
   metadata["device"] = target;
   metadata["deviceId"] = "unknown";
-  metadata["dataFile"] = dataFile;
+  metadata["dataFile"] = dataFile != nullptr ? dataFile : "unknown";
   deliver("metadata", metadata, writer + "::exportMetaData");
 }
 
-void Op::exportTraceData(const std::string& writer, const char* dataFile, const Json::Value& data) {
-  deliver(dataFile, data, writer + "::exportData");
+void Op::exportData() {
+  QX_TRACE_FUNCTION((writer + "::exportData").c_str());
+  if (dataFile != nullptr) deliver(dataFile, data, writer + "::exportData");
+}
+
+bool Op::endCollecting() {
+  if (state != Collecting) {
+    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING", stateText(state));
+    return false;
+  }
+  state = Idle;
+  return tools != nullptr;
+}
+
+void Op::publishDecoded() {
+  resolveDataReady();
+  exportMetaData();
+  exportData();
 }

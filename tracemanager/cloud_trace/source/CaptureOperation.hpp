@@ -30,8 +30,13 @@ class LocalOpManager::CaptureOperation {
  public:
   enum State : int32_t { Idle = 0, Armed = 1, Collecting = 2 };
 
+  // `feature` is the capture's type and names its directory below the
+  // target's; `writer`, the qualified class name, names it in trace and
+  // failure records; `dataFile` is the file its decoded document goes to,
+  // null for a capture that decodes nothing.
   CaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
-                   Json::Value sessionSettings);
+                   Json::Value sessionSettings, const char* feature, std::string writer,
+                   const char* dataFile = nullptr);
   virtual ~CaptureOperation();
   CaptureOperation(const CaptureOperation&) = delete;
   CaptureOperation& operator=(const CaptureOperation&) = delete;
@@ -40,7 +45,9 @@ class LocalOpManager::CaptureOperation {
   virtual uint32_t createHlOperation() = 0;
   // The capture has stopped: take the data, end the capture, export.
   virtual void onDataReady() = 0;
-  virtual void exportMetaData() {}
+  // The six members of an instruction or file capture's metadata,
+  // delivered as "metadata".
+  virtual void exportMetaData();
   // Starts or stops the tool side; 0 on success.
   virtual int32_t enableImpl(bool enable) = 0;
   virtual void createDefaultSettings() = 0;
@@ -50,6 +57,8 @@ class LocalOpManager::CaptureOperation {
   void applyOpProp(const Json::Value& opProp);
   // The manager's Armed -> Collecting step, with the message for Idle.
   void onDataCollecting();
+  // Delivers the decoded document as the data file; nothing without one.
+  void exportData();
 
   static int32_t findIndex(const Json::Value& array, const std::string& key,
                            const std::string& value);
@@ -66,6 +75,7 @@ class LocalOpManager::CaptureOperation {
   State getState() const { return state; }
   const Json::Value& getSettings() const { return settings; }
   const Json::Value& getMetadata() const { return metadata; }
+  const Json::Value& getData() const { return data; }
 
   static const char* stateText(State state);
 
@@ -111,11 +121,13 @@ class LocalOpManager::CaptureOperation {
   // goes main first, then the sub-operations, and returns the last result.
   int32_t switchToolOperations(bool on, DecoderUse use);
 
-  // The six members of an instruction or file capture's metadata, then
-  // its delivery as "metadata". `writer` is the qualified class name.
-  void exportTraceMetaData(const std::string& writer, const char* dataFile);
-  // Delivers the decoded document as `dataFile`.
-  void exportTraceData(const std::string& writer, const char* dataFile, const Json::Value& data);
+  // The manager's Collecting -> Idle step of onDataReady: false (logged)
+  // outside Collecting, and false without tools, when there is nothing to
+  // decode.
+  bool endCollecting();
+  // The end of a decoded capture: dataReady settled, then the metadata and
+  // the data file delivered.
+  void publishDecoded();
 
   std::string type;
   int32_t clientId = -1;
@@ -135,4 +147,7 @@ class LocalOpManager::CaptureOperation {
   Json::Value sessionSettings;
   low::promise<void> dataReady;
   Json::Value metadata{Json::objectValue};
+  Json::Value data{Json::objectValue};  // the decoded document, empty until data is ready
+  const std::string writer;
+  const char* const dataFile;
 };

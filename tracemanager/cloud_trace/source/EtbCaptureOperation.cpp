@@ -74,14 +74,13 @@ Json::Value whatToTrace(const char* value) {
 
 Etb::EtbCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                          Json::Value sessionSettings, LocalOpManager* owner)
-    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings)),
+    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings), kFeatureETB,
+                       "LocalOpManager::EtbCaptureOperation", "etb_data.json"),
       owner(owner) {
-  type = kFeatureETB;
   // These cores take triggers in the longer form; the names are matched as
   // the tool spells them.
   coreHasTriggerForm = this->target.find("Dsb") != std::string::npos ||
                        this->target.find("Dsc") != std::string::npos;
-  captureDir = getTargetDir(this->target, kFeatureETB);
 }
 
 // The sub-operations have no trace application that would take them with
@@ -91,7 +90,6 @@ Etb::~EtbCaptureOperation() {
     std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
     for (uint32_t i = 0; i < subOperationCount; ++i) tools->releaseOperation(subOperationHandles[i]);
   }
-  data = Json::Value();
 }
 
 Etb::Evaluation Etb::evaluation() const {
@@ -325,28 +323,11 @@ VSKTspServer::EtbRecordStore& Etb::storeForDecode() {
 
 void Etb::onDataReady() {
   QX_TRACE_FUNCTION("LocalOpManager::EtbCaptureOperation::onDataReady");
-  if (state != Collecting) {
-    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING", stateText(state));
-    return;
-  }
-  state = Idle;
-  if (tools == nullptr) return;
+  if (!endCollecting()) return;
   std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
   uint32_t count = 0;
   if (tools->decodeETBTrace(operationHandle, count, data, storeForDecode()) != 0) {
     throw std::runtime_error("DecodeETBTrace failed: " + tools->getLastError());
   }
-  resolveDataReady();
-  exportMetaData();
-  exportData();
-}
-
-void Etb::exportMetaData() {
-  QX_TRACE_FUNCTION("LocalOpManager::EtbCaptureOperation::exportMetaData");
-  exportTraceMetaData("LocalOpManager::EtbCaptureOperation", "etb_data.json");
-}
-
-void Etb::exportData() {
-  QX_TRACE_FUNCTION("LocalOpManager::EtbCaptureOperation::exportData");
-  exportTraceData("LocalOpManager::EtbCaptureOperation", "etb_data.json", data);
+  publishDecoded();
 }

@@ -47,11 +47,8 @@ class LocalOpManager::EtbCaptureOperation : public LocalOpManager::CaptureOperat
 
   uint32_t createHlOperation() override;
   void onDataReady() override;
-  void exportMetaData() override;
   int32_t enableImpl(bool enable) override;
   void createDefaultSettings() override;
-
-  void exportData();
 
   // What the use-case evaluation found, for the manager's messages and for
   // tests.
@@ -69,7 +66,6 @@ class LocalOpManager::EtbCaptureOperation : public LocalOpManager::CaptureOperat
   uint32_t getSubOperationCount() const { return subOperationCount; }
   const Json::Value& getSubOperationProps(uint32_t i) const { return subOperationProps.at(i); }
   uint32_t getSubOperationHandle(uint32_t i) const { return subOperationHandles.at(i); }
-  const Json::Value& getData() const { return data; }
   // The records of a capture decoded without a trace server; null while
   // every decode went to the server's store.
   const VSKTspServer::EtbRecordStore* ownRecordStore() const { return ownRecords.get(); }
@@ -109,6 +105,5 @@ class LocalOpManager::EtbCaptureOperation : public LocalOpManager::CaptureOperat
   std::array<std::string, kMaxRanges> rangeStart, rangeEnd;
   std::array<std::string, kMaxTriggers> triggerAddress, triggerType;
 
-  Json::Value data{Json::objectValue};  // the run rows, empty until data is ready
   std::unique_ptr<VSKTspServer::EtbRecordStore> ownRecords;  // without a server
 };

@@ -23,12 +23,8 @@ Json::Value property(const char* name, const char* type, Json::Value value) {
 
 Mtb::MtbCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                          Json::Value sessionSettings)
-    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings)) {
-  type = kFeatureMTB;
-  captureDir = getTargetDir(this->target, kFeatureMTB);
-}
-
-Mtb::~MtbCaptureOperation() { data = Json::Value(); }
+    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings), kFeatureMTB,
+                       "LocalOpManager::MtbCaptureOperation", "mtb_data.json") {}
 
 void Mtb::createDefaultSettings() {
   // The tool reads these by position: a user property replaces its entry in
@@ -58,13 +54,7 @@ int32_t Mtb::enableImpl(bool on) { return switchToolOperations(on, DecoderUse::k
 
 void Mtb::onDataReady() {
   QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::onDataReady");
-  if (state != Collecting) {
-    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING",
-                   stateText(state));
-    return;
-  }
-  state = Idle;
-  if (tools == nullptr) return;
+  if (!endCollecting()) return;
   std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
   // The compact row form belongs to the cores whose names carry "Dsa"; the
   // match is case-sensitive as the tool names them.
@@ -73,17 +63,5 @@ void Mtb::onDataReady() {
   if (tools->decodeMTBTrace(operationHandle, count, data, compact) != 0) {
     throw std::runtime_error("DecodeMTBTrace failed: " + tools->getLastError());
   }
-  resolveDataReady();
-  exportMetaData();
-  exportData();
-}
-
-void Mtb::exportMetaData() {
-  QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::exportMetaData");
-  exportTraceMetaData("LocalOpManager::MtbCaptureOperation", "mtb_data.json");
-}
-
-void Mtb::exportData() {
-  QX_TRACE_FUNCTION("LocalOpManager::MtbCaptureOperation::exportData");
-  exportTraceData("LocalOpManager::MtbCaptureOperation", "mtb_data.json", data);
+  publishDecoded();
 }

@@ -18,17 +18,9 @@ class LocalOpManager::MtbCaptureOperation : public LocalOpManager::CaptureOperat
  public:
   MtbCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                       Json::Value sessionSettings);
-  ~MtbCaptureOperation() override;
 
   uint32_t createHlOperation() override;
   void onDataReady() override;
-  void exportMetaData() override;
   int32_t enableImpl(bool enable) override;
   void createDefaultSettings() override;
-
-  void exportData();
-  const Json::Value& getData() const { return data; }
-
- private:
-  Json::Value data{Json::objectValue};  // the decoded buffer, empty until data is ready
 };

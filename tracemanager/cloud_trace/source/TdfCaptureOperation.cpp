@@ -26,12 +26,8 @@ bool isDriveLetterUriPath(const std::string& path) {
 
 Tdf::TdfCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                          Json::Value sessionSettings)
-    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings)) {
-  type = kFeatureTDF;
-  captureDir = getTargetDir(this->target, kFeatureTDF);
-}
-
-Tdf::~TdfCaptureOperation() { data = Json::Value(); }
+    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings), kFeatureTDF,
+                       "LocalOpManager::TdfCaptureOperation", "tdf_data.json") {}
 
 // A recording carries its own configuration: there is nothing to set.
 void Tdf::createDefaultSettings() {
@@ -115,13 +111,7 @@ int32_t Tdf::enableImpl(bool on) {
 
 void Tdf::onDataReady() {
   QX_TRACE_FUNCTION("LocalOpManager::TdfCaptureOperation::onDataReady");
-  if (state != Collecting) {
-    QX_LOG_MESSAGE("Error: onDataReady(), current state (%s) is not COLLECTING",
-                   stateText(state));
-    return;
-  }
-  state = Idle;
-  if (tools == nullptr) return;
+  if (!endCollecting()) return;
   std::lock_guard<std::recursive_mutex> guard(tools->toolMutex);
   // A failure the reader reports by its result has been logged, and the
   // session ends with what was read. A cell it cannot parse is thrown as a
@@ -136,14 +126,4 @@ void Tdf::onDataReady() {
   }
   exportMetaData();
   exportData();
-}
-
-void Tdf::exportMetaData() {
-  QX_TRACE_FUNCTION("LocalOpManager::TdfCaptureOperation::exportMetaData");
-  exportTraceMetaData("LocalOpManager::TdfCaptureOperation", "tdf_data.json");
-}
-
-void Tdf::exportData() {
-  QX_TRACE_FUNCTION("LocalOpManager::TdfCaptureOperation::exportData");
-  exportTraceData("LocalOpManager::TdfCaptureOperation", "tdf_data.json", data);
 }

@@ -24,16 +24,12 @@ class LocalOpManager::TdfCaptureOperation : public LocalOpManager::CaptureOperat
  public:
   TdfCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                       Json::Value sessionSettings);
-  ~TdfCaptureOperation() override;
 
   uint32_t createHlOperation() override;
   void onDataReady() override;
-  void exportMetaData() override;
   int32_t enableImpl(bool enable) override;
   void createDefaultSettings() override;
 
-  void exportData();
-  const Json::Value& getData() const { return data; }
   const std::string& getTdfPath() const { return tdfPath; }
 
   // The path a TDF `opProp` names, as given (before any normalisation);
@@ -44,7 +40,6 @@ class LocalOpManager::TdfCaptureOperation : public LocalOpManager::CaptureOperat
   static bool normalizePath(std::string& path);
 
  private:
-  Json::Value data{Json::objectValue};          // the decoded table
   std::string tdfPath;                          // normalised file path
   Qx::Nlv::Xevt::ISession* session = nullptr;   // the tool's file session; set by enableImpl(true)
 };

@@ -35,12 +35,8 @@ Json::Value property(const char* name, const char* type, Json::Value value) {
 
 WL::WLCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                        Json::Value sessionSettings)
-    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings)) {
-  type = kFeatureWattline;
-  captureDir = getTargetDir(this->target, kFeatureWattline);
-}
-
-WL::~WLCaptureOperation() = default;
+    : CaptureOperation(clientId, tools, std::move(target), std::move(sessionSettings),
+                       kFeatureWattline, "LocalOpManager::WLCaptureOperation") {}
 
 void WL::createDefaultSettings() {
   Json::Value list(Json::arrayValue);

@@ -15,14 +15,10 @@ class LocalOpManager::WLCaptureOperation : public LocalOpManager::CaptureOperati
  public:
   WLCaptureOperation(int32_t clientId, CloudHemlock* tools, std::string target,
                      Json::Value sessionSettings);
-  ~WLCaptureOperation() override;
 
   uint32_t createHlOperation() override;
   void onDataReady() override;
   void exportMetaData() override;
   int32_t enableImpl(bool enable) override;
   void createDefaultSettings() override;
-
- private:
-  Json::Value data{Json::objectValue};  // stays empty: nothing is decoded here
 };

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -17,6 +16,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#include "TestSink.hpp"
 #include "TestSupport.hpp"
 #include "json_interface/ModuleConnection.hpp"
 
@@ -25,58 +25,31 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class RecordingHost final : public HostConnection {
+class RecordingHost final : public HostConnection, public TestSink {
  public:
   std::function<void(const std::string&)> onReceive;  // runs before the text is kept
 
   void receive(const char* text) override {
     if (onReceive) onReceive(text);
-    std::lock_guard<std::mutex> guard(mutex_);
-    texts_.emplace_back(text);
-    cv_.notify_all();
+    add(text);
   }
   void closed() override { ++closedCount; }
-
-  bool waitFor(size_t count, std::chrono::milliseconds timeout = 5s) {
-    std::unique_lock<std::mutex> guard(mutex_);
-    return cv_.wait_for(guard, timeout, [&] { return texts_.size() >= count; });
-  }
-  std::vector<std::string> texts() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return texts_;
-  }
   std::atomic<int> closedCount{0};
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::vector<std::string> texts_;
 };
 
-// A gate that a receive() can be held at, so the module's worker is busy.
-class Gate {
- public:
+// A gate that a receive() can be held at, so the module's worker is busy;
+// once open, every later hold passes.
+struct Gate {
   void hold() {
-    std::unique_lock<std::mutex> guard(mutex_);
-    entered_ = true;
-    cv_.notify_all();
-    cv_.wait(guard, [&] { return open_; });
+    if (!held.exchange(true)) entered.set_value();
+    opened.wait();
   }
-  void waitEntered() {
-    std::unique_lock<std::mutex> guard(mutex_);
-    cv_.wait(guard, [&] { return entered_; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
+  void waitEntered() { entered.get_future().wait(); }
+  void open() { opening.set_value(); }
 
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool entered_ = false;
-  bool open_ = false;
+  std::atomic<bool> held{false};
+  std::promise<void> entered, opening;
+  std::shared_future<void> opened = opening.get_future().share();
 };
 
 class ModuleTest : public ::testing::Test {

@@ -78,6 +78,7 @@ TEST(PromiseTest, CancelOnChildOfSettledParentCancelsOnlyTheChild) {
   ASSERT_TRUE(parent.cancel());
   Promise child;
   parent.then(child);
+  EXPECT_EQ(child.status(), Promise::pending);
   EXPECT_TRUE(child.cancel());
   EXPECT_EQ(child.status(), Promise::cancelled);
   EXPECT_EQ(parent.status(), Promise::cancelled);
@@ -101,12 +102,7 @@ TEST(PromiseTest, ParentChildGrandchildResolveInOrder) {
   EXPECT_EQ(grandchild.status(), Promise::resolved);
 }
 
-TEST(PromiseTest, ChildBehindCancelledPromiseStaysPendingAndSettledTwiceIsRefused) {
-  Promise parent;
-  parent.cancel();
-  Promise child;
-  parent.then(child);
-  EXPECT_EQ(child.status(), Promise::pending);
+TEST(PromiseTest, SettledTwiceIsRefused) {
   Promise p;
   EXPECT_TRUE(p.reject(std::make_exception_ptr(std::runtime_error("a"))));
   EXPECT_FALSE(p.reject(std::make_exception_ptr(std::runtime_error("b"))));

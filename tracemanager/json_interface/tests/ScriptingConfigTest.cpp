@@ -1,5 +1,5 @@
 // The scripting configuration's round trip through its own decoder and
-// encoder. The commands as a host sees them are in CommandTranscriptTest.
+// encoder. The commands as a host sees them are in TranslatorTest.
 #include <gtest/gtest.h>
 #include <json/json.h>
 

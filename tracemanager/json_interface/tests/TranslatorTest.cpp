@@ -1,11 +1,18 @@
+// The translator: every message form, deferred answers and cancels as a
+// transcript through it, its refusal of an unknown message kind, and its
+// one writer under threads.
 #include "json_interface/Translator.hpp"
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "TestSink.hpp"
+#include "TestSupport.hpp"
 
 using JSONInterface::Translator;
 
@@ -15,49 +22,44 @@ class TranslatorTest : public ::testing::Test {
  protected:
   TestSink out;
   Translator translator{out.sink()};
-
-  std::string reply(const std::string& text) {
-    out.clear();
-    translator.process(text);
-    auto texts = out.texts();
-    EXPECT_EQ(texts.size(), 1u) << text;
-    return texts.empty() ? std::string() : texts.back();
-  }
 };
 
-TEST_F(TranslatorTest, DeferredCommandsAnswerWhenTheirOperationSettles) {
+// The message forms as a transcript: golden/commands.jsonl holds the
+// messages, golden/commands.expected every text each one made the module
+// send (replies and events, in order).
+TEST_F(TranslatorTest, CommandTranscriptOfEveryMessageForm) {
+  translator.addCommand("test.throwInt", [](unsigned int, const Json::Value&) { throw 42; });
+  translator.addCommand("test.throwStd", [](unsigned int, const Json::Value&) {
+    throw std::logic_error("handler failed");
+  });
+  // Deferred answers: test.defer waits for a fresh operation that
+  // test.settle resolves; test.failDeferred's operation has failed already.
   low::promise<void> operation;
   translator.addCommand("test.defer", [&](unsigned int id, const Json::Value&) {
+    operation = low::promise<void>();
     translator.deferResponse(id, operation);
   });
-  out.clear();
-  translator.process(R"({"command":"test.defer","id":11})");
-  EXPECT_TRUE(out.texts().empty());
-  EXPECT_EQ(translator.pendingCount(), 1u);
-  translator.process(R"({"command":"cloudTrace.stopSession","id":12})");  // later command answers first
-  operation.resolve();
-  EXPECT_EQ(out.texts(), (std::vector<std::string>{R"({"response":12})", R"({"response":11})"}));
-  EXPECT_EQ(translator.pendingCount(), 0u);
-
-  // Failing at once: the error comes back and nothing stays pending.
-  low::promise<void> failed = low::rejected(std::runtime_error("An internal error occurred"));
-  translator.addCommand("test.fail", [&](unsigned int id, const Json::Value&) {
-    translator.deferResponse(id, failed);
+  translator.addCommand("test.settle", [&](unsigned int id, const Json::Value&) {
+    operation.resolve();
+    translator.sendResponse(id);
   });
-  EXPECT_EQ(reply(R"({"command":"test.fail","id":13})"),
-            R"({"data":{"message":"An internal error occurred"},"error":13})");
-  EXPECT_EQ(translator.pendingCount(), 0u);
-
-  // A cancelled command never answers, even when its operation finishes.
-  low::promise<void> slow;
-  translator.addCommand("test.slow", [&](unsigned int id, const Json::Value&) {
-    translator.deferResponse(id, slow);
+  translator.addCommand("test.failDeferred", [&](unsigned int id, const Json::Value&) {
+    translator.deferResponse(id, low::rejected(std::runtime_error("An internal error occurred")));
   });
-  out.clear();
-  translator.process(R"({"command":"test.slow","id":14})");
-  translator.process(R"({"cancel":14})");
-  slow.resolve();
-  EXPECT_TRUE(out.texts().empty());
+  const std::string golden =
+      ostrand_test::sourcePath("tracemanager/json_interface/tests/golden/commands");
+  std::ifstream in(golden + ".jsonl");
+  ASSERT_TRUE(in);
+  std::ostringstream transcript;
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    out.clear();
+    translator.process(line);
+    transcript << "> " << (line.size() > 200 ? line.substr(0, 40) + "..." : line) << "\n";
+    for (const std::string& text : out.texts()) transcript << "< " << text << "\n";
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(transcript.str(), golden + ".expected"));
   EXPECT_EQ(translator.pendingCount(), 0u);
 }
 
@@ -69,7 +71,6 @@ TEST_F(TranslatorTest, UnknownMessageKindIsRefused) {
 // Events from a foreign thread and replies from this one go through one
 // writer and one sink; every text arrives whole.
 TEST_F(TranslatorTest, EventsAndRepliesFromDifferentThreadsStayWhole) {
-  out.clear();
   std::thread events([&] {
     for (int i = 0; i < 300; ++i) {
       Json::Value data(Json::objectValue);

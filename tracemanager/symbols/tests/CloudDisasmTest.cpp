@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "FakeSymbolManager.hpp"
 #include "source_utilities/HostApis.hpp"
 
@@ -23,15 +25,12 @@ class FakeDisassembler final : public disasm_lite::IDisassembler {
   std::vector<DisassemblyRecord> records;
   void disassembleRange(const Debugger::Address& from, const Debugger::Address& to,
                         IResultInserter* inserter) override {
-    rangeFrom = from.value;
-    rangeTo = to.value;
     for (const auto& record : records) inserter->insert(&record);
   }
   void disassembleOne(DisassemblyRecord* out, const Debugger::Address& address) override {
     *out = records.empty() ? DisassemblyRecord{} : records.front();
     out->address = address.value;
   }
-  uint64_t rangeFrom = 0, rangeTo = 0;
   disasm_lite::ITargetEnvironment* environment = nullptr;
 };
 
@@ -71,7 +70,6 @@ class CloudDisasmTest : public ::testing::Test {
     QX_NLV::setSymbolManagerApi(&symbols);
     QX_NLV::setDisAsmManagerApi(&disasm);
     symbols.setUp = [this](fake::Package& p) {
-      p.objectPath = "";
       p.bigEndian = bigEndian;
       package = &p;
     };
@@ -88,57 +86,53 @@ class CloudDisasmTest : public ::testing::Test {
   uint32_t bigEndian = 0;
 };
 
-struct EndianCase {
-  uint32_t family, variant;
-  bool bigEndian;
-  const char* query;
-  uint64_t expected;
-};
-class EndianRegisterTest : public ::testing::TestWithParam<EndianCase> {};
-
 // Family and variant pick the environment's kind, seen in the one register
 // each kind answers for its byte order (and none for a kind without one).
-TEST_P(EndianRegisterTest, AnswersOnlyItsOwnRegister) {
-  const auto c = GetParam();
-  auto env = disasm_lite::makeTargetEnvironment(processorId(c.family, c.variant), c.bigEndian);
-  env->setRegisterQuery(c.query, 5, 6, 7);
-  uint64_t value = 12345;
-  EXPECT_EQ(env->registerValue(&value), &value);
-  EXPECT_EQ(value, c.expected);
-  // The second query never answers, even for the endian register.
-  env->setSecondRegisterQuery(c.query, 0, 0, 0);
-  EXPECT_EQ(*env->secondRegisterValue(&value), 0u);
-  EXPECT_STREQ(env->name(), "CloudDisasm");
-  EXPECT_EQ(env->flags(), 0u);
-  EXPECT_EQ(env->processorId(), processorId(c.family, c.variant));
+TEST(EndianRegisterTest, AnswersOnlyItsOwnRegister) {
+  const struct {
+    uint32_t family, variant;
+    bool bigEndian;
+    const char* query;
+    uint64_t expected;
+  } cases[] = {{470, 14, true, "REG_ENDIAN", 1},   {470, 14, false, "REG_ENDIAN", 0},
+               {470, 7, true, "CSR", 0},           {320, 102, false, "CSR", 256},
+               {320, 98, true, "CSR", 0},          {320, 100, false, "REG_ENDIAN", 0},
+               {320, 117, false, "TSR", 1ULL << 56}, {320, 113, true, "TSR", 0},
+               {320, 40, false, "ST1", 0},         {320, 40, false, "st1", 0},
+               {320, 41, false, "CSR", 0},         {320, 41, true, "REG_ENDIAN", 0},
+               {100, 14, true, "REG_ENDIAN", 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.family) + "/" + std::to_string(c.variant) + " " + c.query);
+    auto env = disasm_lite::makeTargetEnvironment(processorId(c.family, c.variant), c.bigEndian);
+    env->setRegisterQuery(c.query, 5, 6, 7);
+    uint64_t value = 12345;
+    EXPECT_EQ(env->registerValue(&value), &value);
+    EXPECT_EQ(value, c.expected);
+    // The second query never answers, even for the endian register.
+    env->setSecondRegisterQuery(c.query, 0, 0, 0);
+    EXPECT_EQ(*env->secondRegisterValue(&value), 0u);
+    EXPECT_STREQ(env->name(), "CloudDisasm");
+    EXPECT_EQ(env->flags(), 0u);
+    EXPECT_EQ(env->processorId(), processorId(c.family, c.variant));
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Families, EndianRegisterTest,
-    ::testing::Values(EndianCase{470, 14, true, "REG_ENDIAN", 1},
-                      EndianCase{470, 14, false, "REG_ENDIAN", 0},
-                      EndianCase{470, 7, true, "CSR", 0},
-                      EndianCase{320, 102, false, "CSR", 256},
-                      EndianCase{320, 98, true, "CSR", 0},
-                      EndianCase{320, 100, false, "REG_ENDIAN", 0},
-                      EndianCase{320, 117, false, "TSR", uint64_t{1} << 56},
-                      EndianCase{320, 113, true, "TSR", 0},
-                      EndianCase{320, 40, false, "ST1", 0},
-                      EndianCase{320, 40, false, "st1", 0},
-                      EndianCase{320, 41, false, "CSR", 0},
-                      EndianCase{320, 41, true, "REG_ENDIAN", 0},
-                      EndianCase{100, 14, true, "REG_ENDIAN", 0}));
+// A line as "<size> <address> <label>|<text>".
+std::string show(const disasm_lite::DisassemblySourceLine& line) {
+  std::ostringstream out;
+  out << line.size << " " << std::hex << line.address << " " << line.label << "|" << line.text;
+  return out.str();
+}
 
 TEST(DisassemblerTest, EmptyDisassemblerAnswersWithNothing) {
   disasm_lite::Disassembler none;
-  auto line = none.DisassembleOne({0x100});
-  EXPECT_EQ(line.size, 0);
-  EXPECT_EQ(line.address, 0u);
-  EXPECT_TRUE(line.label.empty() && line.text.empty());
+  EXPECT_EQ(show(none.DisassembleOne({0x100})), "0 0 |");
   EXPECT_TRUE(none.Disassemble({0}, {0x1000}).empty());
 }
 
-TEST_F(CloudDisasmTest, VersionOtherThanTwoIsRefusedBeforeCreating) {
+// Another version than two is refused before anything is made; a
+// disassembler not made is an ordinary exception.
+TEST_F(CloudDisasmTest, Refusals) {
   auto info = objectInfo();
   for (uint32_t version : {1u, 3u}) {
     disasm.version = version;
@@ -147,10 +141,7 @@ TEST_F(CloudDisasmTest, VersionOtherThanTwoIsRefusedBeforeCreating) {
         << "version " << version << " accepted";
   }
   EXPECT_EQ(disasm.created, 0);
-}
-
-TEST_F(CloudDisasmTest, NoDisassemblerMadeIsAnOrdinaryException) {
-  auto info = objectInfo();
+  disasm.version = FakeDisasmManager().version;
   disasm.failCreate = true;
   EXPECT_THAT([&] { CloudDisasm d(info, processorId(470, 14)); },
               ThrowsMessage<std::exception>(StrEq("Failed to create the disassembler interface")));
@@ -173,39 +164,25 @@ TEST_F(CloudDisasmTest, DisassemblerGoesBeforeItsEnvironment) {
     auto info = objectInfo();
     CloudDisasm d(info, processorId(470, 14));
   }
-  ASSERT_EQ(disasm.log.size(), 1u);
-  EXPECT_EQ(disasm.log[0], "destroy in CloudDisasm");
+  EXPECT_EQ(disasm.log, std::vector<std::string>{"destroy in CloudDisasm"});
 }
 
 TEST_F(CloudDisasmTest, OneLineIsCopiedOnlyWhenValid) {
-  disasm.records = {{2, 0, "main+0x4", "00000104 4770    bx lr"}};
   auto info = objectInfo();
-  CloudDisasm d(info, processorId(470, 14));
-  auto line = d.DisassembleOne({0x104});
-  EXPECT_EQ(line.size, 2);
-  EXPECT_EQ(line.address, 0x104u);
-  EXPECT_EQ(line.label, "main+0x4");
-  EXPECT_EQ(line.text, "00000104 4770    bx lr");
-
+  disasm.records = {{2, 0, "main+0x4", "00000104 4770    bx lr"}};
+  EXPECT_EQ(show(CloudDisasm(info, processorId(470, 14)).DisassembleOne({0x104})),
+            "2 104 main+0x4|00000104 4770    bx lr");
   disasm.records = {{0, 0, "junk", "junk"}};
-  auto info2 = objectInfo();
-  CloudDisasm bad(info2, processorId(470, 14));
-  auto zero = bad.DisassembleOne({0x104});
-  EXPECT_EQ(zero.size, 0);
-  EXPECT_EQ(zero.address, 0u);
-  EXPECT_TRUE(zero.label.empty() && zero.text.empty());
+  EXPECT_EQ(show(CloudDisasm(info, processorId(470, 14)).DisassembleOne({0x104})), "0 0 |");
 }
 
 TEST_F(CloudDisasmTest, RangeKeepsEveryDeliveredLineInOrder) {
   disasm.records = {{2, 0x100, "f", "a"}, {0, 0x102, "", "bad"}, {4, 0x104, nullptr, "c"}};
   auto info = objectInfo();
-  CloudDisasm d(info, processorId(470, 14));
-  auto lines = d.Disassemble({0x100}, {0x104});
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[1].size, 0);
-  EXPECT_EQ(lines[1].text, "bad");
-  EXPECT_EQ(lines[2].address, 0x104u);
-  EXPECT_EQ(lines[2].label, "");
+  std::vector<std::string> shown;
+  for (const auto& line : CloudDisasm(info, processorId(470, 14)).Disassemble({0x100}, {0x104}))
+    shown.push_back(show(line));
+  EXPECT_EQ(shown, (std::vector<std::string>{"2 100 f|a", "0 102 |bad", "4 104 |c"}));
 }
 
 }  // namespace

@@ -19,17 +19,20 @@ struct Line {
   uint32_t line;
 };
 
-class Package final : public sym_lite::ISymbolPackage {
+// The package is its own one compile unit with one section.
+class Package final : public sym_lite::ISymbolPackage,
+                      public sym_lite::ICompileUnit,
+                      public sym_lite::IUnitSection {
  public:
   // What loadFile does: the status per path, and how it reports.
   enum class Report { BeforeReturn, LaterReversed };
   std::map<std::string, uint32_t> loadStatus;
   Report report = Report::BeforeReturn;
   std::string objectPath;
-  std::vector<Line> lines;  // one compile unit, one section
+  std::vector<Line> lineTable;
   std::map<uint64_t, std::pair<std::string, uint32_t>> sourceLines;  // address -> file, line
   std::map<uint64_t, std::string> functions;
-  std::vector<sym_lite::FunctionRange> ranges;
+  std::vector<sym_lite::FunctionRange> functionRanges;
   uint32_t bigEndian = 0;
   std::vector<std::string> loaded;
   const sym_lite::DebugEnvironment* environment = nullptr;
@@ -85,42 +88,29 @@ class Package final : public sym_lite::ISymbolPackage {
   }
   uint32_t compileUnitCount() override { return 1; }
   sym_lite::ICompileUnit* compileUnit(uint32_t index) override {
-    return index == 0 ? &unit_ : nullptr;
+    return index == 0 ? this : nullptr;
+  }
+  sym_lite::IUnitSection* section(uint32_t index) override { return index == 0 ? this : nullptr; }
+  void info(sym_lite::UnitInfo* out) override { *out = {"/dir", "unit.c", 1}; }
+  void info(sym_lite::SectionInfo* out) override {
+    *out = {".text", 0, 0, uint32_t(lineTable.size()), 0};
+  }
+  void ranges(sym_lite::AddressRange*) override {}
+  void lines(sym_lite::LineEntry* out) override {
+    for (const auto& line : lineTable)
+      *out++ = {line.directory.c_str(), line.fileName.c_str(), line.line, 0, 0, 0, 0};
   }
   const char* objectFilePath() override { return objectPath.c_str(); }
   uint32_t isBigEndian() override { return bigEndian; }
   void* symbolHandle() override { return this; }
-  uint32_t functionCount() override { return uint32_t(ranges.size()); }
+  uint32_t functionCount() override { return uint32_t(functionRanges.size()); }
   bool functionRange(uint32_t index, sym_lite::FunctionRange* out) override {
-    if (index >= ranges.size()) return false;
-    *out = ranges[index];
+    if (index >= functionRanges.size()) return false;
+    *out = functionRanges[index];
     return true;
   }
 
  private:
-  class Section : public sym_lite::IUnitSection {
-   public:
-    explicit Section(Package* owner) : owner_(owner) {}
-    void info(sym_lite::SectionInfo* out) override {
-      *out = {".text", 0, 0, uint32_t(owner_->lines.size()), 0};
-    }
-    void ranges(sym_lite::AddressRange*) override {}
-    void lines(sym_lite::LineEntry* out) override {
-      for (const auto& line : owner_->lines)
-        *out++ = {line.directory.c_str(), line.fileName.c_str(), line.line, 0, 0, 0, 0};
-    }
-    Package* owner_;
-  };
-  class Unit : public sym_lite::ICompileUnit {
-   public:
-    explicit Unit(Package* owner) : section_(owner) {}
-    sym_lite::IUnitSection* section(uint32_t index) override {
-      return index == 0 ? &section_ : nullptr;
-    }
-    void info(sym_lite::UnitInfo* out) override { *out = {"/dir", "unit.c", 1}; }
-    Section section_;
-  };
-  Unit unit_{this};
   std::vector<std::function<void()>> pendingFires_;
   std::vector<std::thread> threads_;
 };
@@ -134,15 +124,9 @@ class Manager : public sym_lite::ISymbolManager {
 
   uint32_t getVersion() override { return version; }
   sym_lite::ISymbolPackage* createPackage(sym_lite::DebugEnvironment* environment) override {
-    if (failCreate) return nullptr;
-    auto* package = make();
-    package->environment = environment;
-    return package;
+    return make(environment);
   }
-  sym_lite::ISymbolPackage* openPackage(const char* path) override {
-    if (failCreate) return nullptr;
-    return make();
-  }
+  sym_lite::ISymbolPackage* openPackage(const char*) override { return make(nullptr); }
   void releasePackage(sym_lite::ISymbolPackage* package) override {
     // The environment must still be alive here: reading its name would
     // fault under the address sanitizer otherwise.
@@ -153,8 +137,10 @@ class Manager : public sym_lite::ISymbolManager {
   }
 
  private:
-  Package* make() {
+  Package* make(const sym_lite::DebugEnvironment* environment) {
+    if (failCreate) return nullptr;
     auto* package = new Package;
+    package->environment = environment;
     if (setUp) setUp(*package);
     return package;
   }

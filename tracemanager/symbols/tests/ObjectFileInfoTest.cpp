@@ -26,6 +26,13 @@ class ObjectFileInfoTest : public ::testing::Test {
   fs::path write(const std::string& name, const std::string& text) {
     return home.writeText(name, text);
   }
+  // "<line> <text>" of the source line at `address`, or "none".
+  static std::string sourceLine(ObjectFileInfo& info, uint64_t address) {
+    uint32_t line = 0;
+    const char* text = nullptr;
+    if (!info.lookupSourceLine(address, &line, &text)) return "none";
+    return std::to_string(line) + " " + text;
+  }
   static std::string tenLines() {
     std::string text;
     for (int i = 1; i <= 10; ++i) text += "line " + std::to_string(i) + "\n";
@@ -37,12 +44,12 @@ class ObjectFileInfoTest : public ::testing::Test {
   const fs::path dir = home.path();
 };
 
-TEST_F(ObjectFileInfoTest, WithoutSymbolManagerCreateGivesEmptyPointer) {
+// No symbol manager gives no object; another version than five, or a
+// package not made, is refused on both roads.
+TEST_F(ObjectFileInfoTest, RefusalsOnBothRoads) {
   QX_NLV::setSymbolManagerApi(nullptr);
   EXPECT_EQ(ObjectFileInfo::create("x.elf"), nullptr);
-}
-
-TEST_F(ObjectFileInfoTest, VersionOtherThanFiveIsRefusedOnBothRoads) {
+  QX_NLV::setSymbolManagerApi(&manager);
   for (uint32_t version : {4u, 6u}) {
     manager.version = version;
     EXPECT_THAT([&] { ObjectFileInfo::create("x.elf"); },
@@ -50,9 +57,7 @@ TEST_F(ObjectFileInfoTest, VersionOtherThanFiveIsRefusedOnBothRoads) {
         << "version " << version << " accepted";
     EXPECT_THROW(ObjectFileInfo(470, 14), std::runtime_error);
   }
-}
-
-TEST_F(ObjectFileInfoTest, PackageNotMadeIsAnOrdinaryException) {
+  manager.version = fake::Manager().version;
   manager.failCreate = true;
   EXPECT_THAT(
       [&] { ObjectFileInfo::create("x.elf"); },
@@ -64,12 +69,11 @@ TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
   fs::path source = write("src/main.c", tenLines());
   write("never.c", "only line\n");
   manager.setUp = [&](fake::Package& p) {
-    p.objectPath = "";
-    p.lines = {{(dir / "src").string(), "main.c", 3},
-               {(dir / "src").string(), "main.c", 3},
-               {(dir / "src").string(), "main.c", 10},
-               {(dir / "src").string(), "main.c", 12},
-               {dir.string(), "never.c", 0}};
+    p.lineTable = {{(dir / "src").string(), "main.c", 3},
+                   {(dir / "src").string(), "main.c", 3},
+                   {(dir / "src").string(), "main.c", 10},
+                   {(dir / "src").string(), "main.c", 12},
+                   {dir.string(), "never.c", 0}};
     p.sourceLines = {{0x100, {source.string(), 3}},
                      {0x104, {source.string(), 10}},
                      {0x108, {source.string(), 12}}};
@@ -79,16 +83,9 @@ TEST_F(ObjectFileInfoTest, SourceIndexReadsWantedLinesOnceAndNotPastTheEnd) {
   EXPECT_EQ(info->sourceFileCount(), 1u);  // line 0 adds no file
   EXPECT_EQ(info->sourceLineCount(), 2u);  // 3 once, 10; 12 is past the end
 
-  uint32_t line = 0;
-  const char* text = nullptr;
-  ASSERT_TRUE(info->lookupSourceLine(0x100, &line, &text));
-  EXPECT_EQ(line, 3u);
-  EXPECT_STREQ(text, "line 3");
-  ASSERT_TRUE(info->lookupSourceLine(0x104, &line, &text));
-  EXPECT_STREQ(text, "line 10");
-  ASSERT_TRUE(info->lookupSourceLine(0x108, &line, &text));
-  EXPECT_EQ(line, 12u);
-  EXPECT_STREQ(text, "<source not found>");
+  EXPECT_EQ(sourceLine(*info, 0x100), "3 line 3");
+  EXPECT_EQ(sourceLine(*info, 0x104), "10 line 10");
+  EXPECT_EQ(sourceLine(*info, 0x108), "12 <source not found>");
   // Either output may be left out.
   EXPECT_TRUE(info->lookupSourceLine(0x100, nullptr, nullptr));
 }
@@ -98,35 +95,23 @@ TEST_F(ObjectFileInfoTest, BackslashesAndDotDotIndexUnderTheQueriedPath) {
   std::string windowsDir = (dir / "app" / "sub" / "..").string();
   std::replace(windowsDir.begin(), windowsDir.end(), '/', '\\');
   manager.setUp = [&](fake::Package& p) {
-    p.objectPath = "";
-    p.lines = {{windowsDir, "main.c", 2}};
+    p.lineTable = {{windowsDir, "main.c", 2}};
     p.sourceLines = {{0x10, {(dir / "app/main.c").string(), 2}}};
   };
-  auto info = ObjectFileInfo::create("x.elf");
-  const char* text = nullptr;
-  ASSERT_TRUE(info->lookupSourceLine(0x10, nullptr, &text));
-  EXPECT_STREQ(text, "second");
+  EXPECT_EQ(sourceLine(*ObjectFileInfo::create("x.elf"), 0x10), "2 second");
 }
 
 TEST_F(ObjectFileInfoTest, MissingSourceStillGivesTheLineNumber) {
   manager.setUp = [&](fake::Package& p) {
-    p.objectPath = "";
-    p.lines = {{dir.string(), "gone.c", 7}};
+    p.lineTable = {{dir.string(), "gone.c", 7}};
     p.sourceLines = {{0x20, {(dir / "gone.c").string(), 7}}};
   };
-  auto info = ObjectFileInfo::create("x.elf");
-  uint32_t line = 0;
-  const char* text = nullptr;
-  ASSERT_TRUE(info->lookupSourceLine(0x20, &line, &text));
-  EXPECT_EQ(line, 7u);
-  EXPECT_STREQ(text, ObjectFileInfo::kSourceNotFound);
+  EXPECT_EQ(sourceLine(*ObjectFileInfo::create("x.elf"), 0x20),
+            std::string("7 ") + ObjectFileInfo::kSourceNotFound);
 }
 
 TEST_F(ObjectFileInfoTest, UnknownAddressLeavesOutputsAlone) {
-  manager.setUp = [](fake::Package& p) {
-    p.objectPath = "";
-    p.functions = {{0x40, "known"}};
-  };
+  manager.setUp = [](fake::Package& p) { p.functions = {{0x40, "known"}}; };
   auto info = ObjectFileInfo::create("x.elf");
   std::string function = "keep", file = "keep", directory = "keep";
   EXPECT_FALSE(info->lookupFunction(0x44, function, file, directory));
@@ -152,19 +137,16 @@ TEST_F(ObjectFileInfoTest, ObjectFileGivesDigestAndTimestamp) {
 }
 
 TEST_F(ObjectFileInfoTest, EmptyObjectPathIsNoError) {
-  manager.setUp = [](fake::Package& p) { p.objectPath = ""; };
-  auto info = ObjectFileInfo::create("x.elf");
-  EXPECT_TRUE(info->objectFile().empty());
-  EXPECT_EQ(info->sha1(), "");
-  EXPECT_EQ(info->timestamp(), 0);
+  auto expectNoFile = [](const ObjectFileInfo& info) {
+    EXPECT_TRUE(info.objectFile().empty());
+    EXPECT_EQ(info.sha1(), "");
+    EXPECT_EQ(info.timestamp(), 0);
+  };
+  expectNoFile(*ObjectFileInfo::create("x.elf"));
   ObjectFileInfo fromProcessor(470, 14);
-  EXPECT_TRUE(fromProcessor.objectFile().empty());
-  EXPECT_EQ(fromProcessor.sha1(), "");
-  EXPECT_EQ(fromProcessor.timestamp(), 0);
-  auto results = fromProcessor.loadFiles({});
-  EXPECT_TRUE(results.empty());
-  EXPECT_EQ(fromProcessor.sha1(), "");
-  EXPECT_EQ(fromProcessor.timestamp(), 0);
+  expectNoFile(fromProcessor);
+  EXPECT_TRUE(fromProcessor.loadFiles({}).empty());
+  expectNoFile(fromProcessor);
 }
 
 TEST_F(ObjectFileInfoTest, VanishedObjectFileFailsWithLastWriteTime) {
@@ -205,46 +187,33 @@ TEST_F(ObjectFileInfoTest, EnvironmentsAreNumberedAndOutliveThePackage) {
     ObjectFileInfo b(320, 41);
     first = a.debugEnvironment()->name();
     second = b.debugEnvironment()->name();
-    const std::string prefix = "TraceObjFile";
-    ASSERT_EQ(first.rfind(prefix, 0), 0u);
-    const std::string number = first.substr(prefix.size());
-    ASSERT_FALSE(number.empty());
-    ASSERT_EQ(number.find_first_not_of("0123456789"), std::string::npos);
-    EXPECT_EQ(second, prefix + std::to_string(std::stoul(number) + 1));
+    ASSERT_THAT(first, ::testing::MatchesRegex("TraceObjFile[0-9]+"));
+    EXPECT_EQ(second, "TraceObjFile" + std::to_string(std::stoul(first.substr(12)) + 1));
     uint64_t selector = 0;
     b.debugEnvironment()->processorSelector(&selector);
     EXPECT_EQ(selector, (uint64_t{9} << 32) | 1u);
   }
   // Each package was released while its environment still existed.
-  ASSERT_EQ(manager.log.size(), 2u);
-  EXPECT_EQ(manager.log[0], "release " + second);
-  EXPECT_EQ(manager.log[1], "release " + first);
+  EXPECT_EQ(manager.log, (std::vector<std::string>{"release " + second, "release " + first}));
 }
 
-struct Selection {
-  uint32_t family, variant, processorClass, processorModel;
-};
-class ProcessorSelectionTest : public ::testing::TestWithParam<Selection> {};
-
-TEST_P(ProcessorSelectionTest, FollowsTheTable) {
-  auto s = GetParam();
-  EXPECT_EQ(ObjectFileInfo::processorSelection(s.family, s.variant),
-            std::make_pair(s.processorClass, s.processorModel));
+// Family, variant, then the processor class and model they select.
+TEST(ProcessorSelectionTest, FollowsTheTable) {
+  const uint32_t table[][4] = {{320, 32, 1, 10}, {320, 40, 1, 10}, {320, 41, 1, 9},
+                               {320, 42, 4, 16}, {470, 21, 0, 1},  {470, 10, 0, 0},
+                               {470, 13, 0, 3},  {470, 14, 0, 2},  {470, 51, 0, 5},
+                               {470, 82, 0, 6},  {470, 83, 0, 4},  {470, 11, 0, 8},
+                               {100, 14, 4, 16}};
+  for (const auto& [family, variant, processorClass, processorModel] : table) {
+    EXPECT_EQ(ObjectFileInfo::processorSelection(family, variant),
+              std::make_pair(processorClass, processorModel))
+        << family << "/" << variant;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, ProcessorSelectionTest,
-                         ::testing::Values(Selection{320, 32, 1, 10}, Selection{320, 40, 1, 10},
-                                           Selection{320, 41, 1, 9}, Selection{320, 42, 4, 16},
-                                           Selection{470, 21, 0, 1}, Selection{470, 10, 0, 0},
-                                           Selection{470, 13, 0, 3}, Selection{470, 14, 0, 2},
-                                           Selection{470, 51, 0, 5}, Selection{470, 82, 0, 6},
-                                           Selection{470, 83, 0, 4}, Selection{470, 11, 0, 8},
-                                           Selection{100, 14, 4, 16}));
 
 TEST_F(ObjectFileInfoTest, RangesAreHalfOpenAndTheCacheNeverGoesStale) {
   manager.setUp = [](fake::Package& p) {
-    p.objectPath = "";
-    p.ranges = {{"a", 0x100, 0x120}, {"b", 0x120, 0x140}, {"overlap", 0x130, 0x150},
+    p.functionRanges = {{"a", 0x100, 0x120}, {"b", 0x120, 0x140}, {"overlap", 0x130, 0x150},
                 {"empty", 0x150, 0x150}, {"c", 0x200, 0x210}};
   };
   auto info = ObjectFileInfo::create("x.elf");

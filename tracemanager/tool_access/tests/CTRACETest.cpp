@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 
 #include "FakeDecoderLibrary.hpp"
 #include "TdfWriter.hpp"
@@ -21,6 +22,9 @@ class CTRACETest : public ::testing::Test {
  protected:
   void SetUp() override { CTraceApp::useFoundry(&foundry, nullptr); }
   void TearDown() override { CTraceApp::useFoundry(nullptr, nullptr); }
+  static std::string golden(const std::string& name) {
+    return ostrand_test::sourcePath("tracemanager/tool_access/tests/golden/" + name);
+  }
   std::string write(const std::string& name, const std::string& content) {
     return home.writeText(name, content);
   }
@@ -33,78 +37,64 @@ class CTRACETest : public ::testing::Test {
 struct HeaderCase {
   const char* name;
   std::function<void(TdfHeader&)> change;
-  bool valid;
+  bool cutInTableC = false;
 };
-
-class TdfHeaderCases : public CTRACETest, public ::testing::WithParamInterface<HeaderCase> {};
-
-TEST_P(TdfHeaderCases, ReadsOrRefuses) {
-  TdfHeader header;
-  GetParam().change(header);
-  CTRACE trace;
-  EXPECT_EQ(trace.readHeader(write("t.tdf", header.bytes())), GetParam().valid);
-}
 
 using H = HeaderCase;
 
-INSTANTIATE_TEST_SUITE_P(
-    Bounds, TdfHeaderCases,
-    // clang-format off
-    ::testing::Values(
-        H{"Current", [](TdfHeader&) {}, true},
-        H{"Older", [](TdfHeader& h) { h.current = false; }, true},
-        H{"Version4", [](TdfHeader& h) { h.version = 4; }, true},
-        H{"Version20", [](TdfHeader& h) { h.version = 20; }, true},
-        H{"Version3", [](TdfHeader& h) { h.version = 3; }, false},
-        H{"Version21", [](TdfHeader& h) { h.version = 21; }, false},
-        H{"OlderVersion21", [](TdfHeader& h) { h.current = false; h.version = 21; }, false},
-        H{"HeaderSizeZero", [](TdfHeader& h) { h.headerSize = 0; }, false},
-        H{"OlderFirstWordZero", [](TdfHeader& h) { h.current = false; h.headerSize = 0; }, false},
-        H{"WrongSignature", [](TdfHeader& h) { h.current = false; h.signature = "X"; }, false},
-        H{"SignatureInCurrentFormIsComponent", [](TdfHeader& h) { h.component = "TraceDataFile"; },
-          false},
-        H{"WrongComponent", [](TdfHeader& h) { h.component = "TraceQx"; }, false},
-        H{"String10239", [](TdfHeader& h) { h.sourcePaths.assign(10239, 's'); }, true},
-        H{"String10240", [](TdfHeader& h) { h.sourcePaths.assign(10240, 's'); }, false},
-        H{"EmptyCoff", [](TdfHeader& h) { h.coff.clear(); }, true},
-        H{"NoClockForNonStm", [](TdfHeader& h) { h.clock = false; }, false}),
-    // clang-format on
-    [](const auto& info) { return std::string(info.param.name); });
+// clang-format off
+const HeaderCase kHeaderCases[] = {
+    H{"Current", [](TdfHeader&) {}},
+    H{"Older", [](TdfHeader& h) { h.current = false; }},
+    H{"Version4", [](TdfHeader& h) { h.version = 4; }},
+    H{"Version20", [](TdfHeader& h) { h.version = 20; }},
+    H{"Version3", [](TdfHeader& h) { h.version = 3; }},
+    H{"Version21", [](TdfHeader& h) { h.version = 21; }},
+    H{"OlderVersion21", [](TdfHeader& h) { h.current = false; h.version = 21; }},
+    H{"HeaderSizeZero", [](TdfHeader& h) { h.headerSize = 0; }},
+    H{"OlderFirstWordZero", [](TdfHeader& h) { h.current = false; h.headerSize = 0; }},
+    H{"WrongSignature", [](TdfHeader& h) { h.current = false; h.signature = "X"; }},
+    H{"SignatureInCurrentFormIsComponent", [](TdfHeader& h) { h.component = "TraceDataFile"; }},
+    H{"WrongComponent", [](TdfHeader& h) { h.component = "TraceQx"; }},
+    H{"String10239", [](TdfHeader& h) { h.sourcePaths.assign(10239, 's'); }},
+    H{"String10240", [](TdfHeader& h) { h.sourcePaths.assign(10240, 's'); }},
+    H{"EmptyCoff", [](TdfHeader& h) { h.coff.clear(); }},
+    // The program file is taken up to the first NUL.
+    H{"CoffWithNul", [](TdfHeader& h) { h.coff = std::string("/p/prog.elf\0junk", 16); }},
+    H{"NoClockForNonStm", [](TdfHeader& h) { h.clock = false; }},
+    H{"StmHasNoClock", [](TdfHeader& h) {
+      h.values[2] = Qx::Nlv::Trace::kProtocolStm;
+      h.clock = false;
+    }},
+    // A cut in table C fails and keeps what was read before it.
+    H{"CutInTableC", [](TdfHeader&) {}, true},
+};
+// clang-format on
 
-TEST_F(CTRACETest, HeaderFieldsReachTheDecoderInputs) {
-  TdfHeader header;
-  header.coff = std::string("/p/prog.elf\0junk", 16);  // taken up to the first NUL
-  CTRACE trace;
-  std::string path = write("t.tdf", header.bytes());
-  ASSERT_TRUE(trace.readHeader(path));
-  EXPECT_EQ(trace.tdfFile, path);
-  EXPECT_EQ(trace.receiverName, "ETB");
-  ASSERT_NE(trace.cpuInfo, nullptr);
-  EXPECT_STREQ(trace.cpuInfo->name, "core0");
-  EXPECT_EQ(trace.cpuInfo->processorId, 0x75801C00u);
-  EXPECT_EQ(trace.cpuInfo->options, 1u);
-  EXPECT_EQ(trace.coffFileName, "/p/prog.elf");
-  EXPECT_EQ(trace.headerFlags, 0x55u);
-  EXPECT_EQ(trace.sourcePaths, "/src");
-  EXPECT_DOUBLE_EQ(trace.clockHz, 48e6);
-}
-
-TEST_F(CTRACETest, StmHeaderHasNoClock) {
-  TdfHeader header;
-  header.values[2] = Qx::Nlv::Trace::kProtocolStm;
-  header.clock = false;
-  CTRACE trace;
-  ASSERT_TRUE(trace.readHeader(write("t.tdf", header.bytes())));
-  EXPECT_EQ(trace.clockHz, 0);
-}
-
-TEST_F(CTRACETest, CutInTableCFailsAndKeepsWhatWasRead) {
-  TdfHeader header;
-  std::string bytes = header.bytes();
-  CTRACE trace;
-  EXPECT_FALSE(trace.readHeader(write("t.tdf", bytes.substr(0, header.tableCOffset + 10))));
-  EXPECT_EQ(trace.receiverName, "ETB");
-  EXPECT_EQ(trace.sourcePaths, "/src");
+// One line per header: whether it reads, and what reached the decoder
+// inputs.
+TEST_F(CTRACETest, HeadersGolden) {
+  std::ostringstream out;
+  for (const HeaderCase& c : kHeaderCases) {
+    TdfHeader header;
+    c.change(header);
+    std::string bytes = header.bytes();
+    if (c.cutInTableC) bytes.resize(header.tableCOffset + 10);
+    CTRACE trace;
+    const std::string path = write("t.tdf", bytes);
+    const bool read = trace.readHeader(path);
+    EXPECT_EQ(trace.tdfFile, read ? path : trace.tdfFile) << c.name;
+    const Qx::Nlv::Trace::CpuInfo none;
+    const Qx::Nlv::Trace::CpuInfo& cpu = trace.cpuInfo != nullptr ? *trace.cpuInfo : none;
+    const std::string& paths = trace.sourcePaths;
+    out << c.name << (read ? ": read" : ": refused") << " receiver=" << trace.receiverName
+        << " cpu=" << (cpu.name != nullptr ? cpu.name : "-") << std::hex
+        << " id=" << cpu.processorId << " options=" << cpu.options
+        << " flags=" << trace.headerFlags << std::dec << " coff=" << trace.coffFileName
+        << " paths=" << (paths.size() > 16 ? std::to_string(paths.size()) + " chars" : paths)
+        << " clock=" << trace.clockHz << "\n";
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(out.str(), golden("tdf_headers.txt")));
 }
 
 TEST_F(CTRACETest, NameTestAndMissingFile) {
@@ -119,60 +109,56 @@ TEST_F(CTRACETest, NameTestAndMissingFile) {
   EXPECT_FALSE(trace.readHeader((dir / "absent.tdf").string()));
 }
 
-TEST_F(CTRACETest, FileDecoderOfCurrentForm) {
-  TdfHeader header;
-  header.values[2] = Qx::Nlv::Trace::kProtocolStm;
-  header.clock = false;
-  foundry.config.afterLoad["STM_DTC_target_clock_hz"] = 25000000;
-  std::string path = write("rec.tdf", header.bytes());
-  CTRACE trace;
-  EXPECT_EQ(trace.CreateDecoder(TdfFileName{path}), "");
-  EXPECT_TRUE(trace.decoderReady);
-  EXPECT_EQ(foundry.decoder.loadedPath, path);
-  EXPECT_EQ(foundry.config.loadedPath, path);
-  EXPECT_EQ(foundry.coffGiven, "(null)");
+// One line per recording: CreateDecoder's answer and what reached the
+// decoder library (the paths below the test's folder as <dir>); a decoder
+// shut down twice is destroyed once.
+TEST_F(CTRACETest, FileDecodersGolden) {
+  std::ostringstream out;
+  auto create = [&](const char* name, TdfHeader header, bool shutDownTwice = false) {
+    foundry.decoder.loadedPath = foundry.config.loadedPath = foundry.coffGiven = "";
+    CTRACE trace;
+    const std::string answer = trace.CreateDecoder(TdfFileName{write("rec.tdf", header.bytes())});
+    out << name << ": '" << answer << "' ready=" << trace.decoderReady
+        << " decoder=" << (trace.decoder != nullptr) << " loaded=" << foundry.decoder.loadedPath
+        << " config=" << foundry.config.loadedPath << " program=" << trace.coffFileName
+        << " given=" << foundry.coffGiven << " clock=" << trace.clockHz
+        << " destroyed=" << foundry.decodersDestroyed << "/" << foundry.driversDestroyed << "\n";
+    if (!shutDownTwice) return;
+    trace.ShutdownDecoder();
+    trace.ShutdownDecoder();
+    out << "  shut down twice: ready=" << trace.decoderReady
+        << " cpu=" << (trace.cpuInfo != nullptr) << " destroyed=" << foundry.decodersDestroyed
+        << "/" << foundry.driversDestroyed << "\n";
+  };
   // The clock of an STM source is read again once the configuration is in.
-  EXPECT_DOUBLE_EQ(trace.clockHz, 25e6);
-}
-
-TEST_F(CTRACETest, FileDecoderRefusals) {
+  TdfHeader stm;
+  stm.values[2] = Qx::Nlv::Trace::kProtocolStm;
+  stm.clock = false;
+  foundry.config.afterLoad["STM_DTC_target_clock_hz"] = 25000000;
+  create("Stm", stm);
+  // The older form is read, then refused and shut down again.
   TdfHeader older;
   older.current = false;
-  CTRACE v1;
-  EXPECT_EQ(v1.CreateDecoder(TdfFileName{write("old.tdf", older.bytes())}),
-            "Unsupported TDF file format v1");
-  EXPECT_FALSE(v1.decoderReady);
-  EXPECT_EQ(foundry.decodersDestroyed, 1);  // shut down again
-  EXPECT_EQ(foundry.driversDestroyed, 1);
-
+  create("Older", older);
   TdfHeader broken;
   broken.version = 2;
-  CTRACE unread;
-  EXPECT_EQ(unread.CreateDecoder(TdfFileName{write("b.tdf", broken.bytes())}),
-            "Could not read TDF header");
-
-  foundry.decoder.loadFailure = "trace data damaged";
-  CTRACE failing;
-  EXPECT_EQ(failing.CreateDecoder(TdfFileName{write("f.tdf", TdfHeader().bytes())}),
-            "trace data damaged");
-  EXPECT_EQ(failing.decoder, nullptr);
-}
-
-TEST_F(CTRACETest, ProgramFileMovedWithTheRecording) {
-  TdfHeader header;
-  header.coff = "/nowhere/build/prog.elf";
-  std::string path = write("rec.tdf", header.bytes());
-  CTRACE missing;
-  EXPECT_EQ(missing.CreateDecoder(TdfFileName{path}),
-            "Could not open coff file '/nowhere/build/prog.elf'");
+  create("Unread", broken);
+  // A program file that is not where the header says is looked for beside
+  // the recording.
+  TdfHeader moved;
+  moved.coff = "/nowhere/build/prog.elf";
+  create("ProgramMissing", moved);
   write("prog.elf", "ELF");
-  CTRACE found;
-  EXPECT_EQ(found.CreateDecoder(TdfFileName{path}), "");
-  EXPECT_EQ(found.coffFileName, (dir / "prog.elf").string());
-  EXPECT_EQ(foundry.coffGiven, (dir / "prog.elf").string());
+  create("ProgramBesideTheRecording", moved, true);
+  foundry.decoder.loadFailure = "trace data damaged";
+  create("LoadFails", TdfHeader());
+  const std::string text = ostrand_test::replaceAll(out.str(), dir.string(), "<dir>");
+  EXPECT_TRUE(ostrand_test::matchesGolden(text, golden("file_decoders.txt")));
 }
 
-TEST_F(CTRACETest, ColumnModel) {
+// Ten columns, the fourth a string and the last one bit wide: the model
+// the decoder inputs are read by, one line per column.
+TEST_F(CTRACETest, ColumnModelGolden) {
   for (int i = 0; i < 10; ++i) {
     foundry.decoder.columns.push_back({"c" + std::to_string(i), i == 9 ? 1u : 32u, i == 3});
   }
@@ -183,18 +169,16 @@ TEST_F(CTRACETest, ColumnModel) {
   std::vector<uint32_t> sizes, offsets, ids;
   std::vector<bool> isString;
   ASSERT_TRUE(trace.readColumnInfo(names, sizes, isString, offsets, ids));
-  EXPECT_EQ(trace.getColumnCount(), 10u);
-  EXPECT_EQ(sizes[3], 6u);
-  EXPECT_EQ(trace.columns[3].bitWidth, 48u);
-  EXPECT_EQ(offsets[4], 4u * 3 + 6);
-  EXPECT_EQ(sizes[9], 1u);
-  EXPECT_EQ(trace.columns[9].valueMask, 1u);
-  EXPECT_EQ(trace.columns[0].valueMask, 0xFFFFFFFFu);
-  EXPECT_EQ(trace.columns[9].validByte, 1u);
-  EXPECT_EQ(trace.columns[9].validBit, 2u);
-  EXPECT_EQ(trace.columns[9].sizeText, "Size = 1");
-  EXPECT_EQ(trace.rowSize, 4u * 8 + 6 + 1);
-  EXPECT_EQ(ids[2], 102u);
+  std::ostringstream out;
+  out << "row size " << trace.rowSize << ", " << trace.getColumnCount() << " columns\n";
+  for (size_t i = 0; i < trace.columns.size(); ++i) {
+    const ColumnRecord& c = trace.columns[i];
+    out << names[i] << " id=" << ids[i] << " string=" << isString[i] << " offset=" << offsets[i]
+        << " size=" << sizes[i] << " bits=" << c.bitWidth << " mask=" << std::hex << c.valueMask
+        << std::dec << " validByte.mask=" << c.validByte << "." << int{c.validBit} << " '"
+        << c.sizeText << "'\n";
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(out.str(), golden("column_model.txt")));
   EXPECT_EQ(foundry.decoder.prepared, 10);
 }
 
@@ -203,10 +187,12 @@ TEST_F(CTRACETest, DecodeFailuresGiveNoRows) {
   std::vector<uint8_t> data(64), valid(8);
   std::vector<Qx::Nlv::Trace::TracePosition> positions(8);
   EXPECT_EQ(trace.DecodeTraceData(0, 0, {}, 8, data.data(), valid.data(), positions.data()), 0u);
+  foundry.decoder.columns = {{"Message", 48, true}};
+  foundry.decoder.rows = {{{"Message", std::string("abc")}}, {}, {}, {}};
   ASSERT_EQ(trace.CreateDecoder(TdfFileName{write("t.tdf", TdfHeader().bytes())}), "");
   EXPECT_EQ(trace.DecodeTraceData(0, 0, {}, 8, nullptr, valid.data(), positions.data()), 0u);
   EXPECT_EQ(trace.DecodeTraceData(0, 0, {}, 8, data.data(), valid.data(), positions.data()), 4u);
-  EXPECT_EQ(trace.stringData, "abc");
+  EXPECT_EQ(trace.stringData, std::string("abc", 4));
   foundry.decoder.seekFailure = [] { throw std::string("end of buffer"); };
   EXPECT_EQ(trace.DecodeTraceData(3, 0, {}, 8, data.data(), valid.data(), positions.data()), 0u);
   foundry.decoder.seekFailure = [] { throw CloudHLError("bad packet", CloudHLError::Error); };
@@ -223,16 +209,6 @@ TEST_F(CTRACETest, StopRecordingAnswersWithText) {
   EXPECT_EQ(trace.StopRecording(), "probe lost");
   foundry.driver.failure = [] { throw 42; };
   EXPECT_EQ(trace.StopRecording(), "Unexpected exception");
-}
-
-TEST_F(CTRACETest, ShutdownTwiceDestroysOnce) {
-  CTRACE trace;
-  ASSERT_EQ(trace.CreateDecoder(TdfFileName{write("t.tdf", TdfHeader().bytes())}), "");
-  trace.ShutdownDecoder();
-  trace.ShutdownDecoder();
-  EXPECT_EQ(foundry.decodersDestroyed, 1);
-  EXPECT_EQ(trace.cpuInfo, nullptr);
-  EXPECT_FALSE(trace.decoderReady);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // made in the test; and the tool error object it throws.
 #include "tool_access/CloudHLClientBase.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -47,13 +48,11 @@ TEST(CloudHLClientBase, WithoutInterfacesTheClientRefuses) {
   Managers m;
   CloudHLClientBase bare(&m);
   EXPECT_EQ(bare.getName(), nullptr);
-  try {
-    bare.attachTarget("cpu0", true);
-    FAIL() << "no error";
-  } catch (const CloudHLError& e) {
-    EXPECT_STREQ(e.GetErrorText(), "XEV not available");
-    EXPECT_EQ(e.GetSeverity(), CloudHLError::Error);
-  }
+  EXPECT_THAT([&] { bare.attachTarget("cpu0", true); },
+              ::testing::Throws<CloudHLError>(::testing::AllOf(
+                  ::testing::Property(&CloudHLError::GetErrorText,
+                                      ::testing::StrEq("XEV not available")),
+                  ::testing::Property(&CloudHLError::GetSeverity, CloudHLError::Error))));
   EXPECT_THROW(bare.detachTarget("cpu0"), CloudHLError);
   EXPECT_THROW(bare.reregister(), CloudHLError);
 }

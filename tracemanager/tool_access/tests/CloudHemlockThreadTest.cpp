@@ -5,12 +5,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <thread>
 #include <vector>
 
 #include "FakeDecoderLibrary.hpp"
+#include "NotificationRecorder.hpp"
 #include "TdfWriter.hpp"
+#include "TestSupport.hpp"
 #include "ToolInstall.hpp"
 #include "tool_access/CTRACE.hpp"
 #include "tool_access/CTraceApp.hpp"
@@ -19,22 +20,7 @@
 
 namespace {
 
-class Counter : public CloudHemlockNotificationIF {
- public:
-  void tableSizeChanged(uint32_t, uint32_t, bool, uint32_t) override {}
-  void notify(const std::string&, const std::string&, const std::string&) override {
-    ++heard;
-  }
-  void setAdapterPresent(bool) override {}
-  std::atomic<int> heard{0};
-};
-
-Qx::Nlv::Trace::ChannelEvent channelEvent(int32_t kind) {
-  Qx::Nlv::Trace::ChannelEvent e;
-  e.kind = kind;
-  e.text = "sim";
-  return e;
-}
+using Qx::Nlv::Trace::ChannelEvent;
 
 class GateThreads : public ::testing::Test {
  protected:
@@ -52,9 +38,9 @@ class GateThreads : public ::testing::Test {
 // before an event does not hear it.
 TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
   constexpr int kEvents = 2000;
-  Counter stable;
-  std::vector<std::unique_ptr<Counter>> passing(8);
-  for (auto& p : passing) p = std::make_unique<Counter>();
+  NotificationRecorder stable;
+  std::vector<std::unique_ptr<NotificationRecorder>> passing(8);
+  for (auto& p : passing) p = std::make_unique<NotificationRecorder>();
   {
     std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
     gate->addListener(&stable);
@@ -69,13 +55,13 @@ TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
   });
   std::thread raiser([&] {
     for (int i = 0; i < kEvents; ++i) {
-      CTraceApp::eventHandler()->OnChannelEvent("mps2/CM4", channelEvent(6));
+      CTraceApp::eventHandler()->OnChannelEvent("mps2/CM4", ChannelEvent{6, "sim"});
     }
   });
   raiser.join();
   stop = true;
   changer.join();
-  EXPECT_EQ(stable.heard.load(), kEvents);
+  EXPECT_EQ(stable.lines().size(), size_t{kEvents});
 
   {
     std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
@@ -83,9 +69,9 @@ TEST_F(GateThreads, ListenersChangeWhileEventsWalkThem) {
     gate->removeListener(&stable);
   }
   CloudHemlock::waitForChannelEvents();
-  int before = stable.heard.load();
-  CTraceApp::eventHandler()->OnChannelEvent("mps2/CM4", channelEvent(6));
-  EXPECT_EQ(stable.heard.load(), before);
+  const size_t before = stable.lines().size();
+  CTraceApp::eventHandler()->OnChannelEvent("mps2/CM4", ChannelEvent{6, "sim"});
+  EXPECT_EQ(stable.lines().size(), before);
 }
 
 // The simulation's threads report connections while this thread queries
@@ -124,9 +110,8 @@ TEST_F(GateThreads, FullTraceTable) {
   fake::Foundry foundry;
   Qx::Nlv::Trace::IChannelFoundry* saved = CTraceApp::foundry();
   CTraceApp::useFoundry(&foundry, keepFoundry);
-  std::string path = (std::filesystem::temp_directory_path() /
-                      ("full_" + std::to_string(getpid()) + ".tdf")).string();
-  std::ofstream(path, std::ios::binary) << TdfHeader().bytes();
+  ostrand_test::TempDir dir("full");
+  const std::string path = dir.writeText("full.tdf", TdfHeader().bytes());
 
   std::lock_guard<std::recursive_mutex> tools(gate->toolMutex);
   std::vector<uint32_t> handles(CTraceApp::kTraceTableSize + 1);
@@ -151,7 +136,6 @@ TEST_F(GateThreads, FullTraceTable) {
   EXPECT_EQ(CTraceApp::freeSlot(), 0);
   EXPECT_EQ(foundry.decodersDestroyed, static_cast<int>(CTraceApp::kTraceTableSize) + 1);
   CTraceApp::useFoundry(saved, nullptr);
-  std::filesystem::remove(path);
 }
 
 }  // namespace

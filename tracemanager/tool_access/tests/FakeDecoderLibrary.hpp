@@ -1,12 +1,15 @@
-// A decoder library made in the test: a foundry, a decoder with a column
-// model given by the test, a configuration manager with named properties and
-// a channel driver, each of which can be told to fail. Enough to drive
-// CTRACE through every path without the real library.
+// A decoder library made in the test: a foundry, a decoder that serves the
+// test's rows through the real row-block format, a configuration manager
+// with named properties and a channel driver, each of which can be told to
+// fail. Enough to drive CTRACE and the table readers through every path
+// without the real library.
 #pragma once
 
 #include <functional>
+#include <algorithm>
 #include <map>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "tool_access/CloudHLError.hpp"
@@ -19,13 +22,15 @@ using namespace Qx::Nlv::Trace;
 struct Column {
   std::string name;
   uint32_t bitWidth;
-  bool isString;
+  bool isString = false;
 };
+using Cell = std::variant<uint64_t, std::string>;
+using Row = std::map<std::string, Cell>;
 
 class Config : public IDeviceConfigManager {
  public:
-  void RegisterEventHandler(CDeviceConfigEvents*) override { ++registered; }
-  void applyLiveConfiguration() override { ++applied; }
+  void RegisterEventHandler(CDeviceConfigEvents*) override {}
+  void applyLiveConfiguration() override {}
   void LoadConfiguration(const char* path, uint32_t) override {
     loadedPath = path;
     for (auto& [name, value] : afterLoad) properties[name] = value;
@@ -39,8 +44,6 @@ class Config : public IDeviceConfigManager {
   std::map<std::string, int64_t> properties;
   std::map<std::string, int64_t> afterLoad;  // known once a configuration is loaded
   std::string loadedPath;
-  int registered = 0;
-  int applied = 0;
 };
 
 class Decoder : public IDecoder {
@@ -57,11 +60,36 @@ class Decoder : public IDecoder {
   }
   void bitsToBytes(uint32_t bitWidth, uint32_t& size) override { size = (bitWidth + 7) / 8; }
   void prepareColumn(uint32_t, bool) override { ++prepared; }
-  void SeekRead(uint32_t, double, TracePosition, uint32_t count, uint32_t& rows, uint8_t*,
-                TracePosition*, uint8_t*, std::string& strings) override {
+  // Serves `rows` by the column layout the module computes: sizes in column
+  // order, strings as offset and length into the block's strings.
+  void SeekRead(uint32_t seek, double, TracePosition, uint32_t count, uint32_t& read,
+                uint8_t* data, TracePosition* positions, uint8_t* valid,
+                std::string& strings) override {
+    ++reads;
     if (seekFailure) seekFailure();
-    strings = "abc";
-    rows = count / 2;
+    if (seek == kSeekStart) cursor = 0;
+    strings.clear();
+    const size_t validBytes = (columns.size() + 7) / 8;
+    for (read = 0; read < count && cursor < rows.size(); ++read, ++cursor) {
+      std::fill_n(valid + read * validBytes, validBytes, 0);
+      positions[read].row = cursor;
+      for (size_t c = 0; c < columns.size(); ++c) {
+        const uint32_t size = columns[c].isString ? 6 : (columns[c].bitWidth + 7) / 8;
+        auto cell = rows[cursor].find(columns[c].name);
+        // An absent value keeps the filler: what it holds must not matter.
+        uint64_t value = 0xA5A5A5A5A5A5A5A5;
+        if (cell != rows[cursor].end()) {
+          if (auto* text = std::get_if<std::string>(&cell->second)) {
+            value = strings.size() | uint64_t{text->size()} << 32;
+            strings += *text + '\0';
+          } else {
+            value = std::get<uint64_t>(cell->second);
+          }
+          valid[read * validBytes + c / 8] |= static_cast<uint8_t>(1 << (c % 8));
+        }
+        for (uint32_t b = 0; b < size; ++b) *data++ = static_cast<uint8_t>(value >> (8 * b));
+      }
+    }
   }
   void LoadFile(const char* path, uint32_t, uint32_t) override {
     if (loadFailure) throw CloudHLError(loadFailure, Qx::Nlv::Hemlock::hemlockErrorIF::Error);
@@ -70,6 +98,9 @@ class Decoder : public IDecoder {
   IOverlayInfo* getOverlayInfo() override { return nullptr; }
 
   std::vector<Column> columns;
+  std::vector<Row> rows;
+  uint32_t cursor = 0;
+  int reads = 0;
   std::function<void()> seekFailure;
   const char* loadFailure = nullptr;
   std::string loadedPath;

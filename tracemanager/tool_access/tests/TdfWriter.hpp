@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 
 #include "trace/CpuInfo.hpp"
@@ -27,46 +28,39 @@ struct TdfHeader {
 
   std::string bytes() {
     std::string out;
-    auto u32 = [&out](uint32_t v) {
-      for (int i = 0; i < 4; ++i) out += static_cast<char>(v >> (8 * i));
+    auto u32 = [&out](std::initializer_list<uint32_t> values) {
+      for (uint32_t v : values) {
+        for (int i = 0; i < 4; ++i) out += static_cast<char>(v >> (8 * i));
+      }
     };
-    auto str = [&](const std::string& s) {
-      u32(static_cast<uint32_t>(s.size()));
-      out += s;
+    auto str = [&](std::initializer_list<std::string> texts) {
+      for (const std::string& s : texts) {
+        u32({static_cast<uint32_t>(s.size())});
+        out += s;
+      }
     };
     if (current) out += "TDF2";
-    u32(headerSize);
-    u32(version);
-    if (!current) str(signature);
-    str(component);
-    str(receiver);
-    str(cpu);
-    for (uint32_t v : values) u32(v);
-    str(coff);
-    u32(flags);
-    str(sourcePaths);
-    u32(1);  // A: one entry with two inner pairs
-    str("a");
-    u32(1);
-    u32(2);
-    u32(2);
-    for (int i = 0; i < 2; ++i) {
-      u32(i);
-      str("pair");
-    }
-    u32(2);  // B
-    for (int i = 0; i < 6; ++i) u32(i);
+    u32({headerSize, version});
+    if (!current) str({signature});
+    str({component, receiver, cpu});
+    for (uint32_t v : values) u32({v});
+    str({coff});
+    u32({flags});
+    str({sourcePaths});
+    // A: one entry with two inner pairs
+    u32({1});
+    str({"a"});
+    u32({1, 2, 2, 0});
+    str({"pair"});
+    u32({1});
+    str({"pair"});
+    u32({2, 0, 1, 2, 3, 4, 5});  // B: two entries of three
     tableCOffset = out.size();
-    u32(1);  // C: one entry with one inner record
-    u32(7);
-    u32(1);
-    for (int i = 0; i < 5; ++i) u32(i);
-    str("x");
-    str("");
-    str("z");
-    u32(1);  // D
+    u32({1, 7, 1, 0, 1, 2, 3, 4});  // C: one entry with one inner record
+    str({"x", "", "z"});
+    u32({1});  // D
     out += std::string(16, '\x7f');
-    str("d");
+    str({"d"});
     if (clock) {
       uint64_t bits = 0;
       std::memcpy(&bits, &clockHz, 8);

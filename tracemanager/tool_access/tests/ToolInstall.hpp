@@ -5,8 +5,11 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "sim/SimControl.hpp"
 
@@ -34,6 +37,16 @@ template <typename F>
 F control(const char* name) {
   static void* library = dlopen((toolDir() + "libhemlock.so").c_str(), RTLD_NOW);
   return library != nullptr ? reinterpret_cast<F>(dlsym(library, name)) : nullptr;
+}
+
+// Polls `condition` for up to five seconds: the simulation reports on
+// threads of its own.
+inline bool eventually(const std::function<bool()>& condition) {
+  for (int i = 0; i < 500; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return condition();
 }
 
 }  // namespace toolinstall

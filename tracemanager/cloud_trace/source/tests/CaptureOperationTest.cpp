@@ -1,12 +1,20 @@
-// Capture directories and URIs, the settings overlay, and what a power
-// capture writes and moves, without tools.
+// Capture directories and URIs, the settings overlay, what a power capture
+// writes and moves, what the other captures do and deliver, and where a
+// TDF session's file name comes from and which names are taken, without
+// tools.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <filesystem>
+#include <memory>
+#include <stdexcept>
 
 #include "CaptureTestDirs.hpp"
+#include "cloud_trace/source/EtbCaptureOperation.hpp"
 #include "cloud_trace/source/LocalOpManager.hpp"
+#include "cloud_trace/source/MtbCaptureOperation.hpp"
+#include "cloud_trace/source/TdfCaptureOperation.hpp"
 #include "cloud_trace/source/WLCaptureOperation.hpp"
 #include "experiments/DataBrokerRouter.hpp"
 #include "json_interface/WorkQueue.hpp"
@@ -14,6 +22,12 @@
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace fs = std::filesystem;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using Op = LocalOpManager::CaptureOperation;
+using Etb = LocalOpManager::EtbCaptureOperation;
+using Mtb = LocalOpManager::MtbCaptureOperation;
+using Tdf = LocalOpManager::TdfCaptureOperation;
 using WL = LocalOpManager::WLCaptureOperation;
 
 namespace {
@@ -23,39 +37,29 @@ const Json::Value& receiverList(const Json::Value& settings) {
   return settings[0]["sub_properties"][0]["sub_properties"];
 }
 
-Json::Value userProps(const std::string& receiverList) {
+Json::Value userProps(const std::string& receiverList, const std::string& receiver = "WL") {
   return parse(R"([{"name":"Receiver Settings","sub_properties":[{"name":"Receiver",)"
-               R"("type":"String","value":"WL","sub_properties":)" +
-               receiverList + "}]}]");
+               R"("type":"String","value":")" +
+               receiver + R"(","sub_properties":)" + receiverList + "}]}]");
 }
 
-struct DirCase {
-  const char* target;
-  const char* feature;
-  const char* below;  // expected path below <data>
-};
-
-class TargetDirTest : public ::testing::TestWithParam<DirCase> {
- protected:
+// Target, feature, and the directory made for them below <data>.
+TEST(TargetDirTest, NamesAndCreatesTheCaptureDirectory) {
   TempUserDir home;
-};
-
-TEST_P(TargetDirTest, NamesAndCreatesTheCaptureDirectory) {
-  const DirCase& c = GetParam();
-  std::string dir = LocalOpManager::getTargetDir(c.target, c.feature);
-  EXPECT_EQ(dir, home.data() + "/" + c.below);
-  EXPECT_TRUE(fs::is_directory(dir));
+  const char* const cases[][3] = {
+      {"cpu", "Wattline", "live-targets/cpu/Wattline"},
+      {"", "MTB", "live-targets"},  // no target: the feature is not joined
+      {"a//b", "ETB", "live-targets/a/b/ETB"},
+      {"file/x", "MTB", "file-targets/file/x/MTB"},
+      {"x/file/a", "MTB", "live-targets/x/file/a/MTB"},
+      {"file/a/file/b", "MTB", "live-targets/file/a/file/b/MTB"},
+      {"board/core0", "TDF", "file-targets/board/core0/TDF"}};
+  for (const auto& [target, feature, below] : cases) {
+    const std::string dir = LocalOpManager::getTargetDir(target, feature);
+    EXPECT_EQ(dir, home.data() + "/" + below);
+    EXPECT_TRUE(fs::is_directory(dir)) << dir;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Layout, TargetDirTest,
-    ::testing::Values(DirCase{"cpu", "Wattline", "live-targets/cpu/Wattline"},
-                      DirCase{"", "MTB", "live-targets"},  // no target: the feature is not joined
-                      DirCase{"a//b", "ETB", "live-targets/a/b/ETB"},
-                      DirCase{"file/x", "MTB", "file-targets/file/x/MTB"},
-                      DirCase{"x/file/a", "MTB", "live-targets/x/file/a/MTB"},
-                      DirCase{"file/a/file/b", "MTB", "live-targets/file/a/file/b/MTB"},
-                      DirCase{"board/core0", "TDF", "file-targets/board/core0/TDF"}));
 
 TEST(CaptureUriTest, AbsolutePathsGetThreeSlashes) {
   EXPECT_EQ(LocalOpManager::directoryUri("/home/u/x"), "file:///home/u/x");
@@ -64,19 +68,19 @@ TEST(CaptureUriTest, AbsolutePathsGetThreeSlashes) {
 
 TEST(CopyDirFilesTest, MovesFilesOverwritingAndKeepsOthers) {
   TempUserDir home;
-  const std::string from = home.root() + "/from", to = home.root() + "/deep/to";
+  const std::string from = home.path() + "/from", to = home.path() + "/deep/to";
   fs::create_directories(from);
   LocalOpManager::copyDirFiles(from, to);  // empty source: only the target is made
   EXPECT_TRUE(fs::is_directory(to));
-  writeText(from + "/WLData.bin", "new");
-  writeText(to + "/WLData.bin", "old");
-  writeText(to + "/older.txt", "kept");
+  writeFile(from + "/WLData.bin", "new");
+  writeFile(to + "/WLData.bin", "old");
+  writeFile(to + "/older.txt", "kept");
   LocalOpManager::copyDirFiles(from, to);
-  EXPECT_EQ(readText(to + "/WLData.bin"), "new");
-  EXPECT_EQ(readText(to + "/older.txt"), "kept");
+  EXPECT_EQ(readFile(to + "/WLData.bin"), "new");
+  EXPECT_EQ(readFile(to + "/older.txt"), "kept");
   EXPECT_FALSE(fs::exists(from + "/WLData.bin"));
   // A source that does not exist is logged, not thrown.
-  EXPECT_NO_THROW(LocalOpManager::copyDirFiles(home.root() + "/missing", to));
+  EXPECT_NO_THROW(LocalOpManager::copyDirFiles(home.path() + "/missing", to));
 }
 
 TEST(SettingsMergeTest, ObjectsByMemberArraysOnlyOfTheSameSize) {
@@ -93,24 +97,18 @@ TEST(SettingsMergeTest, ObjectsByMemberArraysOnlyOfTheSameSize) {
   EXPECT_EQ(Json::FastWriter().write(list), R"([1,{"k":2,"n":3}])" "\n");
 }
 
-struct FormatCase {
-  const char* target;
-  const char* format;
-};
-class WLFormatTest : public ::testing::TestWithParam<FormatCase> {};
-
-TEST_P(WLFormatTest, FormatFollowsTheCore) {
+TEST(WLFormatTest, FormatFollowsTheCore) {
   TempUserDir home;
-  WL op(0, nullptr, GetParam().target, Json::Value());
-  op.configure(Json::Value(), nullptr);
-  EXPECT_EQ(op.getReceiverProperty("Format")["value"].asString(), GetParam().format);
+  const char* const cases[][2] = {{"LYNX16_CORE", "LYNX"},
+                                  {"sim/Cortex_M0plus", "LYNX"},
+                                  {"cortex_m4_0", "LPRF"},
+                                  {"ArmV6M0", "LYNX"}};
+  for (const auto& [target, format] : cases) {
+    WL op(0, nullptr, target, Json::Value());
+    op.configure(Json::Value(), nullptr);
+    EXPECT_EQ(op.getReceiverProperty("Format")["value"].asString(), format) << target;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cores, WLFormatTest,
-                         ::testing::Values(FormatCase{"LYNX16_CORE", "LYNX"},
-                                           FormatCase{"sim/Cortex_M0plus", "LYNX"},
-                                           FormatCase{"cortex_m4_0", "LPRF"},
-                                           FormatCase{"ArmV6M0", "LYNX"}));
 
 TEST(WLSettingsTest, UserPropertiesReplaceInPlaceOrAppend) {
   TempUserDir home;
@@ -144,14 +142,14 @@ TEST(WLMetadataTest, WritesMetadataAndAnEmptySupplementToDiskOrBroker) {
   op.exportMetaData();
   const std::string dir = home.data() + "/live-targets/board/cpu/Wattline";
   EXPECT_EQ(op.getCaptureDir(), dir);
-  Json::Value metadata = parse(readText(dir + "/metadata"));
+  Json::Value metadata = parse(readFile(dir + "/metadata"));
   EXPECT_EQ(metadata["typeId"].asString(), "WL");
   EXPECT_EQ(metadata["device"].asString(), "board/cpu");
   EXPECT_EQ(metadata["dataFile"].asString(), "unknown");
   EXPECT_EQ(metadata["time"].asString().size(), 20u);  // 2026-01-02T03:04:05Z
-  EXPECT_EQ(readText(dir + "/metadataSup.json"), "{}\n");
+  EXPECT_EQ(readFile(dir + "/metadataSup.json"), "{}\n");
   // Styled text: three blanks, keys in order.
-  EXPECT_NE(readText(dir + "/metadata").find("{\n   \"cpu\" : \"unknown\",\n"),
+  EXPECT_NE(readFile(dir + "/metadata").find("{\n   \"cpu\" : \"unknown\",\n"),
             std::string::npos);
 
   // WLplus true without tools: "WL+", and no state description to add.
@@ -160,8 +158,8 @@ TEST(WLMetadataTest, WritesMetadataAndAnEmptySupplementToDiskOrBroker) {
   VSKTspServer::DataBrokerRouter broker;
   op.configure(userProps(R"([{"name":"WLplus","type":"Boolean","value":true}])"), &broker);
   op.exportMetaData();
-  EXPECT_EQ(parse(readText(dir + "/metadata"))["typeId"].asString(), "WL+");
-  EXPECT_EQ(readText(dir + "/metadataSup.json"), "{}\n");
+  EXPECT_EQ(parse(readFile(dir + "/metadata"))["typeId"].asString(), "WL+");
+  EXPECT_EQ(readFile(dir + "/metadataSup.json"), "{}\n");
 }
 
 TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
@@ -169,7 +167,7 @@ TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
   WL op(0, nullptr, "cpu", Json::Value());
   op.configure(Json::Value(), nullptr);
   const std::string scratch = LocalOpManager::getScratchDir(".Wattline");
-  writeText(scratch + "/WLData.bin", "stream");
+  writeFile(scratch + "/WLData.bin", "stream");
 
   op.onDataReady();  // never armed: nothing moves
   EXPECT_EQ(op.getState(), WL::Idle);
@@ -186,13 +184,105 @@ TEST(WLStatesTest, ReadyOnlyFromCollectingAndMovesTheScratchFiles) {
   EXPECT_EQ(op.getState(), WL::Collecting);
   op.onDataReady();
   EXPECT_EQ(op.getState(), WL::Idle);
-  EXPECT_EQ(readText(op.getCaptureDir() + "/WLData.bin"), "stream");
+  EXPECT_EQ(readFile(op.getCaptureDir() + "/WLData.bin"), "stream");
   EXPECT_FALSE(fs::exists(scratch + "/WLData.bin"));
   // The promise is settled on the worker, never on the stopping thread.
   WorkQueue::instance().drain();
   EXPECT_EQ(ready.status(), low::promise<void>::resolved);
   op.enable(true);  // a settled promise is replaced at the next arming
   EXPECT_FALSE(ready.sameState(op.getDataReady()));
+}
+
+TEST(MtbSettingsTest, UserBufferSizeReplacesItsEntryInPlace) {
+  TempUserDir home;
+  Mtb op(0, nullptr, "microbit/CM0P", Json::Value());
+  op.configure(userProps(R"([{"name":"Buffer Size","type":"String","value":"4 KB"}])", "MTB"),
+               nullptr);
+  EXPECT_EQ(op.getSettings()[0]["sub_properties"][0]["value"].asString(), "MTB");
+  std::vector<std::string> names;
+  for (const Json::Value& p : receiverList(op.getSettings())) names.push_back(p["name"].asString());
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "Trace Buffer Type", "Trace On", "Start triggers", "Stop triggers",
+                       "Buffer Size", "Watermark level", "Stop at watermark", "Halt at watermark",
+                       "Synchronize with target", "Hierarchical Decode"}));
+  EXPECT_EQ(receiverList(op.getSettings())[4]["value"].asString(), "4 KB");
+}
+
+// The instruction and file captures without tools: creation fails with the
+// capture's own words and makes nothing, data ready outside Collecting
+// writes nothing, and the metadata and the empty data file name the file.
+TEST(NoToolsTest, NothingIsCreatedAndTheMetadataNamesTheDataFile) {
+  TempUserDir home;
+  struct {
+    std::unique_ptr<Op> op;
+    const char* error;
+    const char* dir;  // below <data>
+    const char* dataFile;
+  } cases[] = {
+      {std::make_unique<Mtb>(1, nullptr, "cpu_Dsa_0", Json::Value()),
+       "Cannot enable MTB: No target selected", "live-targets/cpu_Dsa_0/MTB", "mtb_data.json"},
+      {std::make_unique<Etb>(0, nullptr, "mps2/CM4", Json::Value(), nullptr),
+       "Cannot enable ETB: No target selected", "live-targets/mps2/CM4/ETB", "etb_data.json"},
+      // The file name is checked before any tool call.
+      {std::make_unique<Tdf>(0, nullptr, "rec",
+                             parse(R"({"rec":{"TDF":{"opProp":{"File":"relative/a.tdf"}}}})")),
+       "Invalid TDF file name: relative/a.tdf", "file-targets/rec/TDF", "tdf_data.json"}};
+  for (auto& [op, error, below, dataFile] : cases) {
+    SCOPED_TRACE(op->getType());
+    op->configure(Json::Value(), nullptr);
+    EXPECT_THAT([&] { op->createHlOperation(); }, ThrowsMessage<std::runtime_error>(StrEq(error)));
+    EXPECT_FALSE(op->isCreated());
+    const std::string dir = home.data() + "/" + below;
+    EXPECT_EQ(op->getCaptureDir(), dir);
+    op->onDataReady();
+    EXPECT_FALSE(fs::exists(dir + "/" + dataFile));
+    op->exportMetaData();
+    op->exportData();
+    const Json::Value metadata = parse(readFile(dir + "/metadata"));
+    EXPECT_EQ(metadata["typeId"].asString(), op->getType());
+    EXPECT_EQ(metadata["device"].asString(), op->getTarget());
+    EXPECT_EQ(metadata["dataFile"].asString(), dataFile);
+    EXPECT_EQ(metadata.getMemberNames().size(), 6u);
+    EXPECT_EQ(readFile(dir + "/" + dataFile), "{}\n");
+  }
+}
+
+// ---------------------------------------------------------------- TDF file names
+
+// A TDF opProp and the file it names, in either form.
+TEST(TdfOpPropTest, FindsTheFileInEitherForm) {
+  const char* const cases[][2] = {
+      {R"({"File":"/tmp/a.tdf"})", "/tmp/a.tdf"},
+      {R"([{"name":"Other"},{"name":"File Settings","sub_properties":)"
+       R"([{"name":"Mode","value":1},{"name":"File","value":"/r/b.tdf"}]}])",
+       "/r/b.tdf"},
+      // An object without File falls through to the tree form and finds nothing.
+      {R"({"Path":"/tmp/a.tdf"})", ""},
+      {R"([{"name":"File Settings","sub_properties":[]}])", ""},
+      {"null", ""}};
+  for (const auto& [opProp, path] : cases) {
+    EXPECT_EQ(Tdf::pathFromOpProp(parse(opProp)), path) << opProp;
+  }
+}
+
+TEST(TdfPathTest, OnlyAbsoluteExistingFilesAfterNormalisation) {
+  TempUserDir home;
+  const std::string file = home.path() + "/run.tdf";
+  writeFile(file, "TDF2");
+
+  std::string path = home.path() + "/sub/../run.tdf";
+  EXPECT_TRUE(Tdf::normalizePath(path));
+  EXPECT_EQ(path, file);
+
+  // A path of this system keeps its leading "/"; a drive-letter URI path
+  // loses it, and is then no absolute path here.
+  path = "/C:/data/a.tdf";
+  EXPECT_FALSE(Tdf::normalizePath(path));
+  EXPECT_EQ(path, "C:/data/a.tdf");
+
+  for (std::string bad : {std::string(), std::string("run.tdf"), home.path() + "/none.tdf"}) {
+    EXPECT_FALSE(Tdf::normalizePath(bad)) << bad;
+  }
 }
 
 }  // namespace

@@ -10,16 +10,11 @@
 
 class TempUserDir : public ostrand_test::TempHome {
  public:
-  std::string root() const { return path(); }
   std::string data() const { return path() + "/.QX-trace/data"; }
-  std::string settings() const { return path() + "/.QX-trace/settings"; }
 };
 
-inline void writeText(const std::string& path, const std::string& text) {
-  ostrand_test::writeFile(path, text);
-}
-
-inline std::string readText(const std::string& path) { return ostrand_test::readFile(path); }
+using ostrand_test::readFile;
+using ostrand_test::writeFile;
 
 // `text` as JSON; null when it is none.
 inline Json::Value parse(const std::string& text) {

@@ -1,12 +1,14 @@
 // The manager on the simulated debug environment: lock order and the order
 // of events when tool threads and commands meet. The tool entries are
 // called on threads of the test as the tool library calls them.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -17,8 +19,13 @@
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace {
+
+using Op = LocalOpManager::CaptureOperation;
+using WL = LocalOpManager::WLCaptureOperation;
 
 class LocalOpManagerTest : public SimManagerTest {
  protected:
@@ -36,30 +43,25 @@ class LocalOpManagerTest : public SimManagerTest {
   }
 };
 
-const char* const kStatusOn = R"({"showStatusMsg":true,"statusMsg":"Collecting data"})"
-                              "\n";
-const char* const kStatusOff = R"({"showStatusMsg":false,"statusMsg":""})"
-                               "\n";
+const std::string kStatusOn = R"({"showStatusMsg":true,"statusMsg":"Collecting data"})" "\n";
+const std::string kStatusOff = R"({"showStatusMsg":false,"statusMsg":""})" "\n";
 
 TEST_F(LocalOpManagerTest, ChannelEventDuringRunSetupIsHandledAfterRecording) {
   configure("mps2/CM4", R"({"Wattline":{"enable":true},"ETB":{"enable":true}})");
   // The ETB status of the run setup's arming is raised while it holds
   // eventMutex; a stop that the tool reports right then must wait.
   std::atomic<bool> injected{false};
-  auto inject = manager->connect(nullptr, nullptr, nullptr,
-                                 [&](const std::string&, const std::string&, const std::string&,
-                                     const std::string& d) {
-                                   if (d.find("ETB Trace enabled") == std::string::npos &&
-                                       d.find("Trace Enabled") == std::string::npos) {
-                                     return;
-                                   }
-                                   if (injected.exchange(true)) return;
-                                   std::thread([&] {
-                                     manager->deliverChannelEvent(
-                                         {"mps2/CM4", "traceChannelStoppedUserRequest", ""});
-                                   }).join();
-                                   EXPECT_EQ(manager->deferredCount(), 1u);
-                                 });
+  auto onStatus = [&](const std::string&, const std::string&, const std::string&,
+                      const std::string& d) {
+    const bool enabled = d.find("ETB Trace enabled") != std::string::npos ||
+                         d.find("Trace Enabled") != std::string::npos;
+    if (!enabled || injected.exchange(true)) return;
+    std::thread([&] {
+      manager->deliverChannelEvent({"mps2/CM4", "traceChannelStoppedUserRequest", ""});
+    }).join();
+    EXPECT_EQ(manager->deferredCount(), 1u);
+  };
+  auto inject = manager->connect(nullptr, nullptr, nullptr, onStatus);
   takeEvents();
   EXPECT_EQ(manager->doRunSetup("mps2/CM4"), 0);
   for (auto& c : inject) c.disconnect();
@@ -69,9 +71,9 @@ TEST_F(LocalOpManagerTest, ChannelEventDuringRunSetupIsHandledAfterRecording) {
   std::vector<std::string> seen = takeEvents();
   ASSERT_GE(seen.size(), 4u);
   // ..., the ETB status, "Collecting data", "DataReady", status off.
-  EXPECT_EQ(seen[seen.size() - 3], std::string("mps2/CM4 Collecting ") + kStatusOn);
+  EXPECT_EQ(seen[seen.size() - 3], "mps2/CM4 Collecting " + kStatusOn);
   EXPECT_EQ(seen[seen.size() - 2], "mps2/CM4 DataReady UserRequest");
-  EXPECT_EQ(seen[seen.size() - 1], std::string("mps2/CM4 Collecting ") + kStatusOff);
+  EXPECT_EQ(seen[seen.size() - 1], "mps2/CM4 Collecting " + kStatusOff);
   EXPECT_TRUE(fs::exists(home.data() + "/live-targets/mps2/CM4/Wattline/metadata"));
 }
 
@@ -97,55 +99,53 @@ TEST_F(LocalOpManagerTest, SecondRunSetupDropsWhatTheLastRunQueued) {
 TEST_F(LocalOpManagerTest, HaltDuringEnableFeatureWaitsForTheNewCapture) {
   configure("microbit/CM0P", R"({"Wattline":{"enable":false}})");
   // A power capture that stops inside createHlOperation until released.
-  struct Gated : LocalOpManager::WLCaptureOperation {
-    using WLCaptureOperation::WLCaptureOperation;
+  struct Gate {
+    std::promise<void> inside, release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> armed{false};
+  } gate;
+  struct Gated : WL {
+    Gated(Gate& gate, int32_t id, CloudHemlock* tools, const std::string& target,
+          const Json::Value& s)
+        : WL(id, tools, target, s), gate(gate) {}
     uint32_t createHlOperation() override {
-      uint32_t handle = WLCaptureOperation::createHlOperation();
-      inside->set_value();
-      release->wait();
+      uint32_t handle = WL::createHlOperation();
+      gate.inside.set_value();
+      gate.released.wait();
       return handle;
     }
     int32_t enableImpl(bool on) override {
-      if (on) *armed = true;
-      return WLCaptureOperation::enableImpl(on);
+      if (on) gate.armed = true;
+      return WL::enableImpl(on);
     }
-    std::promise<void>* inside = nullptr;
-    std::shared_future<void>* release = nullptr;
-    std::atomic<bool>* armed = nullptr;
+    Gate& gate;
   };
-  std::promise<void> inside, release;
-  std::atomic<bool> armed{false}, haltDone{false}, haltSawArmed{false};
-  std::shared_future<void> released = release.get_future().share();
+  std::atomic<bool> haltDone{false}, haltSawArmed{false};
   LocalOpManager::registerCaptureOperation(
       kFeatureWattline, [&](int32_t id, CloudHemlock* tools, const std::string& target,
-                            const Json::Value& s, LocalOpManager*) {
-        auto op = std::make_unique<Gated>(id, tools, target, s);
-        op->inside = &inside;
-        op->release = &released;
-        op->armed = &armed;
-        return std::unique_ptr<LocalOpManager::CaptureOperation>(std::move(op));
+                            const Json::Value& s, LocalOpManager*) -> std::unique_ptr<Op> {
+        return std::make_unique<Gated>(gate, id, tools, target, s);
       });
   std::thread command([&] {
     std::lock_guard<std::mutex> guard(manager->commandMutex);
     manager->enableWL("microbit/CM0P");
   });
-  inside.get_future().wait();
+  gate.inside.get_future().wait();
   std::thread tool([&] {
     manager->onTargetEvent("microbit/CM0P", 7);
-    haltSawArmed = armed.load();  // the halt got in only after the arming ended
+    haltSawArmed = gate.armed.load();  // the halt got in only after the arming ended
     haltDone = true;
   });
   std::this_thread::sleep_for(50ms);
   EXPECT_FALSE(haltDone);
-  release.set_value();
+  gate.release.set_value();
   command.join();
   tool.join();
   EXPECT_TRUE(haltSawArmed);
   LocalOpManager::registerCaptureOperation(
       kFeatureWattline, [](int32_t id, CloudHemlock* tools, const std::string& target,
-                           const Json::Value& s, LocalOpManager*) {
-        return std::unique_ptr<LocalOpManager::CaptureOperation>(
-            std::make_unique<LocalOpManager::WLCaptureOperation>(id, tools, target, s));
+                           const Json::Value& s, LocalOpManager*) -> std::unique_ptr<Op> {
+        return std::make_unique<WL>(id, tools, target, s);
       });
 }
 
@@ -164,22 +164,13 @@ TEST_F(LocalOpManagerTest, ToolEventsWhileCommandsRun) {
       manager->onSessionEvent("DebugSessionUpdated", Json::Value());
     }
   });
+  const std::function<void()> commands[] = {
+      [&] { manager->enableWL("microbit/CM0P"); }, [&] { manager->enableLiveTraces(""); },
+      [&] { manager->disableWL("mps2/CM4"); }, [&] { manager->disableLiveTraces(""); }};
   for (int i = 0; i < 40; ++i) {
     std::lock_guard<std::mutex> guard(manager->commandMutex);
     try {
-      switch (i % 4) {
-        case 0:
-          manager->enableWL("microbit/CM0P");
-          break;
-        case 1:
-          manager->enableLiveTraces("");
-          break;
-        case 2:
-          manager->disableWL("mps2/CM4");
-          break;
-        default:
-          manager->disableLiveTraces("");
-      }
+      commands[i % 4]();
     } catch (const std::exception& e) {
       ADD_FAILURE() << e.what();
     }
@@ -202,16 +193,8 @@ TEST_F(LocalOpManagerTest, EmptyTargetArmsEveryConnectedTarget) {
   EXPECT_TRUE(manager->hasOperationEntry("mps2/CM4"));  // an empty entry stays
   // An instruction trace needs the host's symbol manager, which this test
   // does not hand in: the tool operation is made, then refused.
-  EXPECT_THROW(
-      {
-        try {
-          manager->enableMTB("microbit/CM0P");
-        } catch (const std::runtime_error& e) {
-          EXPECT_STREQ(e.what(), "Cannot enable MTB");
-          throw;
-        }
-      },
-      std::runtime_error);
+  EXPECT_THAT([&] { manager->enableMTB("microbit/CM0P"); },
+              ThrowsMessage<std::runtime_error>(StrEq("Cannot enable MTB")));
   EXPECT_EQ(manager->enableFeature("microbit/CM0P", kFeatureETB, false), -1);
 }
 
