@@ -1,12 +1,7 @@
 // What a hostile page, a hostile data tree or a greedy client can do to the
 // trace server, tried against a real server on a free loopback port.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -26,53 +21,9 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using ostrand_test::CaptureTree;
+using ostrand_test::RawConnection;
 using ostrand_test::RunningServer;
 using Clock = std::chrono::steady_clock;
-
-// A connection that says exactly what the test writes.
-class RawConnection {
- public:
-  explicit RawConnection(int port, bool ipv6 = false) {
-    fd_ = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-    sockaddr_storage address{};
-    socklen_t length = 0;
-    if (ipv6) {
-      auto* a = reinterpret_cast<sockaddr_in6*>(&address);
-      a->sin6_family = AF_INET6;
-      a->sin6_addr = in6addr_loopback;
-      a->sin6_port = htons(static_cast<uint16_t>(port));
-      length = sizeof *a;
-    } else {
-      auto* a = reinterpret_cast<sockaddr_in*>(&address);
-      a->sin_family = AF_INET;
-      a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      a->sin_port = htons(static_cast<uint16_t>(port));
-      length = sizeof *a;
-    }
-    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0;
-  }
-  ~RawConnection() { ::close(fd_); }
-  bool connected() const { return connected_; }
-  void send(const std::string& bytes) { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-  // Everything until the server closes or `timeout` passes.
-  std::string readAll(std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
-    std::string text;
-    const auto end = Clock::now() + timeout;
-    char buffer[4096];
-    while (Clock::now() < end) {
-      pollfd entry{fd_, POLLIN, 0};
-      if (::poll(&entry, 1, 50) <= 0) continue;
-      const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    return text;
-  }
-
- private:
-  int fd_ = -1;
-  bool connected_ = false;
-};
 
 size_t count(const std::string& text, const std::string& what) {
   size_t n = 0;
@@ -166,37 +117,46 @@ INSTANTIATE_TEST_SUITE_P(
         GuardCase{"own referer", facts("POST", "/x", "localhost:1239", "", "http://localhost:1239/a?b"), kAllow},
         GuardCase{"same-site", facts("POST", "/x", "localhost:1239", "", "", "same-site"), kOrigin}));
 
-TEST_F(SecurityTest, ForeignHostCannotStopTheServerOrReadIt) {
-  serve();
-  for (const char* path : {"/stop", "/tsp/api/health"}) {
-    auto res = client->Get(path, {{"Host", "evil.example"}, {"Origin", "http://evil.example"}});
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 403) << path;
-    EXPECT_EQ(res->body, ostrand_test::errorPage(403));
-  }
-  auto image = client->Get("/stop", {{"Sec-Fetch-Site", "cross-site"}});
-  ASSERT_TRUE(image);
-  EXPECT_EQ(image->status, 403);
-  EXPECT_TRUE(running->server().isListening());
-}
-
-TEST_F(SecurityTest, CrossSitePlainTextPostLeavesTheModelAlone) {
+// What the guard above refuses is refused by the running server with its
+// error page; the server keeps listening and the model is untouched. The
+// server's own page (same loopback origin) may post.
+TEST_F(SecurityTest, RequestsFromOtherSitesAreRefusedByTheServer) {
   addTdf("Probe/A");
   serve();
   running->server().refreshLive();
-  const json wipe = {{"parameters", {{"name", "LiveTarget/zzz"}, {"traces", json::array()}}}};
-  auto res = client->Post("/tsp/api/experiments", {{"Origin", "http://evil.example"}}, wipe.dump(),
-                          "text/plain");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 403);
-  EXPECT_EQ(experimentNames(), std::vector<std::string>{"A_TDF"});
-  // The server's own page (same loopback origin) may post.
+  const std::string wipe =
+      json{{"parameters", {{"name", "LiveTarget/zzz"}, {"traces", json::array()}}}}.dump();
+  const std::string scan =
+      json{{"parameters", {{"name", "LiveTarget"}, {"traces", json::array()}}}}.dump();
   const std::string own = "http://127.0.0.1:" + std::to_string(running->port());
-  auto mine = postJson("/tsp/api/experiments",
-                       {{"parameters", {{"name", "LiveTarget"}, {"traces", json::array()}}}},
-                       {{"Origin", own}});
-  ASSERT_TRUE(mine);
-  EXPECT_EQ(mine->status, 400);  // served: an unchanged scan opens nothing new
+  const struct {
+    const char* what;
+    const char* path;
+    httplib::Headers headers;
+    std::string body;  // empty: a GET
+    const char* type;
+    int status;
+  } cases[] = {
+      {"foreign host stop", "/stop", {{"Host", "evil.example"}, {"Origin", "http://evil.example"}}, "", "", 403},
+      {"foreign host read", "/tsp/api/health", {{"Host", "evil.example"}}, "", "", 403},
+      {"image stop", "/stop", {{"Sec-Fetch-Site", "cross-site"}}, "", "", 403},
+      {"cross-site plain-text post", "/tsp/api/experiments", {{"Origin", "http://evil.example"}}, wipe,
+       "text/plain", 403},
+      // Served: an unchanged scan opens nothing new.
+      {"own page post", "/tsp/api/experiments", {{"Origin", own}}, scan, "application/json", 400},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto res = c.body.empty() ? client->Get(c.path, c.headers)
+                              : client->Post(c.path, c.headers, c.body, c.type);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, c.status);
+    if (c.status == 403) {
+      EXPECT_EQ(res->body, ostrand_test::errorPage(403));
+    }
+  }
+  EXPECT_TRUE(running->server().isListening());
+  EXPECT_EQ(experimentNames(), std::vector<std::string>{"A_TDF"});
 }
 
 // ---- Files outside the data tree -----------------------------------------
@@ -352,23 +312,23 @@ TEST_F(SecurityTest, SlowClientsDoNotStarveOthers) {
   }
 }
 
-TEST_F(SecurityTest, PipelinedRequestsAreAllAnswered) {
+// Pipelined requests on one connection each get their answer, on both
+// loopback families.
+TEST_F(SecurityTest, RawRequestsOnBothLoopbackFamiliesAreAllAnswered) {
   serve();
-  RawConnection c(running->port());
-  ASSERT_TRUE(c.connected());
-  const std::string get = "GET /tsp/api/health HTTP/1.1\r\nHost: localhost\r\n\r\n";
-  c.send(get + get + "GET /tsp/api/health HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
-  EXPECT_EQ(count(c.readAll(), R"({"status":"UP"})"), 3u);
-}
-
-// ---- Both loopback families --------------------------------------------------
-
-TEST_F(SecurityTest, ServesTheIpv6LoopbackToo) {
-  serve();
-  RawConnection v6(running->port(), true);
-  if (!v6.connected()) GTEST_SKIP() << "no IPv6 loopback on this machine";
-  v6.send("GET /tsp/api/health HTTP/1.1\r\nHost: [::1]\r\nConnection: close\r\n\r\n");
-  EXPECT_EQ(count(v6.readAll(), R"({"status":"UP"})"), 1u);
+  const auto get = [](const std::string& host, const char* more = "") {
+    return "GET /tsp/api/health HTTP/1.1\r\nHost: " + host + "\r\n" + more + "\r\n";
+  };
+  const char* closing = "Connection: close\r\n";
+  for (const auto& [ipv6, requests, answers] :
+       {std::tuple{false, get("localhost") + get("localhost") + get("localhost", closing), 3u},
+        std::tuple{true, get("[::1]", closing), 1u}}) {
+    RawConnection c(running->port(), ipv6);
+    if (ipv6 && !c.connected()) GTEST_SKIP() << "no IPv6 loopback on this machine";
+    ASSERT_TRUE(c.connected());
+    c.send(requests);
+    EXPECT_EQ(count(c.readAll(), R"({"status":"UP"})"), answers) << (ipv6 ? "IPv6" : "IPv4");
+  }
 }
 
 }  // namespace
