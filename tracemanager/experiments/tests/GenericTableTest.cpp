@@ -2,28 +2,17 @@
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.hpp"
-#include "experiments/DataBrokerRouter.hpp"
+#include "ExperimentFixture.hpp"
 #include "experiments/TDFExperiment.hpp"
 
 namespace VSKTspServer {
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
-}
-
 using nlohmann::json;
+using ostrand_test::experimentGolden;
 using ostrand_test::readFile;
-using ostrand_test::TempDir;
 using ostrand_test::writeFile;
-
-TableLinesRequest range(int64_t index, int32_t count) {
-  TableLinesRequest r;
-  r.requested_table_index = index;
-  r.requested_table_count = count;
-  return r;
-}
+const auto range = ostrand_test::tableWindow;
 
 std::vector<std::string> texts(const TableLine& line) {
   std::vector<std::string> out;
@@ -31,27 +20,20 @@ std::vector<std::string> texts(const TableLine& line) {
   return out;
 }
 
-class TdfCapture : public ::testing::Test {
+class TdfCapture : public ostrand_test::CaptureFixture<TDFExperiment> {
  protected:
+  TdfCapture() : CaptureFixture("run_TDF", "TDF") {}
   void SetUp() override {
     writeFile(dir / "metadata", R"({"typeId":"TDF","device":"file/run","dataFile":"tdf_data.json"})");
-    writeFile(dir / "tdf_data.json", readFile(goldenPath("tdf_small.json")));
+    writeFile(dir / "tdf_data.json", readFile(experimentGolden("tdf_small.json")));
   }
-  std::unique_ptr<TDFExperiment> openExperiment() {
-    auto experiment = std::make_unique<TDFExperiment>("run_TDF", &router);
-    experiment->addTrace(VSKTrace("TDF", dir.path(), ""));
-    experiment->open();
-    return experiment;
-  }
-  TempDir dir;
-  DataBrokerRouter router;
 };
 
 TEST_F(TdfCapture, ExportMatchesGoldenFile) {
   auto experiment = openExperiment();
   EXPECT_EQ(experiment->indexingStatus, "COMPLETED");
   ASSERT_EQ(experiment->exportCsv("", ""), 0);
-  EXPECT_EQ(readFile(dir / "Trace.csv"), readFile(goldenPath("tdf_small.csv")));
+  EXPECT_EQ(readFile(dir / "Trace.csv"), readFile(experimentGolden("tdf_small.csv")));
   EXPECT_EQ(experiment->exportCsv("", "Other"), -1);
   EXPECT_EQ(experiment->exportCsv(dir / "named.csv", "Trace"), 0);
   EXPECT_EQ(experiment->exportCsv("", "Trace"), -1);  // a name needs a path

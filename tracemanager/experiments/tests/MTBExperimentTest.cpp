@@ -2,50 +2,36 @@
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.hpp"
-#include "experiments/DataBrokerRouter.hpp"
+#include "ExperimentFixture.hpp"
 
 namespace VSKTspServer {
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
-}
-
 using nlohmann::json;
+using ostrand_test::experimentGolden;
 using ostrand_test::readFile;
-using ostrand_test::TempDir;
+using ostrand_test::tableWindow;
 using ostrand_test::writeFile;
 
-class MtbCapture : public ::testing::Test {
+class MtbCapture : public ostrand_test::CaptureFixture<MTBExperiment> {
  protected:
+  MtbCapture() : CaptureFixture("M4_CoreTrace", "MTB") {}
   void SetUp() override {
     writeFile(dir / "metadata", R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
-    writeFile(dir / "mtb_data.json", readFile(goldenPath("mtb_small.json")));
+    writeFile(dir / "mtb_data.json", readFile(experimentGolden("mtb_small.json")));
   }
-  std::unique_ptr<MTBExperiment> openExperiment() {
-    auto experiment = std::make_unique<MTBExperiment>("M4_CoreTrace", &router);
-    experiment->addTrace(VSKTrace("MTB", dir.path(), ""));
-    experiment->open();
-    return experiment;
+  static TableLinesResponse lines(MTBExperiment& e, int64_t index, int32_t count) {
+    return e.discontinuityTable->getLines(tableWindow(index, count));
   }
-  TableLinesResponse lines(MTBExperiment& e, int64_t index, int32_t count) {
-    TableLinesRequest r;
-    r.requested_table_index = index;
-    r.requested_table_count = count;
-    return e.discontinuityTable->getLines(r);
-  }
-  TempDir dir;
-  DataBrokerRouter router;
 };
 
 TEST_F(MtbCapture, BeforeTheFirstRefreshOneLinePerRunInCaptureOrder) {
   auto experiment = openExperiment();
   ASSERT_EQ(experiment->exportCsv(dir / "before.csv", ""), 0);
-  EXPECT_EQ(readFile(dir / "before.csv"), readFile(goldenPath("mtb_small_before_refresh.csv")));
+  EXPECT_EQ(readFile(dir / "before.csv"), readFile(experimentGolden("mtb_small_before_refresh.csv")));
   // The hidden table is not reversed yet either.
   ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
-  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(goldenPath("mtb_small_before_refresh.csv")));
+  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(experimentGolden("mtb_small_before_refresh.csv")));
 }
 
 TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {
@@ -53,9 +39,9 @@ TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {
   experiment->refresh();
   ASSERT_EQ(experiment->exportCsv("", ""), 0);
   EXPECT_EQ(readFile(dir / "Discontinuity Trace.csv"),
-            readFile(goldenPath("mtb_small_discontinuity.csv")));
+            readFile(experimentGolden("mtb_small_discontinuity.csv")));
   ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
-  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(goldenPath("mtb_small_trace.csv")));
+  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(experimentGolden("mtb_small_trace.csv")));
 
   auto page = lines(*experiment, 4, 200);
   EXPECT_EQ(page.model.size, 6);

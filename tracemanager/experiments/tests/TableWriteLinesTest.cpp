@@ -4,7 +4,7 @@
 // the error to getLines.
 #include <gtest/gtest.h>
 
-#include "TestSupport.hpp"
+#include "ExperimentFixture.hpp"
 #include "experiments/DataBrokerRouter.hpp"
 #include "experiments/GenericTable.hpp"
 #include "experiments/MTBExperiment.hpp"
@@ -14,18 +14,8 @@
 namespace VSKTspServer {
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
-}
-
 using nlohmann::json;
-
-TableLinesRequest range(int64_t index, int32_t count) {
-  TableLinesRequest r;
-  r.requested_table_index = index;
-  r.requested_table_count = count;
-  return r;
-}
+const auto range = ostrand_test::tableWindow;
 
 // writeLines appends to what `out` holds; a decline leaves it as it was.
 bool writes(VSKTableProvider& table, const TableLinesRequest& request, std::string* text) {
@@ -103,7 +93,7 @@ TEST(MtbWriteLines, TheCaptureOfTheGoldenFilesAfterRefresh) {
   ostrand_test::TempDir dir;
   ostrand_test::writeFile(dir / "metadata",
                      R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
-  ostrand_test::writeFile(dir / "mtb_data.json", ostrand_test::readFile(goldenPath("mtb_small.json")));
+  ostrand_test::writeFile(dir / "mtb_data.json", ostrand_test::readFile(ostrand_test::experimentGolden("mtb_small.json")));
   DataBrokerRouter router;
   MTBExperiment experiment("M4_CoreTrace", &router);
   experiment.addTrace(VSKTrace("MTB", dir.path(), ""));
