@@ -56,22 +56,9 @@ void expectSameTextEverywhere(VSKTableProvider& table, int64_t size) {
 
 // Runs and instructions with every kind of value a capture holds: escapes,
 // UTF-8, padding, line numbers of each type, sequence numbers of each type,
-// missing keys and an empty `first`.
+// missing keys and an empty `first` (golden/mtb_mixed.json).
 json mixedMtb() {
-  return json::parse(R"({
-   "data":[
-    {"seq":0,"first":"00000100","last":"00000104","function":"say \"hi\"","file":"a\\b.c","dir":"/src"},
-    {"seq":1,"first":"","function":"caf\u00e9","file":"\u20ac.c","dir":"/t\tab"},
-    {"seq":2},
-    {"first":"00000300","function":"","file":null,"dir":"/\u0001ctl"}],
-   "code":[
-    [{"seq":0,"addr":"00000100","asm":"  movs r0, #1","lno":12,"src":"   x = 1;  "},
-     {"seq":1,"addr":"00000102","asm":"\tbl \"foo\"","lno":"n/a","src":"s = \"\\n\";"},
-     {"seq":18446744073709551615,"addr":"00000104","asm":"nop","lno":null,"src":"\u00e9t\u00e9"}],
-    [{"seq":-7,"addr":"SECURE, BLOCKED","lno":2.5,"src":"  "}],
-    [{"seq":3.9,"asm":"push {r4, lr}","lno":true},
-     {}],
-    [{"seq":-2.5,"addr":"00000300","asm":"bx lr","lno":[1,"x"],"src":"}"}]]})");
+  return json::parse(ostrand_test::readFile(ostrand_test::experimentGolden("mtb_mixed.json")));
 }
 
 TEST(MtbWriteLines, SameBytesAsTheModelForEveryLineAndFlavour) {
@@ -184,16 +171,10 @@ TEST(MtbWriteLines, ADocumentReplacedWithoutSetDataIsNotServedFromOldText) {
   EXPECT_NE(text.find("new"), std::string::npos);
 }
 
-json mixedTdf() {
-  return json::parse(R"({
-   "Columns":[{"name":"Index"},{"name":"Time"},{"name":"Text"}],
-   "Rows":[
-    ["0","10","plain"],
-    ["1",null,"say \"hi\"\\ \t \u0001"],
-    ["2","30"],
-    [],
-    ["4","50","caf\u00e9 \u20ac \ud83d\ude00","beyond the columns"],
-    [null,null,null]]})");
+// Cells with escapes, controls, UTF-8 beyond the basic plane, a null time,
+// short and empty rows, a cell beyond the columns and a row of nulls.
+json mixedTdf() {  // golden/tdf_mixed.json
+  return json::parse(ostrand_test::readFile(ostrand_test::experimentGolden("tdf_mixed.json")));
 }
 
 TEST(GenericWriteLines, SameBytesAsTheModelForEveryLine) {
