@@ -1,5 +1,6 @@
 #include "experiments/DataBrokerRouter.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -62,13 +63,8 @@ TEST(DataBrokerRouter, BadHeadersThrow) {
   DataBrokerRouter router;
   EXPECT_THROW(router.readText(kTopicMtb, "not json"), json::parse_error);
   EXPECT_THROW(router.readText(kTopicFile, ""), json::parse_error);
-  try {
-    router.readText(kTopicFile, R"({"name":"metadata"})");
-    FAIL() << "no exception";
-  } catch (const json::type_error& e) {
-    EXPECT_EQ(e.id, 302);
-    EXPECT_NE(std::string(e.what()).find("type must be string, but is "), std::string::npos);
-  }
+  EXPECT_THAT([&] { router.readText(kTopicFile, R"({"name":"metadata"})"); },
+              testing::ThrowsMessage<json::type_error>(testing::HasSubstr("type_error.302] type must be string, but is ")));
   EXPECT_THROW(router.writeText(kTopicFile, R"({"path":1,"name":"m"})", "x"), json::type_error);
 }
 

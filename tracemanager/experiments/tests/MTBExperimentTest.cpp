@@ -1,5 +1,6 @@
 #include "experiments/MTBExperiment.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ExperimentFixture.hpp"
@@ -65,13 +66,8 @@ TEST_F(MtbCapture, WrongTypesFailTheRequest) {
   writeFile(dir / "mtb_data.json",
             R"({"data":[{"function":"f","file":"x","dir":"d"}],"code":[[{"seq":"7"}]]})");
   experiment->refresh();
-  try {
-    lines(*experiment, 0, 1);
-    FAIL() << "no exception";
-  } catch (const json::type_error& e) {
-    EXPECT_EQ(e.id, 302);
-    EXPECT_NE(std::string(e.what()).find("type must be number, but is "), std::string::npos);
-  }
+  EXPECT_THAT([&] { lines(*experiment, 0, 1); },
+              testing::ThrowsMessage<json::type_error>(testing::HasSubstr("type_error.302] type must be number, but is ")));
   writeFile(dir / "mtb_data.json", R"({"data":[{"first":5}],"code":[[{"seq":1}]]})");
   experiment->refresh();
   EXPECT_THROW(lines(*experiment, 0, 1), json::type_error);
