@@ -1,6 +1,7 @@
 // The state graph over decoded streams: tree ids, spans, arrows, styles.
 #include "wattline/WLStateGraph.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "WLTestStreams.hpp"
@@ -153,13 +154,8 @@ TEST(WLStateGraph, StylesTableAndItsReplacement) {
   EXPECT_EQ(replaced.at("Busy").values.at("color"), "#123456");
 
   Graphed broken(5, kFlat, kRows, {{"OutputStyleModel", {{"styles", json::array()}}}});
-  try {
-    broken.graph->getStyles("");
-    FAIL() << "expected a type error";
-  } catch (const json::type_error& e) {
-    EXPECT_EQ(e.id, 302);
-    EXPECT_NE(std::string(e.what()).find("type must be object, but is array"), std::string::npos);
-  }
+  EXPECT_THAT([&] { broken.graph->getStyles(""); },
+              testing::ThrowsMessage<json::type_error>(testing::HasSubstr("type_error.302] type must be object, but is array")));
 }
 
 }  // namespace
