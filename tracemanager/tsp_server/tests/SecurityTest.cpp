@@ -171,10 +171,12 @@ TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) {
   EXPECT_EQ(experimentNames(), std::vector<std::string>{"A_TDF"}) << "the scan of \"..\" made nothing";
 }
 
-TEST_F(SecurityTest, DataFilesThatLeaveTheCaptureDirectoryAreNotRead) {
+// A hostile tree: metadata naming data files out of the tree, a data file
+// that is a link out of it, and links that loop (each ends its branch, not
+// the scan, which stays bounded). Only the good capture loads.
+TEST_F(SecurityTest, DataFilesOutOfTheTreeAndLinkLoopsAreNotFollowed) {
   CaptureTree::writeFile(tree.root() / "secret.json", VSKTspServer::samples::tdfDocument(7).dump());
-  const fs::path outsideBin = tree.root() / "outside.bin";
-  CaptureTree::writeFile(outsideBin, std::string(64, 'x'));
+  CaptureTree::writeFile(tree.root() / "outside.bin", std::string(64, 'x'));
   addTdf("Probe/Good");
   const std::vector<std::string> escapes = {"../../../../../secret.json",
                                              "../../../../../../../../../../etc/passwd"};
@@ -184,16 +186,8 @@ TEST_F(SecurityTest, DataFilesThatLeaveTheCaptureDirectoryAreNotRead) {
     meta["dataFile"] = escapes[i];
     tree.addLiveCapture(target, "TDF", meta);
   }
-  // A link in a capture directory that points out of the tree.
   auto linked = tree.addLiveCapture("Probe/Linked", "TDF");
   fs::create_symlink(tree.root() / "secret.json", linked / "tdf_data.json");
-  serve();
-  running->server().refreshLive();
-  EXPECT_EQ(experimentNames(), std::vector<std::string>{"Good_TDF"});
-}
-
-TEST_F(SecurityTest, SymbolicLinkLoopsEndTheirBranchNotTheScan) {
-  addTdf("Probe/A");
   fs::create_directories(tree.liveTargets() / "Loop");
   fs::create_directory_symlink(tree.liveTargets() / "Loop", tree.liveTargets() / "Loop" / "again");
   fs::create_directory_symlink(tree.liveTargets(), tree.liveTargets() / "Loop" / "top");
@@ -202,7 +196,7 @@ TEST_F(SecurityTest, SymbolicLinkLoopsEndTheirBranchNotTheScan) {
   const auto start = Clock::now();
   running->server().refreshLive();
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-  EXPECT_EQ(experimentNames(), std::vector<std::string>{"A_TDF"});
+  EXPECT_EQ(experimentNames(), std::vector<std::string>{"Good_TDF"});
 }
 
 // ---- One bad capture hides nothing ------------------------------------------
