@@ -9,8 +9,10 @@
 // the UUID of its first trace, `{N}` for a trace opened by hand under the
 // name N, and `{home}` for the temporary user directory.
 // Answers show the same placeholders in place of the random UUIDs and the
-// directory, and lists of experiments by name. Two more lines act on the capture tree below live-targets:
-// `! remove TARGET/TYPE` and `! capture TARGET TYPE` (a metadata file only).
+// directory, and lists of experiments by name. Lines that start with `!` act
+// on the capture tree below live-targets: `! remove TARGET/TYPE`, `! capture
+// TARGET TYPE` (a metadata file only), `! sample TARGET TDF|MTB` (with a
+// small document) and `! write PATH TEXT` (the rest of the line).
 #pragma once
 
 #include <httplib.h>
@@ -75,10 +77,18 @@ class RouteTranscript {
  private:
   void act(const std::string& line) {
     std::istringstream words(line.substr(1));
-    std::string verb, target, type;
-    words >> verb >> target >> type;
-    if (verb == "remove") std::filesystem::remove_all(tree_.liveTargets() / target);
-    if (verb == "capture") tree_.addLiveCapture(target, type);
+    std::string verb, target, rest;
+    words >> verb >> target;
+    std::getline(words >> std::ws, rest);
+    const auto live = tree_.liveTargets();
+    if (verb == "remove") std::filesystem::remove_all(live / target);
+    if (verb == "capture") tree_.addLiveCapture(target, rest);
+    if (verb == "write") writeFile(live / target, rest);
+    if (verb == "sample") {
+      const auto dir = tree_.addLiveCapture(target, rest);
+      if (rest == "TDF") writeFile(dir / "tdf_data.json", VSKTspServer::samples::tdfDocument(2).dump());
+      if (rest == "MTB") writeFile(dir / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
+    }
   }
 
   // The UUIDs of every experiment and trace seen so far, and the outputs'
@@ -156,8 +166,8 @@ class RouteTranscript {
   std::unique_ptr<httplib::Client> client_;
   CaptureTree& tree_;
   std::map<std::string, std::string> names_;  // UUID or output id -> placeholder name
-  std::map<std::string, std::string> ids_;
-  std::set<std::string> shared_;  // output ids of more than one experiment    // placeholder name -> UUID or output id
+  std::map<std::string, std::string> ids_;    // placeholder name -> UUID or output id
+  std::set<std::string> shared_;              // output ids of more than one experiment
 };
 
 }  // namespace ostrand_test

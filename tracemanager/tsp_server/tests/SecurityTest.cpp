@@ -12,8 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "CaptureTree.hpp"
-#include "ServerFixture.hpp"
+#include "RouteTranscript.hpp"
 #include "tsp_server/RequestGuard.hpp"
 #include "tsp_server/TspApi.hpp"
 
@@ -63,6 +62,13 @@ class SecurityTest : public ::testing::Test {
     }
     std::sort(names.begin(), names.end());
     return names;
+  }
+
+  // Runs golden/<name>.http against a server started now.
+  ::testing::AssertionResult transcript(const std::string& name) {
+    serve();
+    ostrand_test::RouteTranscript transcript(*running, tree);
+    return transcript.run(ostrand_test::sourcePath("tracemanager/tsp_server/tests/golden/" + name));
   }
 
   CaptureTree tree;
@@ -142,34 +148,9 @@ TEST_F(SecurityTest, RequestsFromOtherSitesAreRefusedByTheServer) {
 
 // ---- Files outside the data tree -----------------------------------------
 
-TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) {
-  addTdf("Probe/A");
-  // A capture just outside the tree, reachable by "..".
-  const fs::path outside = tree.root() / "outside" / "TDF";
-  CaptureTree::writeFile(outside / "metadata", VSKTspServer::samples::defaultMetadata("X/Out", "TDF").dump());
-  CaptureTree::writeFile(outside / "tdf_data.json", VSKTspServer::samples::tdfDocument(1).dump());
-  serve();
-  const std::vector<std::string> uris = {outside.string(),
-                                         (tree.liveTargets() / "../../../outside/TDF").string(),
-                                         "LiveTarget/../../../outside", ""};
-  for (const auto& uri : uris) {
-    auto res = postJson("/tsp/api/traces", {{"parameters", {{"uri", uri}, {"name", "x"}}}});
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 400) << uri;
-    EXPECT_TRUE(res->get_header_value("EXCEPTION_WHAT").empty()) << uri;
-  }
-  auto scan = postJson("/tsp/api/experiments",
-                       {{"parameters", {{"name", "LiveTarget/../../../outside"}, {"traces", json::array()}}}});
-  ASSERT_TRUE(scan);
-  EXPECT_EQ(scan->status, 400);
-  // The bare word scans the whole live tree instead of failing.
-  auto whole = postJson("/tsp/api/traces", {{"parameters", {{"uri", "LiveTarget"}}}});
-  ASSERT_TRUE(whole);
-  EXPECT_EQ(whole->status, 200);
-  EXPECT_EQ(json::parse(whole->body)["name"], "TDF");
-  ASSERT_TRUE(rescan());
-  EXPECT_EQ(experimentNames(), std::vector<std::string>{"A_TDF"}) << "the scan of \"..\" made nothing";
-}
+// golden/security-paths.http: paths out of the tree are refused, a scan of
+// ".." makes nothing.
+TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) { EXPECT_TRUE(transcript("security-paths")); }
 
 // A hostile tree: metadata naming data files out of the tree, a data file
 // that is a link out of it, and links that loop (each ends its branch, not
@@ -201,45 +182,12 @@ TEST_F(SecurityTest, DataFilesOutOfTheTreeAndLinkLoopsAreNotFollowed) {
 
 // ---- One bad capture hides nothing ------------------------------------------
 
+// golden/security-captures.http: broken captures hide no other one, and a
+// repair is picked up by the next scan.
 TEST_F(SecurityTest, EachCaptureLoadsOrFailsOnItsOwnAndARepairIsPickedUp) {
-  addTdf("Probe/Good1");
-  addTdf("Probe/Good2");
-  auto mtb = tree.addLiveCapture("Probe/Good3", "MTB");
-  CaptureTree::writeFile(mtb / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
-  const std::string good = VSKTspServer::samples::defaultMetadata("Probe/Broken", "TDF").dump();
-  CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/metadata", good.substr(0, 20));
+  // Bytes no line of a transcript holds.
   CaptureTree::writeFile(tree.liveTargets() / "Probe/Garbage/TDF/metadata", "\x01\xff garbage");
-  tree.addLiveCapture("Probe/NumberType", "TDF", {{"typeId", 7}, {"device", "Probe/NumberType"}});
-  tree.addLiveCapture("Probe/Unknown", "TDF", {{"typeId", "BOGUS"}, {"device", "Probe/Unknown"}});
-  tree.addLiveCapture("Probe/NoDevice", "TDF", {{"typeId", "TDF"}});
-  auto truncated = tree.addLiveCapture("Probe/Truncated", "MTB");
-  CaptureTree::writeFile(truncated / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump().substr(0, 30));
-  serve();
-  running->server().refreshLive();
-  EXPECT_EQ(experimentNames(),
-            (std::vector<std::string>{"Good1_TDF", "Good2_TDF", "Good3_CoreTrace"}));
-  // A capture with a name and a kind whose data does not load is listed as a
-  // failed load, with no outputs; the others are only in the log.
-  ASSERT_EQ(experimentNames("RUNNING"), std::vector<std::string>{"Truncated_CoreTrace"});
-  for (const auto& e : json::parse(client->Get("/tsp/api/experiments")->body)) {
-    if (e["indexingStatus"] != "RUNNING") continue;
-    auto outputs = client->Get("/tsp/api/experiments/" + e["UUID"].get<std::string>() + "/outputs");
-    ASSERT_TRUE(outputs);
-    EXPECT_EQ(outputs->status, 200);
-    EXPECT_EQ(json::parse(outputs->body), json::array());
-  }
-
-  // Repaired on disk: the next scan brings both back, and answers with one.
-  CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/metadata", good);
-  CaptureTree::writeFile(tree.liveTargets() / "Probe/Broken/TDF/tdf_data.json",
-                         VSKTspServer::samples::tdfDocument(2).dump());
-  CaptureTree::writeFile(truncated / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
-  auto res = rescan();
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 200);
-  EXPECT_EQ(experimentNames(), (std::vector<std::string>{"Broken_TDF", "Good1_TDF", "Good2_TDF",
-                                                         "Good3_CoreTrace", "Truncated_CoreTrace"}));
-  EXPECT_TRUE(experimentNames("RUNNING").empty());
+  EXPECT_TRUE(transcript("security-captures"));
 }
 
 // ---- Bounded cost per request ---------------------------------------------
