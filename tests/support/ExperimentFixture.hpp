@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "TestSupport.hpp"
@@ -41,6 +43,36 @@ class CaptureFixture : public ::testing::Test {
     experiment->addTrace(VSKTspServer::VSKTrace(traceType_, dir.path(), ""));
     experiment->open();
     return experiment;
+  }
+
+  // Each line of golden/<name>.txt (but `#` comments) written in turn as
+  // the data file `file`, then a refresh of `experiment`, its status and
+  // what `answer` gives: the results, or the errors thrown, against
+  // golden/<name>.expected.
+  ::testing::AssertionResult afterEachDocument(Experiment& experiment, const std::string& file,
+                                               const std::string& name,
+                                               const std::function<std::string()>& answer) {
+    std::istringstream documents(readFile(experimentGolden(name + ".txt")));
+    std::string listing;
+    const auto attempt = [&](const char* what, const std::function<std::string()>& step) {
+      try {
+        listing += std::string(what) + ": " + step() + "\n";
+      } catch (const std::exception& e) {
+        listing += std::string(what) + " threw: " + e.what() + "\n";
+      }
+    };
+    for (std::string line; std::getline(documents, line);) {
+      if (line.empty() || line[0] == '#') continue;
+      writeFile(dir / file, line);
+      listing += "> " + line + "\n";
+      attempt("refresh", [&] {
+        experiment.refresh();
+        return std::string("done");
+      });
+      listing += "status: " + experiment.indexingStatus + "\n";
+      attempt("answer", answer);
+    }
+    return matchesGolden(listing, experimentGolden(name + ".expected"));
   }
 
   TempDir dir;
