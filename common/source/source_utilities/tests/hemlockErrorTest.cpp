@@ -64,12 +64,3 @@ TEST(hemlockErrorTest, CopyAndAssignmentCarryEverything) {
   EXPECT_STREQ(target.GetErrorText(), "text");
   EXPECT_STREQ(target.GetDetailedText(), "d1");
 }
-
-TEST(hemlockErrorTest, ThrownAndCaughtThroughTheInterface) {
-  try {
-    throw hemlockError("probe gone", Severity(4));
-  } catch (Qx::Nlv::Hemlock::hemlockErrorIF& caught) {
-    EXPECT_STREQ(caught.GetErrorText(), "probe gone");
-    caught.Delete();
-  }
-}
