@@ -80,7 +80,6 @@ TEST(VSKTraceMetadata, TypeComesFromTheFile) {
   ostrand_test::writeFile(dir / "metadata", R"({"typeId":"ETB","device":"P/M4"})");
   VSKTrace trace("ETB", dir.path(), "");
   EXPECT_EQ(trace.type, "ETB");
-  EXPECT_EQ(trace.path, dir.path());
   EXPECT_EQ(trace.UUID.size(), 36u);
   EXPECT_EQ(dataFileName(trace, "etb_data.json"), "etb_data.json");
 
