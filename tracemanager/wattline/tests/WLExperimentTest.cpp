@@ -74,8 +74,6 @@ TEST_F(WLExperimentTest, OutputsOfPlainAndStateStreams) {
   auto plain = openExperiment();
   auto names = outputNames(*plain);
   EXPECT_EQ(names.size(), 3u);
-  EXPECT_EQ(names.at("Current"),
-            "org.eclipse.tracecompass.internal.tmf.core.histogram.HistogramDataProvider");
   EXPECT_EQ(names.count("States"), 0u);
   EXPECT_EQ(plain->dataNode->recordType, 8u);
 
