@@ -29,14 +29,6 @@ std::vector<uint8_t> stateStream(int records) {
   return s.bytes();
 }
 
-const json kJState = {
-    {"name", "board"},
-    {"version", 5},
-    {"bitFields",
-     {{{"Name", "PM"}, {"Start", 0}, {"End", 0},
-       {"Enums", {{{"Choice", "Run"}, {"Description", "d"}, {"Value", 0}},
-                  {{"Choice", "Nap"}, {"Description", "d"}, {"Value", 1}}}}}}}};
-
 class WLExperimentTest : public ostrand_test::CaptureFixture<WLExperiment> {
  protected:
   WLExperimentTest() : CaptureFixture("Board_WL", "Wattline") {}
@@ -78,7 +70,8 @@ TEST_F(WLExperimentTest, OutputsOfPlainAndStateStreams) {
   EXPECT_EQ(plain->dataNode->recordType, 8u);
 
   dir.write("WLData.bin", stateStream(6));
-  dir.writeText("metadataSup.json", json{{"JState", kJState}}.dump());
+  // Mode PM on bit 0 of word 0: Run (0) or Nap (1).
+  dir.writeText("metadataSup.json", ostrand_test::readFile(wltest::sourceFile("run-nap-metadataSup.json")));
   auto states = openExperiment();
   ASSERT_EQ(outputNames(*states).count("States"), 1u);
   ASSERT_NE(states->dataNode->dsr, nullptr);

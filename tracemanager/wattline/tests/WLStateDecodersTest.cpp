@@ -78,8 +78,7 @@ void listEvaluation(std::ostream& out, const Base& d) {
 // of every case is compared with golden/state-decoders.expected; errors are
 // listed with their text.
 TEST(StateDecoders, ListingsOfTheDescriptionsAndTheirEvaluation) {
-  const json cases = json::parse(ostrand_test::readFile(
-      ostrand_test::sourcePath("tracemanager/wattline/tests/golden/state-decoders.json")));
+  const json cases = json::parse(ostrand_test::readFile(wltest::sourceFile("state-decoders.json")));
   std::ostringstream out;
   for (const json& c : cases) {
     out << "== " << c["case"].get<std::string>() << "\n";
@@ -136,8 +135,7 @@ TEST(StateDecoders, ListingsOfTheDescriptionsAndTheirEvaluation) {
     node.evaluateStates();
     listEvaluation(out, *node.dsr);
   }
-  EXPECT_TRUE(ostrand_test::matchesGolden(
-      out.str(), ostrand_test::sourcePath("tracemanager/wattline/tests/golden/state-decoders.expected")));
+  EXPECT_TRUE(ostrand_test::matchesGolden(out.str(), wltest::sourceFile("state-decoders.expected")));
 }
 
 }  // namespace

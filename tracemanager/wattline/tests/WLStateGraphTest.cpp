@@ -117,8 +117,7 @@ TEST(WLStateGraph, TreeSpansAndArrowsMatchTheGoldenListing) {
     EXPECT_EQ(json(g.graph->getStates(all, {})).dump(), json(states).dump()) << c.name;
     lines("arrows", "", g.graph->getArrows({0, 0, 0}).model);
   }
-  EXPECT_TRUE(ostrand_test::matchesGolden(
-      text, ostrand_test::sourcePath("tracemanager/wattline/tests/golden/state-graph.expected")));
+  EXPECT_TRUE(ostrand_test::matchesGolden(text, wltest::sourceFile("state-graph.expected")));
 }
 
 TEST(WLStateGraph, EmptyAnswersBeforeTheTreeAndForEmptyRanges) {
