@@ -105,14 +105,16 @@ TEST(MtbWriteLines, EmptyAndMissingDocumentsAnswerAnEmptyTable) {
   EXPECT_EQ(out, writeTableLinesResponse(none.getLines(range(5, 200))));
 }
 
+// A document with one value made bad.
+struct Spoiled {
+  const char* name;
+  void (*spoil)(json&);
+};
+
 // One bad value in a large table: the lines around it are still written,
 // a range that holds it is declined and getLines reports the error.
 TEST(MtbWriteLines, DeclinesOnlyTheRangesThatHoldABadLine) {
-  struct Case {
-    const char* name;
-    void (*spoil)(json&);
-  };
-  const Case cases[] = {
+  const Spoiled cases[] = {
       {"seq of type string", [](json& d) { d["code"][2][0]["seq"] = "3"; }},
       {"src of type number", [](json& d) { d["code"][2][0]["src"] = 4; }},
       {"asm not UTF-8", [](json& d) { d["code"][2][0]["asm"] = "\xff"; }},
@@ -185,11 +187,7 @@ TEST(GenericWriteLines, SameBytesAsTheModelForEveryLine) {
 }
 
 TEST(GenericWriteLines, DeclinesRangesWithABadRowOrCell) {
-  struct Case {
-    const char* name;
-    void (*spoil)(json&);
-  };
-  const Case cases[] = {
+  const Spoiled cases[] = {
       {"number cell", [](json& d) { d["Rows"][2][1] = 30; }},
       {"row not an array", [](json& d) { d["Rows"][2] = "row"; }},
       {"cell not UTF-8", [](json& d) { d["Rows"][2][0] = "\xfe"; }},
