@@ -68,7 +68,8 @@ TEST(DataBrokerRouter, BadHeadersThrow) {
   EXPECT_THROW(router.readText(kTopicMtb, "not json"), json::parse_error);
   EXPECT_THROW(router.readText(kTopicFile, ""), json::parse_error);
   EXPECT_THAT([&] { router.readText(kTopicFile, R"({"name":"metadata"})"); },
-              testing::ThrowsMessage<json::type_error>(testing::HasSubstr("type_error.302] type must be string, but is ")));
+              testing::ThrowsMessage<json::type_error>(
+                  testing::HasSubstr("type_error.302] type must be string, but is ")));
   EXPECT_THROW(router.writeText(kTopicFile, R"({"path":1,"name":"m"})", "x"), json::type_error);
 }
 

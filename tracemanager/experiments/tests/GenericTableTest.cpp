@@ -43,9 +43,10 @@ TEST_F(TdfCapture, RangesClampToTheTable) {
   GenericTable& table = *experiment->table;
   auto page = table.getLines(range(2, 100));
   ASSERT_EQ(page.model.lines.size(), 2u);
-  EXPECT_EQ(json(page.model.lines[0]).dump(),
-            R"({"cells":[{"content":"20","tags":0},{"content":"short","tags":0},{"content":"","tags":0}],)"
-            R"("index":2,"tags":0})");
+  EXPECT_EQ(
+      json(page.model.lines[0]).dump(),
+      R"({"cells":[{"content":"20","tags":0},{"content":"short","tags":0},{"content":"","tags":0}],)"
+      R"("index":2,"tags":0})");
   EXPECT_EQ(page.model.columnIds, (std::vector<int64_t>{0, 1, 2}));
   const struct {
     TableLinesRequest request;
@@ -58,7 +59,8 @@ TEST_F(TdfCapture, RangesClampToTheTable) {
                {range(INT64_MAX - 1, 0x7fffffff), 4, 0}};
   for (const auto& c : cases) {
     const auto answer = table.getLines(c.request);
-    SCOPED_TRACE(testing::Message() << c.request.requested_table_index << " +" << c.request.requested_table_count);
+    SCOPED_TRACE(testing::Message()
+                 << c.request.requested_table_index << " +" << c.request.requested_table_count);
     EXPECT_EQ(answer.model.size, 4);
     EXPECT_EQ(answer.model.lowIndex, c.lowIndex);
     EXPECT_EQ(answer.model.lines.size(), c.lines);

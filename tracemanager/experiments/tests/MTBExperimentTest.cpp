@@ -29,10 +29,12 @@ class MtbCapture : public ostrand_test::CaptureFixture<MTBExperiment> {
 TEST_F(MtbCapture, BeforeTheFirstRefreshOneLinePerRunInCaptureOrder) {
   auto experiment = openExperiment();
   ASSERT_EQ(experiment->exportCsv(dir / "before.csv", ""), 0);
-  EXPECT_EQ(readFile(dir / "before.csv"), readFile(experimentGolden("mtb_small_before_refresh.csv")));
+  EXPECT_EQ(readFile(dir / "before.csv"),
+            readFile(experimentGolden("mtb_small_before_refresh.csv")));
   // The hidden table is not reversed yet either.
   ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
-  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(experimentGolden("mtb_small_before_refresh.csv")));
+  EXPECT_EQ(readFile(dir / "trace.csv"),
+            readFile(experimentGolden("mtb_small_before_refresh.csv")));
 }
 
 TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {

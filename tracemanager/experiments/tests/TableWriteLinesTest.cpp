@@ -80,7 +80,8 @@ TEST(MtbWriteLines, TheCaptureOfTheGoldenFilesAfterRefresh) {
   ostrand_test::TempDir dir;
   ostrand_test::writeFile(dir / "metadata",
                      R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
-  ostrand_test::writeFile(dir / "mtb_data.json", ostrand_test::readFile(ostrand_test::experimentGolden("mtb_small.json")));
+  ostrand_test::writeFile(dir / "mtb_data.json",
+                          ostrand_test::readFile(ostrand_test::experimentGolden("mtb_small.json")));
   DataBrokerRouter router;
   MTBExperiment experiment("M4_CoreTrace", &router);
   experiment.addTrace(VSKTrace("MTB", dir.path(), ""));

@@ -62,8 +62,10 @@ int main(int argc, char** argv) {
   try {
     namespace samples = VSKTspServer::samples;
     ::setenv("USERPROFILE", data.c_str(), 1);
-    const std::string etbDir = samples::captureDirectory(data, "live-targets", "Probe/Cortex_M3_2", "ETB");
-    std::ofstream(etbDir + "/metadata") << samples::defaultMetadata("Probe/Cortex_M3_2", "ETB").dump();
+    const std::string etbDir =
+        samples::captureDirectory(data, "live-targets", "Probe/Cortex_M3_2", "ETB");
+    std::ofstream(etbDir + "/metadata")
+        << samples::defaultMetadata("Probe/Cortex_M3_2", "ETB").dump();
 
     VSKTspServer::registerWattlineKinds(VSKTspServer::registerExperimentKind);
     ostrand_test::RunningServer running(port);  // terminated and joined when it goes

@@ -50,10 +50,18 @@ TEST(ModelManagerTest, ScanOfOneOddCapture) {
     size_t traces;
     std::vector<std::string> experiments;
   } cases[] = {
-      {"a device without a slash takes the scan root as stem", "M0", "MTB",
-       {{"typeId", "MTB"}, {"device", "M0"}}, 1, {"_CoreTrace"}},
-      {"metadata without a device keeps its trace but makes no experiment", "Probe/M4", "MTB",
-       {{"typeId", "MTB"}}, 1, {}},
+      {"a device without a slash takes the scan root as stem",
+       "M0",
+       "MTB",
+       {{"typeId", "MTB"}, {"device", "M0"}},
+       1,
+       {"_CoreTrace"}},
+      {"metadata without a device keeps its trace but makes no experiment",
+       "Probe/M4",
+       "MTB",
+       {{"typeId", "MTB"}},
+       1,
+       {}},
       {"unreadable metadata adds no trace", "Probe/M4", "MTB", "", 0, {}},
       {"an unknown kind makes no experiment", "Probe/M4", "NOPE", nullptr, 1, {}},
   };

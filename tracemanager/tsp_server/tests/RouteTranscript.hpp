@@ -99,8 +99,10 @@ class RouteTranscript {
     if (verb == "write") writeFile(live / target, rest);
     if (verb == "sample") {
       const auto dir = tree_.addLiveCapture(target, rest);
-      if (rest == "TDF") writeFile(dir / "tdf_data.json", VSKTspServer::samples::tdfDocument(2).dump());
-      if (rest == "MTB") writeFile(dir / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
+      if (rest == "TDF")
+        writeFile(dir / "tdf_data.json", VSKTspServer::samples::tdfDocument(2).dump());
+      if (rest == "MTB")
+        writeFile(dir / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
     }
   }
 

@@ -73,9 +73,10 @@ class SecurityTest : public ::testing::Test {
 // Each line of golden/request-guard.txt: what the guard decides for a
 // request with the given method, path and headers.
 TEST(RequestGuardTest, JudgesHostOriginRefererAndFetchSite) {
-  const std::map<std::string, RequestVerdict> verdicts = {{"allow", RequestVerdict::kAllow},
-                                                          {"foreign-host", RequestVerdict::kForeignHost},
-                                                          {"foreign-origin", RequestVerdict::kForeignOrigin}};
+  const std::map<std::string, RequestVerdict> verdicts = {
+      {"allow", RequestVerdict::kAllow},
+      {"foreign-host", RequestVerdict::kForeignHost},
+      {"foreign-origin", RequestVerdict::kForeignOrigin}};
   std::istringstream lines(ostrand_test::readFile(
       ostrand_test::sourcePath("tracemanager/tsp_server/tests/golden/request-guard.txt")));
   int cases = 0;
@@ -99,13 +100,17 @@ TEST(RequestGuardTest, JudgesHostOriginRefererAndFetchSite) {
 // golden/security-sites.http: what the guard refuses is refused by the
 // running server with its error page, and the model is left alone; the
 // server's own page may post.
-TEST_F(SecurityTest, RequestsFromOtherSitesAreRefusedByTheServer) { EXPECT_TRUE(transcript("security-sites")); }
+TEST_F(SecurityTest, RequestsFromOtherSitesAreRefusedByTheServer) {
+  EXPECT_TRUE(transcript("security-sites"));
+}
 
 // ---- Files outside the data tree -----------------------------------------
 
 // golden/security-paths.http: paths out of the tree are refused, a scan of
 // ".." makes nothing.
-TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) { EXPECT_TRUE(transcript("security-paths")); }
+TEST_F(SecurityTest, NoPathOutsideTheDataTreeIsOpened) {
+  EXPECT_TRUE(transcript("security-paths"));
+}
 
 // A hostile tree: metadata naming data files out of the tree, a data file
 // that is a link out of it, and links that loop (each ends its branch, not
@@ -164,7 +169,8 @@ TEST_F(SecurityTest, HugeOrOverflowingTableRangesAreCutNotBuilt) {
   } cases[] = {
       {R"({"parameters":{"requested_table_index":0,"requested_table_count":1000000000}})", 200,
        static_cast<size_t>(TspApi::kMaxTableLines)},
-      {R"({"parameters":{"requested_table_index":18446744073709551616,"requested_table_count":5}})", 200, 0},
+      {R"({"parameters":{"requested_table_index":18446744073709551616,"requested_table_count":5}})",
+       200, 0},
       {std::string(2 << 20, ' '), 413, 0},
   };
   for (const auto& c : cases) {

@@ -160,7 +160,8 @@ TEST(TspServerTest, ViewerFilesAreServedBesideUnchangedProtocolRoutes) {
     ostrand_test::writeFile(tree.root() / "secret.txt", "not for the web");
     RunningServer running(freeLoopbackPort(), (tree.root() / name).string());
     ostrand_test::RouteTranscript transcript(running, tree);
-    EXPECT_TRUE(transcript.run(ostrand_test::sourcePath("tracemanager/tsp_server/tests/golden/") + name));
+    EXPECT_TRUE(
+        transcript.run(ostrand_test::sourcePath("tracemanager/tsp_server/tests/golden/") + name));
   }
 }
 

@@ -119,11 +119,12 @@ std::string statsText(const WLDataNode& n) {
     return std::string(text);
   };
   const auto figures = [&](const char* name, const ValueStats& v) {
-    return std::string(name) + " " + std::to_string(v.count) + " [" + num(v.min) + ", " + num(v.max) +
-           "] mean " + num(v.mean);
+    return std::string(name) + " " + std::to_string(v.count) + " [" + num(v.min) + ", " +
+           num(v.max) + "] mean " + num(v.mean);
   };
   return figures("power", n.powerStats) + " | " + figures("current", n.currentStats) + " | " +
-         figures("voltage", n.voltageStats) + " | " + fixed12(n.duration) + " s " + num(n.energyUsed) + " mJ";
+         figures("voltage", n.voltageStats) + " | " + fixed12(n.duration) + " s " +
+         num(n.energyUsed) + " mJ";
 }
 
 // Statistics over ranges of five records, in the order asked (the answer
@@ -133,9 +134,9 @@ std::string statsText(const WLDataNode& n) {
 // power, but energyUsed is the plain difference of the counter.
 TEST(WLDataNodeStats, PowerCurrentVoltageEnergyOverRanges) {
   StreamBuilder s(0x08, 0);
-  s.add({1000000, {}, 1000000, 3000, 100})       // 1 mA, 3.0 V
-      .add({1001000, {}, 3000000, 3300, 600})    // +500 in 1 ms: 50 mW
-      .add({1003000, {}, 2000000, 3000, 1600})   // +1000 in 2 ms: 50 mW
+  s.add({1000000, {}, 1000000, 3000, 100})      // 1 mA, 3.0 V
+      .add({1001000, {}, 3000000, 3300, 600})   // +500 in 1 ms: 50 mW
+      .add({1003000, {}, 2000000, 3000, 1600})  // +1000 in 2 ms: 50 mW
       .add({1004000, {}, 2000000, 2700, 0xFFFFFFF0})
       .add({1005000, {}, 4000000, 3000, 0x10});  // +0x20 in 1 ms: 3.2 mW
   WLDataNode node;
@@ -146,16 +147,20 @@ TEST(WLDataNodeStats, PowerCurrentVoltageEnergyOverRanges) {
     uint64_t first, last;
     const char* expected;
   } cases[] = {
-      {0, 3, "power 2 [50, 50] mean 50 | current 3 [1, 3] mean 2 | "
-             "voltage 3 [3, 3.3] mean 3.1 | 0.003000000000 s 0.15 mJ"},
-      {3, 5, "power 1 [3.2, 3.2] mean 3.2 | current 2 [2, 4] mean 3 | "
-             "voltage 2 [2.7, 3] mean 2.85 | 0.001000000000 s -429496.7264 mJ"},
+      {0, 3,
+       "power 2 [50, 50] mean 50 | current 3 [1, 3] mean 2 | "
+       "voltage 3 [3, 3.3] mean 3.1 | 0.003000000000 s 0.15 mJ"},
+      {3, 5,
+       "power 1 [3.2, 3.2] mean 3.2 | current 2 [2, 4] mean 3 | "
+       "voltage 2 [2.7, 3] mean 2.85 | 0.001000000000 s -429496.7264 mJ"},
       // Samples: 50, 50, (0xFFFFFFF0 - 1600) / 1e4 / 0.001, 3.2 mW.
-      {0, 5, "power 4 [3.2, 429496568] mean 107374167.8 | current 5 [1, 4] mean 2.4 | "
-             "voltage 5 [2.7, 3.3] mean 3 | 0.005000000000 s -0.0084 mJ"},
+      {0, 5,
+       "power 4 [3.2, 429496568] mean 107374167.8 | current 5 [1, 4] mean 2.4 | "
+       "voltage 5 [2.7, 3.3] mean 3 | 0.005000000000 s -0.0084 mJ"},
       // Fewer than two records leave zero.
-      {2, 3, "power 0 [0, 0] mean 0 | current 0 [0, 0] mean 0 | "
-             "voltage 0 [0, 0] mean 0 | 0.000000000000 s 0 mJ"},
+      {2, 3,
+       "power 0 [0, 0] mean 0 | current 0 [0, 0] mean 0 | "
+       "voltage 0 [0, 0] mean 0 | 0.000000000000 s 0 mJ"},
   };
   for (const auto& c : cases) {
     node.computeStats(c.first, c.last);

@@ -71,7 +71,8 @@ TEST_F(WLExperimentTest, OutputsOfPlainAndStateStreams) {
 
   dir.write("WLData.bin", stateStream(6));
   // Mode PM on bit 0 of word 0: Run (0) or Nap (1).
-  dir.writeText("metadataSup.json", ostrand_test::readFile(wltest::sourceFile("run-nap-metadataSup.json")));
+  dir.writeText("metadataSup.json",
+                ostrand_test::readFile(wltest::sourceFile("run-nap-metadataSup.json")));
   auto states = openExperiment();
   ASSERT_EQ(outputNames(*states).count("States"), 1u);
   ASSERT_NE(states->dataNode->dsr, nullptr);

@@ -85,7 +85,8 @@ TEST(StateDecoders, ListingsOfTheDescriptionsAndTheirEvaluation) {
     if (c.contains("holds")) {  // [word, mask, shift, value] over the row [0xF0, 0x12345678]
       const uint32_t row[] = {0x000000F0, 0x12345678};
       for (const auto& h : c["holds"]) {
-        const StateCondition condition{h[0].get<int>(), h[1].get<uint32_t>(), h[2].get<int>(), h[3].get<uint32_t>()};
+        const StateCondition condition{h[0].get<int>(), h[1].get<uint32_t>(), h[2].get<int>(),
+                                       h[3].get<uint32_t>()};
         out << h.dump() << (condition.holds(row) ? " holds" : " does not hold") << "\n";
       }
       continue;
@@ -93,8 +94,9 @@ TEST(StateDecoders, ListingsOfTheDescriptionsAndTheirEvaluation) {
     if (c.contains("addField")) {  // [name, start, end, value, label]: the count added
       std::vector<StateField> fields;
       for (const auto& a : c["addField"]) {
-        out << "added " << Base::addField(a[0].get<std::string>(), a[1].get<int>(), a[2].get<int>(), fields,
-                                          a[3].get<uint32_t>(), a[4].get<std::string>())
+        out << "added "
+            << Base::addField(a[0].get<std::string>(), a[1].get<int>(), a[2].get<int>(), fields,
+                              a[3].get<uint32_t>(), a[4].get<std::string>())
             << "\n";
       }
       listFields(out, "fields", fields);
@@ -135,7 +137,8 @@ TEST(StateDecoders, ListingsOfTheDescriptionsAndTheirEvaluation) {
     node.evaluateStates();
     listEvaluation(out, *node.dsr);
   }
-  EXPECT_TRUE(ostrand_test::matchesGolden(out.str(), wltest::sourceFile("state-decoders.expected")));
+  EXPECT_TRUE(
+      ostrand_test::matchesGolden(out.str(), wltest::sourceFile("state-decoders.expected")));
 }
 
 }  // namespace

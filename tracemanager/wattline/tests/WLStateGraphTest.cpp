@@ -92,15 +92,18 @@ TEST(StateTree, NamesWithThousandsOfDotsStayShallow) {
 // prefix (CPU, RF) under an intermediate id, each group's arrows starting
 // from -1, and span styles named by the leaf, never by the dotted name.
 TEST(WLStateGraph, TreeSpansAndArrowsMatchTheGoldenListing) {
-  const json v4 = {{{"Name", "PWRSTATE0"}, {"Start", 0}, {"End", 1}},
-                   {{"Name", "PWRSTATE1"}, {"Description", "RF%LPRF_PM"}, {"Start", 4}, {"End", 7}}};
+  const json v4 = {
+      {{"Name", "PWRSTATE0"}, {"Start", 0}, {"End", 1}},
+      {{"Name", "PWRSTATE1"}, {"Description", "RF%LPRF_PM"}, {"Start", 4}, {"End", 7}}};
   const struct {
     const char* name;
     int version;
     json bitFields;
     std::vector<std::pair<uint32_t, uint32_t>> rows;
   } cases[] = {{"flat modes and a timer", 5, kFlat, kRows},
-               {"version 4 groups: CPU Active, Sleep, Active; RF Off, Rx", 4, v4,
+               {"version 4 groups: CPU Active, Sleep, Active; RF Off, Rx",
+                4,
+                v4,
                 {{0x00, 0}, {0x02, 0}, {0xE0, 0}}}};
   std::string text;
   const auto lines = [&](const char* title, const std::string& status, const auto& items) {
@@ -149,7 +152,8 @@ TEST(WLStateGraph, StylesTableAndItsReplacement) {
 
   Graphed broken(5, kFlat, kRows, {{"OutputStyleModel", {{"styles", json::array()}}}});
   EXPECT_THAT([&] { broken.graph->getStyles(""); },
-              testing::ThrowsMessage<json::type_error>(testing::HasSubstr("type_error.302] type must be object, but is array")));
+              testing::ThrowsMessage<json::type_error>(
+                  testing::HasSubstr("type_error.302] type must be object, but is array")));
 }
 
 }  // namespace

@@ -118,7 +118,9 @@ bool decodeFails(WLDataNode& node) {
 }
 
 // A count and three doubles: no padding, so the bytes are the figures.
-bool sameBits(const ValueStats& a, const ValueStats& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool sameBits(const ValueStats& a, const ValueStats& b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
 
 // The statistics of a file's mapping (the first two ranges come from the
 // pass of decode) and of owned columns agree to the bit.

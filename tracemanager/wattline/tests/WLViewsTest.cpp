@@ -54,7 +54,8 @@ TEST(WLTable, RangesAndPlainStreams) {
   EXPECT_EQ(table.getColumns("").model.size(), 4u);
 
   // Nothing asked, the last two lines, past the end.
-  for (auto [index, count, lines] : {std::tuple{2, 0, 0u}, std::tuple{8, 200, 2u}, std::tuple{50, 5, 0u}}) {
+  for (auto [index, count, lines] :
+       {std::tuple{2, 0, 0u}, std::tuple{8, 200, 2u}, std::tuple{50, 5, 0u}}) {
     auto page = table.getLines(linesRequest(index, count)).model;
     ASSERT_EQ(page.lines.size(), lines) << index;
     EXPECT_EQ(page.size, 10);

@@ -66,7 +66,8 @@ TEST_F(LoggerTest, LevelsAndWhatEachWritesMatchTheGoldenListing) {
     Logger::instance().resetForTesting();
   }
   EXPECT_TRUE(ostrand_test::matchesGolden(
-      listing, ostrand_test::sourcePath("common/source/source_utilities/tests/golden/logger-levels.expected")));
+      listing, ostrand_test::sourcePath(
+                   "common/source/source_utilities/tests/golden/logger-levels.expected")));
 }
 
 TEST_F(LoggerTest, NamedModeReusesAndSelectsInstances) {

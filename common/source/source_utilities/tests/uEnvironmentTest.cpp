@@ -17,10 +17,11 @@ using ::testing::ThrowsMessage;
 using namespace QX_NLV;
 
 TEST(JoinPathTest, NormalisesSeparators) {
-  for (auto [base, tail, joined] : {std::tuple<std::string, const char*, const char*>{"", "a\\\\b//c", "a/b/c"},
-                                    {"a\\", "b/c", "a/b/c"},
-                                    {"/home/u", ".QX-trace", "/home/u/.QX-trace"},
-                                    {"/x/", "/y", "/x/y"}}) {
+  for (auto [base, tail, joined] :
+       {std::tuple<std::string, const char*, const char*>{"", "a\\\\b//c", "a/b/c"},
+        {"a\\", "b/c", "a/b/c"},
+        {"/home/u", ".QX-trace", "/home/u/.QX-trace"},
+        {"/x/", "/y", "/x/y"}}) {
     EXPECT_EQ(joinPath(base, tail), joined) << base << " + " << tail;
   }
 }
@@ -66,7 +67,8 @@ TEST(DirectoryTest, MissingHomeRaisesTheFixedText) {
   unsetenv("HOME");
   std::string out;
   EXPECT_THAT([&] { userDirectory(out); },
-              ThrowsMessage<source_utilities_error>(StrEq("failed to read environment variable \"USERPROFILE\"")));
+              ThrowsMessage<source_utilities_error>(
+                  StrEq("failed to read environment variable \"USERPROFILE\"")));
   setenv("HOME", savedHome.c_str(), 1);
 }
 

@@ -38,7 +38,8 @@ TEST(TspRequests, ReadAndWrittenBackAsTheGoldenListing) {
       {"StringRequest", readBack<StringRequest>},
       {"OutputElementStyle", readBack<OutputElementStyle>},
   };
-  const std::string base = ostrand_test::sourcePath("tracemanager/tsp_server/models/tests/golden/requests");
+  const std::string base =
+      ostrand_test::sourcePath("tracemanager/tsp_server/models/tests/golden/requests");
   std::ifstream in(base + ".txt");
   ASSERT_TRUE(in) << base;
   std::string listing, line;
