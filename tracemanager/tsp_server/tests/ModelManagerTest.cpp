@@ -12,13 +12,6 @@ namespace {
 
 using ostrand_test::CaptureTree;
 
-std::vector<std::string> experimentNames(ModelManager& manager) {
-  std::vector<std::string> names;
-  for (auto* e : manager.getExperiments()) names.push_back(e->name);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // The names a live scan gives, and that a second scan of an unchanged tree
 // opens nothing, are in the route transcript (TspRoutesTest).
 
@@ -80,7 +73,9 @@ TEST(ModelManagerTest, ScanOfOneOddCapture) {
       EXPECT_EQ(made, nullptr);
     }
     EXPECT_EQ(manager.getTraceUUIDs().size(), c.traces);
-    EXPECT_EQ(experimentNames(manager), c.experiments);
+    std::vector<std::string> names;
+    for (auto* e : manager.getExperiments()) names.push_back(e->name);
+    EXPECT_EQ(names, c.experiments);
   }
 }
 

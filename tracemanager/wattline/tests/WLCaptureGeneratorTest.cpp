@@ -73,13 +73,11 @@ WLGeneratorOptions options(uint32_t type, WLStateLayout layout, double seconds =
   return o;
 }
 
-TEST(WLCaptureGenerator, CounterWrapsOnlyWhenAsked) {
-  WLGeneratorOptions o;
-  o.durationSeconds = 0.5;
-  EXPECT_EQ(Generated(o).result.energyWraps, 0u);
-}
-
-TEST(WLCaptureGenerator, EnergyIntegratesPowerAndWrapsOnce) {
+// The counter wraps once when asked to, and a default capture has no wrap.
+TEST(WLCaptureGenerator, EnergyIntegratesPowerAndWrapsOnlyWhenAsked) {
+  WLGeneratorOptions plain;
+  plain.durationSeconds = 0.5;
+  EXPECT_EQ(Generated(plain).result.energyWraps, 0u);
   Generated g(options(8, WLStateLayout::kNone));
   const WLDataNode& n = g.node;
   ASSERT_EQ(n.recordCount, 40000u);

@@ -10,7 +10,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -113,18 +112,13 @@ std::string statsText(const WLDataNode& n) {
     char text[32];
     return std::string(text, std::to_chars(text, text + sizeof text, v).ptr);
   };
-  const auto fixed12 = [](double v) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.12f", v);
-    return std::string(text);
-  };
   const auto figures = [&](const char* name, const ValueStats& v) {
     return std::string(name) + " " + std::to_string(v.count) + " [" + num(v.min) + ", " +
            num(v.max) + "] mean " + num(v.mean);
   };
   return figures("power", n.powerStats) + " | " + figures("current", n.currentStats) + " | " +
-         figures("voltage", n.voltageStats) + " | " + fixed12(n.duration) + " s " +
-         num(n.energyUsed) + " mJ";
+         figures("voltage", n.voltageStats) + " | " + num(std::round(n.duration * 1e12) / 1e12) +
+         " s " + num(n.energyUsed) + " mJ";
 }
 
 // Statistics over ranges of five records, in the order asked (the answer
@@ -149,18 +143,18 @@ TEST(WLDataNodeStats, PowerCurrentVoltageEnergyOverRanges) {
   } cases[] = {
       {0, 3,
        "power 2 [50, 50] mean 50 | current 3 [1, 3] mean 2 | "
-       "voltage 3 [3, 3.3] mean 3.1 | 0.003000000000 s 0.15 mJ"},
+       "voltage 3 [3, 3.3] mean 3.1 | 0.003 s 0.15 mJ"},
       {3, 5,
        "power 1 [3.2, 3.2] mean 3.2 | current 2 [2, 4] mean 3 | "
-       "voltage 2 [2.7, 3] mean 2.85 | 0.001000000000 s -429496.7264 mJ"},
+       "voltage 2 [2.7, 3] mean 2.85 | 0.001 s -429496.7264 mJ"},
       // Samples: 50, 50, (0xFFFFFFF0 - 1600) / 1e4 / 0.001, 3.2 mW.
       {0, 5,
        "power 4 [3.2, 429496568] mean 107374167.8 | current 5 [1, 4] mean 2.4 | "
-       "voltage 5 [2.7, 3.3] mean 3 | 0.005000000000 s -0.0084 mJ"},
+       "voltage 5 [2.7, 3.3] mean 3 | 0.005 s -0.0084 mJ"},
       // Fewer than two records leave zero.
       {2, 3,
        "power 0 [0, 0] mean 0 | current 0 [0, 0] mean 0 | "
-       "voltage 0 [0, 0] mean 0 | 0.000000000000 s 0 mJ"},
+       "voltage 0 [0, 0] mean 0 | 0 s 0 mJ"},
   };
   for (const auto& c : cases) {
     node.computeStats(c.first, c.last);
