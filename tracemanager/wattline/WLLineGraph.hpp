@@ -3,29 +3,20 @@
 // WLViews.hpp for what all the views share).
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "experiments/VSKDataProvider.hpp"
-#include "wattline/WLDataNode.hpp"
+#include "wattline/WLView.hpp"
 
 namespace VSKTspServer {
 
-class WLLineGraph : public VSKTreeTimeXYProvider {
+class WLLineGraph : public WLView<VSKTreeTimeXYProvider> {
  public:
   static constexpr const char* kHistogramId =
       "org.eclipse.tracecompass.internal.tmf.core.histogram.HistogramDataProvider";
   static constexpr uint64_t kPointBudget = 2000;
 
-  explicit WLLineGraph(WLDataNode* node = nullptr) : node_(node) {}
-  void setData(WLDataNode* node) { node_ = node; }
+  using WLView::WLView;
 
   XYResponse getXY(TimeRange range, std::vector<int32_t> requestedItems) override;
   XYTreeResponse getXYTree(int64_t start, int64_t end) override;
-
- private:
-  WLDataNode* node_;
 };
 
 }  // namespace VSKTspServer

@@ -3,19 +3,13 @@
 // data tree (see WLViews.hpp for what all the views share).
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "experiments/VSKDataProvider.hpp"
-#include "wattline/WLDataNode.hpp"
+#include "wattline/WLView.hpp"
 
 namespace VSKTspServer {
 
-class WLSummary : public VSKDataTreeProvider {
+class WLSummary : public WLView<VSKDataTreeProvider> {
  public:
-  explicit WLSummary(WLDataNode* node = nullptr) : node_(node) {}
-  void setData(WLDataNode* node) { node_ = node; }
+  using WLView::WLView;
 
   XYResponse getXY(TimeRange range, std::vector<int32_t> requestedItems) override;
   XYTreeResponse getXYTree(int64_t start, int64_t end) override;
@@ -28,9 +22,6 @@ class WLSummary : public VSKDataTreeProvider {
   // `energyMilliJoule` over `durationSeconds`; 0 when the rate is not a
   // finite positive number, wrapping at 32 bits.
   static uint32_t coinCellSeconds(double energyMilliJoule, double durationSeconds);
-
- private:
-  WLDataNode* node_;
 };
 
 }  // namespace VSKTspServer

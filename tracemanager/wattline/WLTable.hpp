@@ -3,19 +3,13 @@
 // all the views share).
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "experiments/VSKDataProvider.hpp"
-#include "wattline/WLDataNode.hpp"
+#include "wattline/WLView.hpp"
 
 namespace VSKTspServer {
 
-class WLTable : public VSKTableProvider {
+class WLTable : public WLView<VSKTableProvider> {
  public:
-  explicit WLTable(WLDataNode* node = nullptr) : node_(node) {}
-  void setData(WLDataNode* node) { node_ = node; }
+  using WLView::WLView;
 
   ColumnsResponse getColumns(std::string parameters) override;
   TableLinesResponse getLines(TableLinesRequest request) override;
@@ -24,9 +18,6 @@ class WLTable : public VSKTableProvider {
   // slices: a stream of hundreds of millions of records never has all
   // its lines in memory at once. 0 on success, -1 on failure (logged).
   int exportInSlices(const std::string& path, int32_t linesPerSlice = 65536);
-
- private:
-  WLDataNode* node_;
 };
 
 }  // namespace VSKTspServer

@@ -6,8 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "TestSupport.hpp"
-#include "experiments/DataBrokerRouter.hpp"
+#include "ExperimentFixture.hpp"
 
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
@@ -15,8 +14,8 @@ using ::testing::ThrowsMessage;
 namespace VSKTspServer {
 namespace {
 
+using ostrand_test::experimentGolden;
 using ostrand_test::readFile;
-using ostrand_test::TempDir;
 using ostrand_test::writeFile;
 
 EtbRecordStore::Record record(int n) {
@@ -31,23 +30,13 @@ EtbRecordStore::Record record(int n) {
           {"cycles", std::to_string(n * 2)}};
 }
 
-class EtbCapture : public ::testing::Test {
+class EtbCapture : public ostrand_test::CaptureFixture<ETBExperiment> {
  protected:
+  EtbCapture() : CaptureFixture("M7_CoreTrace", "ETB") {}
   void SetUp() override { writeFile(dir / "metadata", R"({"typeId":"ETB","device":"P/M7"})"); }
-  std::unique_ptr<ETBExperiment> openExperiment() {
-    auto experiment = std::make_unique<ETBExperiment>("M7_CoreTrace", &router);
-    experiment->addTrace(VSKTrace("ETB", dir.path(), ""));
-    experiment->open();
-    return experiment;
-  }
   static TableLinesResponse lines(ETBTable& table, int64_t index, int32_t count) {
-    TableLinesRequest r;
-    r.requested_table_index = index;
-    r.requested_table_count = count;
-    return table.getLines(r);
+    return table.getLines(ostrand_test::tableWindow(index, count));
   }
-  TempDir dir;
-  DataBrokerRouter router;
 };
 
 TEST_F(EtbCapture, BeforeTheFirstRefreshAnEmptyStoreCannotAnswer) {
@@ -68,17 +57,10 @@ TEST_F(EtbCapture, CellsFollowTheRecordKeys) {
   auto experiment = openExperiment();
   experiment->refresh();
   ASSERT_EQ(experiment->exportCsv("", ""), 0);
-  EXPECT_EQ(readFile(dir / "Discontinuity Trace.csv"),
-            "Seq.,PC,Opcode,Function,File,Line,Source,Asm,Dir,Cycles\r\n"
-            "0,00000100,BF00,main,main.c,10,x++;,nop,/src,0\r\n"
-            "1,00000101,BF00,main,main.c,11,x++;,nop,/src,2\r\n"
-            "2,00000102,BF00,main,main.c,12,x++;,nop,/src,4\r\n"
-            "3,00000200,,,,,,,,\r\n");
+  EXPECT_EQ(readFile(dir / "Discontinuity Trace.csv"), readFile(experimentGolden("etb_cells.csv")));
   // The hidden table shows the newest record first, and Seq. counts lines.
   ASSERT_EQ(experiment->exportCsv(dir / "t.csv", "Trace"), 0);
-  EXPECT_EQ(readFile(dir / "t.csv"),
-            "Seq.,PC,Opcode,Function,File,Line,Source,Asm,Dir,Cycles\r\n"
-            "0,00000100,BF00,main,main.c,10,x++;,nop,/src,0\r\n");
+  EXPECT_EQ(readFile(dir / "t.csv"), readFile(experimentGolden("etb_cells_trace.csv")));
 }
 
 TEST_F(EtbCapture, StaleRowsAfterANewDecodeFailUntilRefresh) {

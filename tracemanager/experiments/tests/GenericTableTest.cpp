@@ -2,56 +2,32 @@
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.hpp"
-#include "experiments/DataBrokerRouter.hpp"
+#include "ExperimentFixture.hpp"
 #include "experiments/TDFExperiment.hpp"
 
 namespace VSKTspServer {
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
-}
-
 using nlohmann::json;
+using ostrand_test::experimentGolden;
 using ostrand_test::readFile;
-using ostrand_test::TempDir;
 using ostrand_test::writeFile;
+const auto range = ostrand_test::tableWindow;
 
-TableLinesRequest range(int64_t index, int32_t count) {
-  TableLinesRequest r;
-  r.requested_table_index = index;
-  r.requested_table_count = count;
-  return r;
-}
-
-std::vector<std::string> texts(const TableLine& line) {
-  std::vector<std::string> out;
-  for (const auto& cell : line.cells) out.push_back(cell.content);
-  return out;
-}
-
-class TdfCapture : public ::testing::Test {
+class TdfCapture : public ostrand_test::CaptureFixture<TDFExperiment> {
  protected:
+  TdfCapture() : CaptureFixture("run_TDF", "TDF") {}
   void SetUp() override {
     writeFile(dir / "metadata", R"({"typeId":"TDF","device":"file/run","dataFile":"tdf_data.json"})");
-    writeFile(dir / "tdf_data.json", readFile(goldenPath("tdf_small.json")));
+    writeFile(dir / "tdf_data.json", readFile(experimentGolden("tdf_small.json")));
   }
-  std::unique_ptr<TDFExperiment> openExperiment() {
-    auto experiment = std::make_unique<TDFExperiment>("run_TDF", &router);
-    experiment->addTrace(VSKTrace("TDF", dir.path(), ""));
-    experiment->open();
-    return experiment;
-  }
-  TempDir dir;
-  DataBrokerRouter router;
 };
 
 TEST_F(TdfCapture, ExportMatchesGoldenFile) {
   auto experiment = openExperiment();
   EXPECT_EQ(experiment->indexingStatus, "COMPLETED");
   ASSERT_EQ(experiment->exportCsv("", ""), 0);
-  EXPECT_EQ(readFile(dir / "Trace.csv"), readFile(goldenPath("tdf_small.csv")));
+  EXPECT_EQ(readFile(dir / "Trace.csv"), readFile(experimentGolden("tdf_small.csv")));
   EXPECT_EQ(experiment->exportCsv("", "Other"), -1);
   EXPECT_EQ(experiment->exportCsv(dir / "named.csv", "Trace"), 0);
   EXPECT_EQ(experiment->exportCsv("", "Trace"), -1);  // a name needs a path
@@ -60,44 +36,38 @@ TEST_F(TdfCapture, ExportMatchesGoldenFile) {
 // Its outputs and columns as a client sees them are in the route transcript
 // (tsp_server/tests/golden/routes.expected).
 
+// The window asked for, cut to the table's four lines; an empty request
+// asks for none.
 TEST_F(TdfCapture, RangesClampToTheTable) {
   auto experiment = openExperiment();
   GenericTable& table = *experiment->table;
   auto page = table.getLines(range(2, 100));
-  EXPECT_EQ(page.model.size, 4);
-  EXPECT_EQ(page.model.lowIndex, 2);
   ASSERT_EQ(page.model.lines.size(), 2u);
-  EXPECT_EQ(page.model.lines[0].index, 2);
-  EXPECT_EQ(texts(page.model.lines[0]), (std::vector<std::string>{"20", "short", ""}));
+  EXPECT_EQ(
+      json(page.model.lines[0]).dump(),
+      R"({"cells":[{"content":"20","tags":0},{"content":"short","tags":0},{"content":"","tags":0}],)"
+      R"("index":2,"tags":0})");
   EXPECT_EQ(page.model.columnIds, (std::vector<int64_t>{0, 1, 2}));
-
-  auto beyond = table.getLines(range(10, 5));
-  EXPECT_TRUE(beyond.model.lines.empty());
-  EXPECT_EQ(beyond.model.lowIndex, 4);
-  EXPECT_EQ(beyond.model.size, 4);
-
-  auto none = table.getLines(json::object().get<TableLinesRequest>());
-  EXPECT_TRUE(none.model.lines.empty());
-  EXPECT_EQ(none.model.size, 4);
-
-  auto negative = table.getLines(range(-3, 2));
-  EXPECT_EQ(negative.model.lowIndex, 0);
-  EXPECT_EQ(negative.model.lines.size(), 2u);
-  auto huge = table.getLines(range(INT64_MAX - 1, 0x7fffffff));
-  EXPECT_TRUE(huge.model.lines.empty());
+  const struct {
+    TableLinesRequest request;
+    int64_t lowIndex;
+    size_t lines;
+  } cases[] = {{range(2, 100), 2, 2},
+               {range(10, 5), 4, 0},
+               {json::object().get<TableLinesRequest>(), 0, 0},
+               {range(-3, 2), 0, 2},
+               {range(INT64_MAX - 1, 0x7fffffff), 4, 0}};
+  for (const auto& c : cases) {
+    const auto answer = table.getLines(c.request);
+    SCOPED_TRACE(testing::Message()
+                 << c.request.requested_table_index << " +" << c.request.requested_table_count);
+    EXPECT_EQ(answer.model.size, 4);
+    EXPECT_EQ(answer.model.lowIndex, c.lowIndex);
+    EXPECT_EQ(answer.model.lines.size(), c.lines);
+  }
 }
 
-TEST_F(TdfCapture, RefreshReadsTheNewDocument) {
-  auto experiment = openExperiment();
-  writeFile(dir / "tdf_data.json", R"({"Columns":[{"name":"Only"}],"Rows":[["a"],["b"]]})");
-  experiment->refresh();
-  auto columns = experiment->table->getColumns("");
-  ASSERT_EQ(columns.model.size(), 1u);
-  EXPECT_EQ(columns.model[0].name, "Only");
-  EXPECT_EQ(experiment->table->getLines(range(0, 10)).model.size, 2);
-}
-
-TEST_F(TdfCapture, MissingAndBrokenDataFiles) {
+TEST_F(TdfCapture, MissingDataFileAnswersAnEmptyTableAndCloseDropsTheOutputs) {
   std::filesystem::remove(dir / "tdf_data.json");
   auto experiment = openExperiment();
   EXPECT_EQ(experiment->indexingStatus, "COMPLETED");
@@ -105,24 +75,20 @@ TEST_F(TdfCapture, MissingAndBrokenDataFiles) {
   EXPECT_EQ(empty.model.size, 0);
   EXPECT_EQ(empty.model.lowIndex, 3);
   EXPECT_TRUE(experiment->table->getColumns("").model.empty());
-
-  writeFile(dir / "tdf_data.json", "{\"Rows\": [");
-  EXPECT_THROW(experiment->refresh(), json::parse_error);
-  EXPECT_EQ(experiment->indexingStatus, "RUNNING");
-
-  writeFile(dir / "tdf_data.json", R"({"Columns":[{"name":1}]})");
-  EXPECT_THROW(experiment->refresh(), json::type_error);
-
-  writeFile(dir / "tdf_data.json", R"({"Columns":[{"name":"a"}],"Rows":[[5]]})");
-  experiment->refresh();
-  EXPECT_THROW(experiment->table->getLines(range(0, 1)), json::type_error);
-  writeFile(dir / "tdf_data.json", R"({"Columns":[{"name":"a"}],"Rows":["row"]})");
-  experiment->refresh();
-  EXPECT_THROW(experiment->table->getLines(range(0, 1)), json::type_error);
-
   experiment->close();
   EXPECT_EQ(experiment->indexingStatus, "CLOSED");
   EXPECT_TRUE(experiment->outputs.empty());
+}
+
+// A new document is read at the refresh; one that does not parse, or has
+// values of the wrong type, fails the refresh or the request with the
+// parser's error (golden/tdf_documents.txt and .expected).
+TEST_F(TdfCapture, EachNewDocumentAfterARefresh) {
+  auto experiment = openExperiment();
+  GenericTable& table = *experiment->table;
+  EXPECT_TRUE(afterEachDocument(*experiment, "tdf_data.json", "tdf_documents", [&] {
+    return json(table.getColumns("")).dump() + "\n" + json(table.getLines(range(0, 10))).dump();
+  }));
 }
 
 TEST(TdfExperimentWithoutTraces, OpenDoesNothingRefreshThrows) {

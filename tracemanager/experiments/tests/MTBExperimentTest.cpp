@@ -1,51 +1,40 @@
 #include "experiments/MTBExperiment.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "TestSupport.hpp"
-#include "experiments/DataBrokerRouter.hpp"
+#include "ExperimentFixture.hpp"
 
 namespace VSKTspServer {
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
-}
-
 using nlohmann::json;
+using ostrand_test::experimentGolden;
 using ostrand_test::readFile;
-using ostrand_test::TempDir;
+using ostrand_test::tableWindow;
 using ostrand_test::writeFile;
 
-class MtbCapture : public ::testing::Test {
+class MtbCapture : public ostrand_test::CaptureFixture<MTBExperiment> {
  protected:
+  MtbCapture() : CaptureFixture("M4_CoreTrace", "MTB") {}
   void SetUp() override {
     writeFile(dir / "metadata", R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
-    writeFile(dir / "mtb_data.json", readFile(goldenPath("mtb_small.json")));
+    writeFile(dir / "mtb_data.json", readFile(experimentGolden("mtb_small.json")));
   }
-  std::unique_ptr<MTBExperiment> openExperiment() {
-    auto experiment = std::make_unique<MTBExperiment>("M4_CoreTrace", &router);
-    experiment->addTrace(VSKTrace("MTB", dir.path(), ""));
-    experiment->open();
-    return experiment;
+  static TableLinesResponse lines(MTBExperiment& e, int64_t index, int32_t count) {
+    return e.discontinuityTable->getLines(tableWindow(index, count));
   }
-  TableLinesResponse lines(MTBExperiment& e, int64_t index, int32_t count) {
-    TableLinesRequest r;
-    r.requested_table_index = index;
-    r.requested_table_count = count;
-    return e.discontinuityTable->getLines(r);
-  }
-  TempDir dir;
-  DataBrokerRouter router;
 };
 
 TEST_F(MtbCapture, BeforeTheFirstRefreshOneLinePerRunInCaptureOrder) {
   auto experiment = openExperiment();
   ASSERT_EQ(experiment->exportCsv(dir / "before.csv", ""), 0);
-  EXPECT_EQ(readFile(dir / "before.csv"), readFile(goldenPath("mtb_small_before_refresh.csv")));
+  EXPECT_EQ(readFile(dir / "before.csv"),
+            readFile(experimentGolden("mtb_small_before_refresh.csv")));
   // The hidden table is not reversed yet either.
   ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
-  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(goldenPath("mtb_small_before_refresh.csv")));
+  EXPECT_EQ(readFile(dir / "trace.csv"),
+            readFile(experimentGolden("mtb_small_before_refresh.csv")));
 }
 
 TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {
@@ -53,9 +42,9 @@ TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {
   experiment->refresh();
   ASSERT_EQ(experiment->exportCsv("", ""), 0);
   EXPECT_EQ(readFile(dir / "Discontinuity Trace.csv"),
-            readFile(goldenPath("mtb_small_discontinuity.csv")));
+            readFile(experimentGolden("mtb_small_discontinuity.csv")));
   ASSERT_EQ(experiment->exportCsv(dir / "trace.csv", "Trace"), 0);
-  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(goldenPath("mtb_small_trace.csv")));
+  EXPECT_EQ(readFile(dir / "trace.csv"), readFile(experimentGolden("mtb_small_trace.csv")));
 
   auto page = lines(*experiment, 4, 200);
   EXPECT_EQ(page.model.size, 6);
@@ -65,44 +54,22 @@ TEST_F(MtbCapture, AfterRefreshEveryInstructionAndNewestRunFirst) {
   EXPECT_EQ(page.model.columnIds, (std::vector<int64_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
 }
 
-TEST_F(MtbCapture, OnlyTheDiscontinuityTableIsAnOutput) {
-  auto experiment = openExperiment();
-  auto outputs = experiment->getOutputs();
-  ASSERT_EQ(outputs.size(), 1u);
-  EXPECT_EQ(outputs[0]->name, "Discontinuity Trace");
-  EXPECT_EQ(experiment->getOutput(outputs[0]->id), experiment->discontinuityTable.get());
-  auto columns = experiment->discontinuityTable->getColumns("ignored");
-  ASSERT_EQ(columns.model.size(), 9u);
-  EXPECT_EQ(columns.model[1].name, "Discontinuity");
-  EXPECT_EQ(columns.model[8].name, "Dir");
-
-  // Two experiments of one kind have different table ids.
+// Its one output and its columns are in the route transcript (TspRoutesTest).
+TEST_F(MtbCapture, TwoExperimentsOfOneKindHaveDifferentTableIds) {
+  auto first = openExperiment();
   auto second = openExperiment();
-  EXPECT_NE(second->getOutputs()[0]->id, outputs[0]->id);
+  EXPECT_EQ(first->getOutput(first->getOutputs()[0]->id), first->discontinuityTable.get());
+  EXPECT_NE(second->getOutputs()[0]->id, first->getOutputs()[0]->id);
 }
 
+// Values of the wrong type, and a run list shorter than the code, fail the
+// request with the parser's error; a document that is no capture fails the
+// refresh (golden/mtb_documents.txt and .expected).
 TEST_F(MtbCapture, WrongTypesFailTheRequest) {
   auto experiment = openExperiment();
   experiment->refresh();
-  writeFile(dir / "mtb_data.json",
-            R"({"data":[{"function":"f","file":"x","dir":"d"}],"code":[[{"seq":"7"}]]})");
-  experiment->refresh();
-  try {
-    lines(*experiment, 0, 1);
-    FAIL() << "no exception";
-  } catch (const json::type_error& e) {
-    EXPECT_EQ(e.id, 302);
-    EXPECT_NE(std::string(e.what()).find("type must be number, but is "), std::string::npos);
-  }
-  writeFile(dir / "mtb_data.json", R"({"data":[{"first":5}],"code":[[{"seq":1}]]})");
-  experiment->refresh();
-  EXPECT_THROW(lines(*experiment, 0, 1), json::type_error);
-  // A document whose run list is shorter than its code: a clear error.
-  writeFile(dir / "mtb_data.json", R"({"data":[],"code":[[{"seq":1}]]})");
-  experiment->refresh();
-  EXPECT_THROW(lines(*experiment, 0, 1), json::out_of_range);
-  writeFile(dir / "mtb_data.json", R"({"code":{"a":1}})");
-  EXPECT_THROW(experiment->refresh(), std::runtime_error);
+  EXPECT_TRUE(afterEachDocument(*experiment, "mtb_data.json", "mtb_documents",
+                                [&] { return json(lines(*experiment, 0, 1)).dump(); }));
 }
 
 TEST_F(MtbCapture, MissingDataFileAndClose) {

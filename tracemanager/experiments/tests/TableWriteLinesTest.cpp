@@ -4,7 +4,7 @@
 // the error to getLines.
 #include <gtest/gtest.h>
 
-#include "TestSupport.hpp"
+#include "ExperimentFixture.hpp"
 #include "experiments/DataBrokerRouter.hpp"
 #include "experiments/GenericTable.hpp"
 #include "experiments/MTBExperiment.hpp"
@@ -14,18 +14,8 @@
 namespace VSKTspServer {
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return ostrand_test::sourcePath("tracemanager/experiments/tests/golden/" + name);
-}
-
 using nlohmann::json;
-
-TableLinesRequest range(int64_t index, int32_t count) {
-  TableLinesRequest r;
-  r.requested_table_index = index;
-  r.requested_table_count = count;
-  return r;
-}
+const auto range = ostrand_test::tableWindow;
 
 // writeLines appends to what `out` holds; a decline leaves it as it was.
 bool writes(VSKTableProvider& table, const TableLinesRequest& request, std::string* text) {
@@ -66,22 +56,9 @@ void expectSameTextEverywhere(VSKTableProvider& table, int64_t size) {
 
 // Runs and instructions with every kind of value a capture holds: escapes,
 // UTF-8, padding, line numbers of each type, sequence numbers of each type,
-// missing keys and an empty `first`.
+// missing keys and an empty `first` (golden/mtb_mixed.json).
 json mixedMtb() {
-  return json::parse(R"({
-   "data":[
-    {"seq":0,"first":"00000100","last":"00000104","function":"say \"hi\"","file":"a\\b.c","dir":"/src"},
-    {"seq":1,"first":"","function":"caf\u00e9","file":"\u20ac.c","dir":"/t\tab"},
-    {"seq":2},
-    {"first":"00000300","function":"","file":null,"dir":"/\u0001ctl"}],
-   "code":[
-    [{"seq":0,"addr":"00000100","asm":"  movs r0, #1","lno":12,"src":"   x = 1;  "},
-     {"seq":1,"addr":"00000102","asm":"\tbl \"foo\"","lno":"n/a","src":"s = \"\\n\";"},
-     {"seq":18446744073709551615,"addr":"00000104","asm":"nop","lno":null,"src":"\u00e9t\u00e9"}],
-    [{"seq":-7,"addr":"SECURE, BLOCKED","lno":2.5,"src":"  "}],
-    [{"seq":3.9,"asm":"push {r4, lr}","lno":true},
-     {}],
-    [{"seq":-2.5,"addr":"00000300","asm":"bx lr","lno":[1,"x"],"src":"}"}]]})");
+  return json::parse(ostrand_test::readFile(ostrand_test::experimentGolden("mtb_mixed.json")));
 }
 
 TEST(MtbWriteLines, SameBytesAsTheModelForEveryLineAndFlavour) {
@@ -103,7 +80,8 @@ TEST(MtbWriteLines, TheCaptureOfTheGoldenFilesAfterRefresh) {
   ostrand_test::TempDir dir;
   ostrand_test::writeFile(dir / "metadata",
                      R"({"typeId":"MTB","device":"Probe/M4","dataFile":"mtb_data.json"})");
-  ostrand_test::writeFile(dir / "mtb_data.json", ostrand_test::readFile(goldenPath("mtb_small.json")));
+  ostrand_test::writeFile(dir / "mtb_data.json",
+                          ostrand_test::readFile(ostrand_test::experimentGolden("mtb_small.json")));
   DataBrokerRouter router;
   MTBExperiment experiment("M4_CoreTrace", &router);
   experiment.addTrace(VSKTrace("MTB", dir.path(), ""));
@@ -128,14 +106,16 @@ TEST(MtbWriteLines, EmptyAndMissingDocumentsAnswerAnEmptyTable) {
   EXPECT_EQ(out, writeTableLinesResponse(none.getLines(range(5, 200))));
 }
 
+// A document with one value made bad.
+struct Spoiled {
+  const char* name;
+  void (*spoil)(json&);
+};
+
 // One bad value in a large table: the lines around it are still written,
 // a range that holds it is declined and getLines reports the error.
 TEST(MtbWriteLines, DeclinesOnlyTheRangesThatHoldABadLine) {
-  struct Case {
-    const char* name;
-    void (*spoil)(json&);
-  };
-  const Case cases[] = {
+  const Spoiled cases[] = {
       {"seq of type string", [](json& d) { d["code"][2][0]["seq"] = "3"; }},
       {"src of type number", [](json& d) { d["code"][2][0]["src"] = 4; }},
       {"asm not UTF-8", [](json& d) { d["code"][2][0]["asm"] = "\xff"; }},
@@ -194,16 +174,10 @@ TEST(MtbWriteLines, ADocumentReplacedWithoutSetDataIsNotServedFromOldText) {
   EXPECT_NE(text.find("new"), std::string::npos);
 }
 
-json mixedTdf() {
-  return json::parse(R"({
-   "Columns":[{"name":"Index"},{"name":"Time"},{"name":"Text"}],
-   "Rows":[
-    ["0","10","plain"],
-    ["1",null,"say \"hi\"\\ \t \u0001"],
-    ["2","30"],
-    [],
-    ["4","50","caf\u00e9 \u20ac \ud83d\ude00","beyond the columns"],
-    [null,null,null]]})");
+// Cells with escapes, controls, UTF-8 beyond the basic plane, a null time,
+// short and empty rows, a cell beyond the columns and a row of nulls.
+json mixedTdf() {  // golden/tdf_mixed.json
+  return json::parse(ostrand_test::readFile(ostrand_test::experimentGolden("tdf_mixed.json")));
 }
 
 TEST(GenericWriteLines, SameBytesAsTheModelForEveryLine) {
@@ -214,11 +188,7 @@ TEST(GenericWriteLines, SameBytesAsTheModelForEveryLine) {
 }
 
 TEST(GenericWriteLines, DeclinesRangesWithABadRowOrCell) {
-  struct Case {
-    const char* name;
-    void (*spoil)(json&);
-  };
-  const Case cases[] = {
+  const Spoiled cases[] = {
       {"number cell", [](json& d) { d["Rows"][2][1] = 30; }},
       {"row not an array", [](json& d) { d["Rows"][2] = "row"; }},
       {"cell not UTF-8", [](json& d) { d["Rows"][2][0] = "\xfe"; }},

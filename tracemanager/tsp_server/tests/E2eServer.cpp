@@ -10,19 +10,16 @@
 // GET /stop.
 //
 // usage: tsp_e2e_server --port N --data DIR [--etb-records N]
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
-#include <nlohmann/json.hpp>
-
+#include "ServerFixture.hpp"
 #include "experiments/DataBrokerRouter.hpp"
+#include "experiments/generator/SampleCaptureWriter.hpp"
+#include "experiments/generator/SampleCaptures.hpp"
 #include "tsp_server/ExperimentKinds.hpp"
-#include "tsp_server/TspServer.hpp"
 #include "wattline/WLExperimentKind.hpp"
 
 namespace {
@@ -63,27 +60,18 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
+    namespace samples = VSKTspServer::samples;
     ::setenv("USERPROFILE", data.c_str(), 1);
-    const auto etbDir = std::filesystem::path(data) / ".QX-trace/data/live-targets/Probe/Cortex_M3_2/ETB";
-    std::filesystem::create_directories(etbDir);
-    std::ofstream(etbDir / "metadata") << nlohmann::json{{"typeId", "ETB"},
-                                                        {"device", "Probe/Cortex_M3_2"},
-                                                        {"deviceId", "unknown"},
-                                                        {"source", "VSK Vireo"},
-                                                        {"dataFile", "etb_data.json"},
-                                                        {"time", "2024-01-01T00:00:00Z"}}
-                                             .dump();
+    const std::string etbDir =
+        samples::captureDirectory(data, "live-targets", "Probe/Cortex_M3_2", "ETB");
+    std::ofstream(etbDir + "/metadata")
+        << samples::defaultMetadata("Probe/Cortex_M3_2", "ETB").dump();
 
     VSKTspServer::registerWattlineKinds(VSKTspServer::registerExperimentKind);
-    VSKTspServer::TspServer server;
-    server.port = port;
-    std::thread serving([&server] { server.run(); });
-    for (int i = 0; i < 500 && !server.isListening() && !server.listenFailed(); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ostrand_test::RunningServer running(port);  // terminated and joined when it goes
+    VSKTspServer::TspServer& server = running.server();
     if (!server.isListening()) {
       std::fprintf(stderr, "tsp_e2e_server: cannot listen on port %d\n", port);
-      server.terminate();
-      serving.join();
       return 5;
     }
     auto* router = dynamic_cast<VSKTspServer::DataBrokerRouter*>(server.getDataBroker());
@@ -93,8 +81,7 @@ int main(int argc, char** argv) {
     server.refresh("");
     std::printf("READY %d\n", port);
     std::fflush(stdout);
-    serving.join();  // until GET /stop
-    server.terminate();
+    running.join();  // until GET /stop
     return 0;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "tsp_e2e_server: %s\n", e.what());

@@ -12,29 +12,8 @@ namespace {
 
 using ostrand_test::CaptureTree;
 
-std::vector<std::string> experimentNames(ModelManager& manager) {
-  std::vector<std::string> names;
-  for (auto* e : manager.getExperiments()) names.push_back(e->name);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-TEST(ModelManagerTest, LiveScanNamesExperimentsByDeviceAndASecondScanCreatesNothing) {
-  CaptureTree tree;
-  auto mtb = tree.addLiveCapture("Probe/Cortex_M4_0", "MTB");
-  CaptureTree::writeFile(mtb / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 3).dump());
-  tree.addLiveCapture("Probe/Cortex_M4_0", "TDF");
-  ModelManager manager(nullptr);
-
-  EXPECT_NE(manager.openExperiment("LiveTarget", {}), nullptr);
-  EXPECT_EQ(experimentNames(manager),
-            (std::vector<std::string>{"Cortex_M4_0_CoreTrace", "Cortex_M4_0_TDF"}));
-  for (auto* e : manager.getExperiments()) EXPECT_EQ(e->indexingStatus, "COMPLETED");
-
-  EXPECT_EQ(manager.openExperiment("LiveTarget", {}), nullptr);
-  EXPECT_EQ(manager.getExperiments().size(), 2u);
-  EXPECT_EQ(manager.getTraceUUIDs().size(), 2u);
-}
+// The names a live scan gives, and that a second scan of an unchanged tree
+// opens nothing, are in the route transcript (TspRoutesTest).
 
 TEST(ModelManagerTest, PlainNameFindsTheExperimentThroughItsFirstTrace) {
   CaptureTree tree;
@@ -50,6 +29,7 @@ TEST(ModelManagerTest, PlainNameFindsTheExperimentThroughItsFirstTrace) {
   EXPECT_EQ(first->name, "M4_TDF");  // named from the device, not the caller
   EXPECT_EQ(manager.openExperiment("my experiment", {trace->UUID}), first);
   EXPECT_EQ(manager.getExperiments().size(), 1u);
+  manager.refreshExperiment("");  // no such experiment: ignored
 }
 
 // What a scan makes of one capture directory: the traces it keeps and the
@@ -57,42 +37,45 @@ TEST(ModelManagerTest, PlainNameFindsTheExperimentThroughItsFirstTrace) {
 TEST(ModelManagerTest, ScanOfOneOddCapture) {
   const struct {
     const char* what;
-    void (*lay)(CaptureTree&);
+    const char* target;
+    const char* type;
+    nlohmann::json metadata;  // a string: the file's text as it is
     size_t traces;
     std::vector<std::string> experiments;
   } cases[] = {
       {"a device without a slash takes the scan root as stem",
-       [](CaptureTree& t) {
-         t.addLiveCapture("M0", "MTB", {{"typeId", "MTB"}, {"device", "M0"}});
-       },
+       "M0",
+       "MTB",
+       {{"typeId", "MTB"}, {"device", "M0"}},
        1,
        {"_CoreTrace"}},
       {"metadata without a device keeps its trace but makes no experiment",
-       [](CaptureTree& t) {
-         t.addLiveCapture("Probe/M4", "MTB", {{"typeId", "MTB"}});
-       },
+       "Probe/M4",
+       "MTB",
+       {{"typeId", "MTB"}},
        1,
        {}},
-      {"unreadable metadata adds no trace",
-       [](CaptureTree& t) { t.writeFile(t.liveTargets() / "Probe/M4/MTB/metadata", ""); },
-       0,
-       {}},
-      {"an unknown kind makes no experiment",
-       [](CaptureTree& t) { t.addLiveCapture("Probe/M4", "NOPE"); },
-       1,
-       {}},
+      {"unreadable metadata adds no trace", "Probe/M4", "MTB", "", 0, {}},
+      {"an unknown kind makes no experiment", "Probe/M4", "NOPE", nullptr, 1, {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     CaptureTree tree;
-    c.lay(tree);
+    if (c.metadata.is_string()) {
+      CaptureTree::writeFile(tree.liveTargets() / c.target / c.type / "metadata",
+                             c.metadata.get<std::string>());
+    } else {
+      tree.addLiveCapture(c.target, c.type, c.metadata);
+    }
     ModelManager manager(nullptr);
     VSKExperiment* made = manager.openExperiment("LiveTarget", {});
     if (c.experiments.empty()) {
       EXPECT_EQ(made, nullptr);
     }
     EXPECT_EQ(manager.getTraceUUIDs().size(), c.traces);
-    EXPECT_EQ(experimentNames(manager), c.experiments);
+    std::vector<std::string> names;
+    for (auto* e : manager.getExperiments()) names.push_back(e->name);
+    EXPECT_EQ(names, c.experiments);
   }
 }
 
@@ -104,20 +87,8 @@ TEST(ModelManagerTest, PathEndingRightAfterLiveTargetScansTheWholeTree) {
   EXPECT_NE(manager.openTrace("LiveTarget", "", ""), nullptr);
 }
 
-TEST(ModelManagerTest, DeletedExperimentIsClosedAndOutlivesTheMap) {
-  CaptureTree tree;
-  tree.addLiveCapture("Probe/M4", "TDF");
-  ModelManager manager(nullptr);
-  VSKExperiment* opened = manager.openExperiment("LiveTarget", {});
-  ASSERT_NE(opened, nullptr);
-  auto removed = manager.deleteExperiment(opened->UUID);
-  ASSERT_NE(removed, nullptr);
-  EXPECT_EQ(removed->indexingStatus, "CLOSED");
-  EXPECT_EQ(manager.getExperiment(removed->UUID), nullptr);
-  EXPECT_EQ(manager.deleteExperiment(removed->UUID), nullptr);
-  manager.refreshExperiment("no-such-uuid");  // ignored
-  manager.refreshExperiment("");
-}
+// A deleted experiment is closed, answered after it left the map, and gone
+// (the route transcript, TspRoutesTest).
 
 TEST(ModelManagerTest, ExportWritesTheMainTableOfAMatchingCapture) {
   CaptureTree tree;

@@ -3,14 +3,18 @@
 // type, the exception text of a 500, the body) are compared with an expected
 // transcript beside it (see ostrand_test::matchesGolden for the update mode).
 //
-// A request line is `METHOD PATH [BODY]`; `#` starts a comment. In paths and
-// bodies `{NAME}` stands for the UUID of the experiment called NAME,
-// `{NAME:OUTPUT}` for the id of its output called OUTPUT, `{NAME/trace}` for
-// the UUID of its first trace, `{N}` for a trace opened by hand under the
-// name N, and `{home}` for the temporary user directory.
+// A request line is `METHOD PATH [BODY]`, after lines `+ NAME: VALUE` for
+// headers of its own (Content-Type among them); `#` starts a comment. In
+// paths, bodies and headers `{NAME}` stands for the UUID of the experiment
+// called NAME, `{NAME:OUTPUT}` for the id of its output called OUTPUT,
+// `{NAME/trace}` for the UUID of its first trace, `{N}` for a trace opened
+// by hand under the name N, `{home}` for the temporary user directory and
+// `{port}` for the server's port.
 // Answers show the same placeholders in place of the random UUIDs and the
-// directory, and lists of experiments by name. Two more lines act on the capture tree below live-targets:
-// `! remove TARGET/TYPE` and `! capture TARGET TYPE` (a metadata file only).
+// directory, and lists of experiments by name. Lines that start with `!` act
+// on the capture tree below live-targets: `! remove TARGET/TYPE`, `! capture
+// TARGET TYPE` (a metadata file only), `! sample TARGET TDF|MTB` (with a
+// small document) and `! write PATH TEXT` (the rest of the line).
 #pragma once
 
 #include <httplib.h>
@@ -33,7 +37,7 @@ namespace ostrand_test {
 class RouteTranscript {
  public:
   RouteTranscript(RunningServer& server, CaptureTree& tree)
-      : client_(server.client()), tree_(tree) {}
+      : client_(server.client()), tree_(tree), port_(std::to_string(server.port())) {}
 
   // Runs `<base>.http` and compares the answers with `<base>.expected`.
   ::testing::AssertionResult run(const std::string& base) {
@@ -41,11 +45,18 @@ class RouteTranscript {
     if (!in) return ::testing::AssertionFailure() << "cannot read " << base << ".http";
     std::ostringstream out;
     std::string line;
+    httplib::Headers headers;
     while (std::getline(in, line)) {
       if (line.empty() || line[0] == '#') continue;
       out << "> " << line << "\n";
       if (line[0] == '!') {
         act(line);
+        continue;
+      }
+      if (line[0] == '+') {  // `+ NAME: VALUE`, a header of the next request
+        const std::string header = expand(line.substr(2));
+        const size_t colon = header.find(": ");
+        headers.emplace(header.substr(0, colon), header.substr(colon + 2));
         continue;
       }
       learnIds();
@@ -55,9 +66,13 @@ class RouteTranscript {
       const std::string method = request.substr(0, pathAt);
       const std::string path = request.substr(pathAt + 1, bodyAt - pathAt - 1);
       const std::string body = bodyAt == std::string::npos ? "" : request.substr(bodyAt + 1);
-      httplib::Result res = method == "GET"      ? client_->Get(path)
-                            : method == "DELETE" ? client_->Delete(path)
-                                                 : client_->Post(path, body, "application/json");
+      const auto type = headers.find("Content-Type");
+      const std::string contentType = type == headers.end() ? "application/json" : type->second;
+      if (type != headers.end()) headers.erase(type);
+      httplib::Result res = method == "GET"      ? client_->Get(path, headers)
+                            : method == "DELETE" ? client_->Delete(path, headers)
+                                                 : client_->Post(path, headers, body, contentType);
+      headers.clear();
       if (!res) {
         out << "< no answer\n";
         continue;
@@ -75,10 +90,20 @@ class RouteTranscript {
  private:
   void act(const std::string& line) {
     std::istringstream words(line.substr(1));
-    std::string verb, target, type;
-    words >> verb >> target >> type;
-    if (verb == "remove") std::filesystem::remove_all(tree_.liveTargets() / target);
-    if (verb == "capture") tree_.addLiveCapture(target, type);
+    std::string verb, target, rest;
+    words >> verb >> target;
+    std::getline(words >> std::ws, rest);
+    const auto live = tree_.liveTargets();
+    if (verb == "remove") std::filesystem::remove_all(live / target);
+    if (verb == "capture") tree_.addLiveCapture(target, rest);
+    if (verb == "write") writeFile(live / target, rest);
+    if (verb == "sample") {
+      const auto dir = tree_.addLiveCapture(target, rest);
+      if (rest == "TDF")
+        writeFile(dir / "tdf_data.json", VSKTspServer::samples::tdfDocument(2).dump());
+      if (rest == "MTB")
+        writeFile(dir / "mtb_data.json", VSKTspServer::samples::mtbDocument(2, 2).dump());
+    }
   }
 
   // The UUIDs of every experiment and trace seen so far, and the outputs'
@@ -139,6 +164,7 @@ class RouteTranscript {
 
   std::string expand(std::string text) const {
     text = replaceAll(text, "{home}", tree_.root().string());
+    text = replaceAll(text, "{port}", port_);
     for (const auto& [name, id] : ids_) text = replaceAll(text, "{" + name + "}", id);
     return text;
   }
@@ -155,9 +181,10 @@ class RouteTranscript {
 
   std::unique_ptr<httplib::Client> client_;
   CaptureTree& tree_;
+  std::string port_;
   std::map<std::string, std::string> names_;  // UUID or output id -> placeholder name
-  std::map<std::string, std::string> ids_;
-  std::set<std::string> shared_;  // output ids of more than one experiment    // placeholder name -> UUID or output id
+  std::map<std::string, std::string> ids_;    // placeholder name -> UUID or output id
+  std::set<std::string> shared_;              // output ids of more than one experiment
 };
 
 }  // namespace ostrand_test

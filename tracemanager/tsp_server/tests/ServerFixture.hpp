@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,49 +22,48 @@ namespace ostrand_test {
 
 using VSKTspServer::TspServer;
 
+// The loopback address of one family at `port`, with its length.
+inline std::pair<sockaddr_storage, socklen_t> loopbackAddress(int port, bool ipv6) {
+  sockaddr_storage address{};
+  if (ipv6) {
+    auto* a = reinterpret_cast<sockaddr_in6*>(&address);
+    a->sin6_family = AF_INET6;
+    a->sin6_addr = in6addr_loopback;
+    a->sin6_port = htons(static_cast<uint16_t>(port));
+    return {address, sizeof *a};
+  }
+  auto* a = reinterpret_cast<sockaddr_in*>(&address);
+  a->sin_family = AF_INET;
+  a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a->sin_port = htons(static_cast<uint16_t>(port));
+  return {address, sizeof *a};
+}
+
 // A port that was free a moment ago (the kernel's choice for port 0).
 inline int freeLoopbackPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  socklen_t len = sizeof addr;
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    if (fd >= 0) ::close(fd);
-    throw std::runtime_error("no free loopback port");
-  }
-  ::close(fd);
-  return ntohs(addr.sin_port);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  auto [address, length] = loopbackAddress(0, false);
+  const bool ok = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  if (fd >= 0) ::close(fd);
+  if (!ok) throw std::runtime_error("no free loopback port");
+  return ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
 }
 
 // Listens on `port` on both loopback addresses (where they exist) and
-// never accepts.
+// never accepts. Without an IPv6 loopback the IPv4 socket covers
+// "localhost" alone, so only that one must succeed.
 class PortBlocker {
  public:
   explicit PortBlocker(int port) {
-    int v4 = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a4{};
-    a4.sin_family = AF_INET;
-    a4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a4.sin_port = htons(static_cast<uint16_t>(port));
-    if (v4 >= 0 && ::bind(v4, reinterpret_cast<sockaddr*>(&a4), sizeof a4) == 0 &&
-        ::listen(v4, 1) == 0)
-      fds_[0] = v4, ok_ = true;
-    else if (v4 >= 0)
-      ::close(v4);
-    int v6 = ::socket(AF_INET6, SOCK_STREAM, 0);
-    sockaddr_in6 a6{};
-    a6.sin6_family = AF_INET6;
-    a6.sin6_addr = in6addr_loopback;
-    a6.sin6_port = htons(static_cast<uint16_t>(port));
-    if (v6 >= 0 && ::bind(v6, reinterpret_cast<sockaddr*>(&a6), sizeof a6) == 0 &&
-        ::listen(v6, 1) == 0) {
-      fds_[1] = v6;
-    } else if (v6 >= 0) {
-      // No IPv6 loopback here: the IPv4 socket covers "localhost" alone.
-      ::close(v6);
+    for (bool ipv6 : {false, true}) {
+      const int fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
+      const auto [address, length] = loopbackAddress(port, ipv6);
+      if (fd >= 0 && ::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+          ::listen(fd, 1) == 0)
+        fds_[ipv6] = fd;
+      else if (fd >= 0)
+        ::close(fd);
     }
   }
   ~PortBlocker() {
@@ -72,11 +72,43 @@ class PortBlocker {
   }
   PortBlocker(const PortBlocker&) = delete;
   PortBlocker& operator=(const PortBlocker&) = delete;
-  bool blocking() const { return ok_; }
+  bool blocking() const { return fds_[0] >= 0; }
 
  private:
   int fds_[2] = {-1, -1};
-  bool ok_ = false;
+};
+
+// A connection that says exactly what the test writes.
+class RawConnection {
+ public:
+  explicit RawConnection(int port, bool ipv6 = false)
+      : fd_(::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)) {
+    const auto [address, length] = loopbackAddress(port, ipv6);
+    connected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), length) == 0;
+  }
+  ~RawConnection() { ::close(fd_); }
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+  bool connected() const { return connected_; }
+  void send(const std::string& bytes) { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  // Everything until the server closes or `timeout` passes.
+  std::string readAll(std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+    std::string text;
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    char buffer[4096];
+    while (std::chrono::steady_clock::now() < end) {
+      pollfd entry{fd_, POLLIN, 0};
+      if (::poll(&entry, 1, 50) <= 0) continue;
+      const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      text.append(buffer, static_cast<size_t>(n));
+    }
+    return text;
+  }
+
+ private:
+  int fd_;
+  bool connected_ = false;
 };
 
 class RunningServer {

@@ -7,13 +7,11 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "CaptureTree.hpp"
-#include "ServerFixture.hpp"
+#include "RouteTranscript.hpp"
 #include "tsp_server/ModelManager.hpp"
 
 namespace VSKTspServer {
@@ -151,44 +149,20 @@ TEST(TspServerTest, RequestsAndCaptureSideCallsAreSerialised) {
 }
 
 // The viewer's files under "/", beside protocol routes that answer as
-// before, and nothing outside the viewer's folder.
+// before, and nothing outside the viewer's folder (golden/viewer.http); a
+// server whose viewer folder is missing names it at the root
+// (golden/no-viewer.http).
 TEST(TspServerTest, ViewerFilesAreServedBesideUnchangedProtocolRoutes) {
-  CaptureTree tree;
-  const auto dir = tree.root() / "viewer";
-  std::filesystem::create_directories(dir);
-  std::ofstream(dir / "index.html") << "<!doctype html><title>v</title>";
-  std::ofstream(dir / "app.js") << "export {};";
-  std::ofstream(tree.root() / "secret.txt") << "not for the web";
-  RunningServer running(freeLoopbackPort(), dir.string());
-  auto client = running.client();
-
-  struct Expect { const char* path; int status; const char* type; std::string body; };
-  const Expect expects[] = {
-      {"/", 200, "text/html", "<!doctype html><title>v</title>"},
-      {"/app.js", 200, "text/javascript", "export {};"},
-      {"/tsp/api/health", 200, "application/json", R"({"status":"UP"})"},
-      {"/tsp/api/nothing", 404, "text/html", errorPage(404)},
-      {"/missing.js", 404, "text/html", errorPage(404)},
-      {"/../secret.txt", 404, "text/html", errorPage(404)},
-  };
-  for (const auto& e : expects) {
-    auto res = client->Get(e.path);
-    ASSERT_TRUE(res) << e.path;
-    EXPECT_EQ(res->status, e.status) << e.path;
-    EXPECT_EQ(res->get_header_value("Content-Type"), e.type) << e.path;
-    EXPECT_EQ(res->body, e.body) << e.path;
+  for (const char* name : {"viewer", "no-viewer"}) {
+    CaptureTree tree;
+    ostrand_test::writeFile(tree.root() / "viewer/index.html", "<!doctype html><title>v</title>");
+    ostrand_test::writeFile(tree.root() / "viewer/app.js", "export {};");
+    ostrand_test::writeFile(tree.root() / "secret.txt", "not for the web");
+    RunningServer running(freeLoopbackPort(), (tree.root() / name).string());
+    ostrand_test::RouteTranscript transcript(running, tree);
+    EXPECT_TRUE(
+        transcript.run(ostrand_test::sourcePath("tracemanager/tsp_server/tests/golden/") + name));
   }
-}
-
-TEST(TspServerTest, MissingViewerFilesAreNamedAtTheRoot) {
-  CaptureTree tree;
-  const auto dir = tree.root() / "no-viewer-here";
-  RunningServer running(freeLoopbackPort(), dir.string());
-  auto res = running.client()->Get("/");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 200);
-  EXPECT_NE(res->body.find(dir.string()), std::string::npos);
-  EXPECT_NE(res->body.find("ostrand_viewer"), std::string::npos);
 }
 
 // Browsers offer brotli first; at the library's quality it took seconds

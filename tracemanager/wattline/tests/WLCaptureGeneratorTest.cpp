@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <set>
 
 #include "WLTestStreams.hpp"
@@ -16,11 +15,6 @@ using nlohmann::json;
 
 namespace {
 
-json readJson(const std::string& path) {
-  std::ifstream in(path);
-  return json::parse(in);
-}
-
 // A generated capture, decoded as an experiment would decode it.
 struct Generated {
   wltest::TempDir dir;
@@ -30,8 +24,8 @@ struct Generated {
 
   explicit Generated(WLGeneratorOptions options) {
     result = writeCaptureDirectory(dir.path(), options);
-    metadata = readJson(dir.path() + "/metadata");
-    sup = readJson(dir.path() + "/metadataSup.json");
+    metadata = json::parse(ostrand_test::readFile(dir / "metadata"));
+    sup = json::parse(ostrand_test::readFile(dir / "metadataSup.json"));
     if (sup.contains("JState")) {
       node.dsr = makeStateDecoder(node, sup["JState"]["version"].get<int>());
       node.dsr->initDefaults();
@@ -79,13 +73,11 @@ WLGeneratorOptions options(uint32_t type, WLStateLayout layout, double seconds =
   return o;
 }
 
-TEST(WLCaptureGenerator, CounterWrapsOnlyWhenAsked) {
-  WLGeneratorOptions o;
-  o.durationSeconds = 0.5;
-  EXPECT_EQ(Generated(o).result.energyWraps, 0u);
-}
-
-TEST(WLCaptureGenerator, EnergyIntegratesPowerAndWrapsOnce) {
+// The counter wraps once when asked to, and a default capture has no wrap.
+TEST(WLCaptureGenerator, EnergyIntegratesPowerAndWrapsOnlyWhenAsked) {
+  WLGeneratorOptions plain;
+  plain.durationSeconds = 0.5;
+  EXPECT_EQ(Generated(plain).result.energyWraps, 0u);
   Generated g(options(8, WLStateLayout::kNone));
   const WLDataNode& n = g.node;
   ASSERT_EQ(n.recordCount, 40000u);

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -104,72 +105,69 @@ TEST(WLDataNodeFile, FileThatShrankBeforeDecodeFailsCleanly) {
   EXPECT_THROW(node.decode(), std::runtime_error);
 }
 
-class WLDataNodeStats : public ::testing::Test {
- protected:
-  // Times in microseconds, energy in 0.1 uJ; the last step wraps the counter.
-  void SetUp() override {
-    StreamBuilder s(0x08, 0);
-    s.add({1000000, {}, 1000000, 3000, 100})       // 1 mA, 3.0 V
-        .add({1001000, {}, 3000000, 3300, 600})    // +500 in 1 ms: 50 mW
-        .add({1003000, {}, 2000000, 3000, 1600})   // +1000 in 2 ms: 50 mW
-        .add({1004000, {}, 2000000, 2700, 0xFFFFFFF0})
-        .add({1005000, {}, 4000000, 3000, 0x10});  // +0x20 in 1 ms: 3.2 mW
-    bytes_ = s.bytes();
-    node_.readBuffer(bytes_.data(), static_cast<int64_t>(bytes_.size()));
-    node_.decode();
-  }
-  std::vector<uint8_t> bytes_;
-  WLDataNode node_;
-};
-
-TEST_F(WLDataNodeStats, PowerCurrentVoltageOverARange) {
-  node_.computeStats(0, 3);
-  EXPECT_EQ(node_.powerStats.count, 2);
-  EXPECT_DOUBLE_EQ(node_.powerStats.min, 50.0);
-  EXPECT_DOUBLE_EQ(node_.powerStats.max, 50.0);
-  EXPECT_EQ(node_.currentStats.count, 3);
-  EXPECT_DOUBLE_EQ(node_.currentStats.mean, 2.0);
-  EXPECT_DOUBLE_EQ(node_.currentStats.max, 3.0);
-  EXPECT_NEAR(node_.voltageStats.mean, 3.1, 1e-12);
-  EXPECT_NEAR(node_.duration, 0.003, 1e-12);  // the last record of the range is 2
-  EXPECT_NEAR(node_.energyUsed, 0.15, 1e-12);
+// The statistics a node holds, each number as the shortest text that reads
+// back as the same double; the duration, a difference of seconds, to 1e-12.
+std::string statsText(const WLDataNode& n) {
+  const auto num = [](double v) {
+    char text[32];
+    return std::string(text, std::to_chars(text, text + sizeof text, v).ptr);
+  };
+  const auto figures = [&](const char* name, const ValueStats& v) {
+    return std::string(name) + " " + std::to_string(v.count) + " [" + num(v.min) + ", " +
+           num(v.max) + "] mean " + num(v.mean);
+  };
+  return figures("power", n.powerStats) + " | " + figures("current", n.currentStats) + " | " +
+         figures("voltage", n.voltageStats) + " | " + num(std::round(n.duration * 1e12) / 1e12) +
+         " s " + num(n.energyUsed) + " mJ";
 }
 
-TEST_F(WLDataNodeStats, EnergyCounterWrapsOnceInPowerButNotInEnergyUsed) {
-  node_.computeStats(3, 5);
-  EXPECT_EQ(node_.powerStats.count, 1);
-  EXPECT_NEAR(node_.powerStats.mean, 32.0 / 10000.0 / 0.001, 1e-9);
-  EXPECT_LT(node_.energyUsed, 0.0);
-  EXPECT_NEAR(node_.energyUsed, 16 / 10000.0 - 4294967280.0 / 10000.0, 1e-6);
-
-  node_.computeStats(0, 5);
-  // Samples: 50, 50, (0xFFFFFFF0 - 1600) / 1e4 / 0.001, 3.2 mW.
-  const double big = (4294967280.0 - 1600.0) / 10000.0 / 0.001;
-  EXPECT_EQ(node_.powerStats.count, 4);
-  EXPECT_NEAR(node_.powerStats.mean, (50 + 50 + big + 3.2) / 4, 1e-6);
-  EXPECT_NEAR(node_.powerStats.min, 3.2, 1e-9);
-}
-
-TEST_F(WLDataNodeStats, FewerThanTwoRecordsLeaveZeroAndReplaceTheLastResult) {
-  node_.computeStats(0, 5);
-  ASSERT_GT(node_.duration, 0.0);
-  node_.computeStats(2, 3);
-  EXPECT_EQ(node_.powerStats.count, 0);
-  EXPECT_EQ(node_.currentStats.count, 0);
-  EXPECT_DOUBLE_EQ(node_.currentStats.max, 0.0);
-  EXPECT_DOUBLE_EQ(node_.duration, 0.0);
-  EXPECT_DOUBLE_EQ(node_.energyUsed, 0.0);
-}
-
-TEST_F(WLDataNodeStats, ZeroTimeStepGivesAnInfiniteSample) {
+// Statistics over ranges of five records, in the order asked (the answer
+// replaces the last one). Times in microseconds, currents in nA (shown in
+// mA), voltages in mV (shown in V), energy in 0.1 uJ (shown in mJ); the
+// last step wraps the counter: it counts as +0x20 in 1 ms (3.2 mW) in the
+// power, but energyUsed is the plain difference of the counter.
+TEST(WLDataNodeStats, PowerCurrentVoltageEnergyOverRanges) {
   StreamBuilder s(0x08, 0);
-  s.add({5, {}, 0, 0, 0}).add({5, {}, 0, 0, 10});
-  auto bytes = s.bytes();
-  node_.readBuffer(bytes.data(), static_cast<int64_t>(bytes.size()));
-  node_.decode();
-  node_.computeStats(0, 2);
-  EXPECT_EQ(node_.powerStats.count, 1);
-  EXPECT_TRUE(std::isinf(node_.powerStats.max));
+  s.add({1000000, {}, 1000000, 3000, 100})      // 1 mA, 3.0 V
+      .add({1001000, {}, 3000000, 3300, 600})   // +500 in 1 ms: 50 mW
+      .add({1003000, {}, 2000000, 3000, 1600})  // +1000 in 2 ms: 50 mW
+      .add({1004000, {}, 2000000, 2700, 0xFFFFFFF0})
+      .add({1005000, {}, 4000000, 3000, 0x10});  // +0x20 in 1 ms: 3.2 mW
+  WLDataNode node;
+  node.readBuffer(s.bytes().data(), static_cast<int64_t>(s.bytes().size()));
+  node.decode();
+  // The last record of a range is its end: 0 .. 3 lasts 3 ms.
+  const struct {
+    uint64_t first, last;
+    const char* expected;
+  } cases[] = {
+      {0, 3,
+       "power 2 [50, 50] mean 50 | current 3 [1, 3] mean 2 | "
+       "voltage 3 [3, 3.3] mean 3.1 | 0.003 s 0.15 mJ"},
+      {3, 5,
+       "power 1 [3.2, 3.2] mean 3.2 | current 2 [2, 4] mean 3 | "
+       "voltage 2 [2.7, 3] mean 2.85 | 0.001 s -429496.7264 mJ"},
+      // Samples: 50, 50, (0xFFFFFFF0 - 1600) / 1e4 / 0.001, 3.2 mW.
+      {0, 5,
+       "power 4 [3.2, 429496568] mean 107374167.8 | current 5 [1, 4] mean 2.4 | "
+       "voltage 5 [2.7, 3.3] mean 3 | 0.005 s -0.0084 mJ"},
+      // Fewer than two records leave zero.
+      {2, 3,
+       "power 0 [0, 0] mean 0 | current 0 [0, 0] mean 0 | "
+       "voltage 0 [0, 0] mean 0 | 0 s 0 mJ"},
+  };
+  for (const auto& c : cases) {
+    node.computeStats(c.first, c.last);
+    EXPECT_EQ(statsText(node), c.expected) << c.first << " .. " << c.last;
+  }
+  // A zero time step gives an infinite sample.
+  StreamBuilder still(0x08, 0);
+  still.add({5, {}, 0, 0, 0}).add({5, {}, 0, 0, 10});
+  node.readBuffer(still.bytes().data(), static_cast<int64_t>(still.bytes().size()));
+  node.decode();
+  node.computeStats(0, 2);
+  EXPECT_EQ(node.powerStats.count, 1);
+  EXPECT_TRUE(std::isinf(node.powerStats.max));
 }
 
 TEST(WLDataNodeIndex, IndexOfTimeAssumesEvenSpacing) {

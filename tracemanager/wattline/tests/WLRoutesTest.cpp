@@ -5,8 +5,6 @@
 // the values follow from the samples written here.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include "RouteTranscript.hpp"
 #include "WLTestStreams.hpp"
 #include "tsp_server/ExperimentKinds.hpp"
@@ -15,7 +13,6 @@
 namespace VSKTspServer {
 namespace {
 
-using nlohmann::json;
 using ostrand_test::CaptureTree;
 using ostrand_test::RunningServer;
 using wltest::StreamBuilder;
@@ -43,20 +40,16 @@ TEST(WLRoutesTest, TranscriptOfTheFourOutputs) {
   const auto withStates = tree.addLiveCapture("Probe/Board", "WL+");
   const std::vector<uint8_t> states = stateStream(), plain = plainStream();
   CaptureTree::writeFile(withStates / "WLData.bin", std::string(states.begin(), states.end()));
-  const json jstate = {{"name", "board"},
-                       {"version", 5},
-                       {"bitFields",
-                        {{{"Name", "PM"}, {"Start", 0}, {"End", 0},
-                          {"Enums", {{{"Choice", "Run"}, {"Description", "d"}, {"Value", 0}},
-                                     {{"Choice", "Nap"}, {"Description", "d"}, {"Value", 1}}}}}}}};
-  CaptureTree::writeFile(withStates / "metadataSup.json", json{{"JState", jstate}}.dump());
+  // Mode PM on bit 0 of word 0: Run (0) or Nap (1).
+  CaptureTree::writeFile(withStates / "metadataSup.json",
+                         ostrand_test::readFile(wltest::sourceFile("run-nap-metadataSup.json")));
   CaptureTree::writeFile(tree.addLiveCapture("Probe/Plain", "WL") / "WLData.bin",
                          std::string(plain.begin(), plain.end()));
   RunningServer running;
   ASSERT_TRUE(running.server().isListening());
   running.server().refreshLive();
   ostrand_test::RouteTranscript transcript(running, tree);
-  EXPECT_TRUE(transcript.run(ostrand_test::sourcePath("tracemanager/wattline/tests/golden/routes")));
+  EXPECT_TRUE(transcript.run(wltest::sourceFile("routes")));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The state graph over decoded streams: tree ids, spans, arrows, styles.
 #include "wattline/WLStateGraph.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "WLTestStreams.hpp"
@@ -46,25 +47,6 @@ const json kFlat = {
 const std::vector<std::pair<uint32_t, uint32_t>> kRows = {{0, 0}, {1, 0}, {1, 2},
                                                           {0, 2}, {0, 0}, {0, 0}};
 
-int64_t idOf(const TimeGraphTreeResponse& tree, const std::string& label) {
-  for (const auto& e : tree.model.entries)
-    if (e.labels.at(0) == label) return e.id;
-  return -999;
-}
-
-struct Span {
-  int64_t start, end;
-  std::string style;
-  bool operator==(const Span&) const = default;
-};
-std::vector<Span> spansOf(const StatesResponse& r, int64_t entryId) {
-  std::vector<Span> out;
-  for (const auto& row : r.model.rows)
-    if (row.entryId == entryId)
-      for (const auto& s : row.states) out.push_back({s.start, s.end, s.style.parentKey});
-  return out;
-}
-
 TEST(StateTree, IntermediateIdsAreFnv1aPlusOffset) {
   // Published FNV-1a 64 vectors: "" -> cbf29ce484222325, "a" -> af63dc4c8601ec8c.
   EXPECT_EQ(intermediateNodeId(""), static_cast<int32_t>(0x84222325u + 100000u));
@@ -101,88 +83,56 @@ TEST(StateTree, NamesWithThousandsOfDotsStayShallow) {
   EXPECT_EQ(dotted->parent, root.find("CPU"));
 }
 
-TEST(WLStateGraph, TreeOfModesAndPeripherals) {
-  Graphed g(5, kFlat, kRows);
-  auto tree = g.graph->getTree(0, 0);
-  EXPECT_EQ(tree.status, "COMPLETED");
-  std::vector<std::string> labels;
-  for (const auto& e : tree.model.entries) labels.push_back(e.labels.at(0));
-  EXPECT_EQ(labels, (std::vector<std::string>{"PowerMode", "Nap", "Off", "Run", "Peripheral",
-                                              "Timer"}));
-  const auto& top = tree.model.entries.front();
-  EXPECT_EQ(top.parentId, -1);
-  EXPECT_EQ(top.start, 10);
-  EXPECT_EQ(top.end, 60);
-  EXPECT_EQ(top.style.parentKey, "L0");
-  EXPECT_EQ(idOf(tree, "Peripheral"), 1000);
-  EXPECT_EQ(idOf(tree, "Timer"), 1001);
-  EXPECT_EQ(tree.model.entries[1].parentId, 0);
+// Nothing before the tree is asked for; then the tree, no spans for a
+// backwards range, the spans over the whole capture (asked twice: the same
+// request gives the same rows) and the arrows, one JSON line per entry, row and
+// arrow, against golden/state-graph.expected. Flat modes: ids 1000 and up
+// for peripherals, a never-used mode spans "None" throughout, adjacent
+// spans of one state are merged. Version 4 dotted modes: one group per
+// prefix (CPU, RF) under an intermediate id, each group's arrows starting
+// from -1, and span styles named by the leaf, never by the dotted name.
+TEST(WLStateGraph, TreeSpansAndArrowsMatchTheGoldenListing) {
+  const json v4 = {
+      {{"Name", "PWRSTATE0"}, {"Start", 0}, {"End", 1}},
+      {{"Name", "PWRSTATE1"}, {"Description", "RF%LPRF_PM"}, {"Start", 4}, {"End", 7}}};
+  const struct {
+    const char* name;
+    int version;
+    json bitFields;
+    std::vector<std::pair<uint32_t, uint32_t>> rows;
+  } cases[] = {{"flat modes and a timer", 5, kFlat, kRows},
+               {"version 4 groups: CPU Active, Sleep, Active; RF Off, Rx",
+                4,
+                v4,
+                {{0x00, 0}, {0x02, 0}, {0xE0, 0}}}};
+  std::string text;
+  const auto lines = [&](const char* title, const std::string& status, const auto& items) {
+    text += std::string(title) + (status.empty() ? "" : " " + status) + "\n";
+    for (const auto& item : items) text += "  " + json(item).dump() + "\n";
+  };
+  for (const auto& c : cases) {
+    text += "== " + std::string(c.name) + "\n";
+    Graphed g(c.version, c.bitFields, c.rows);
+    const TimeRange all{0, static_cast<int64_t>(10 * c.rows.size()), 0};
+    lines("states before the tree", "", g.graph->getStates(all, {}).model.rows);
+    lines("arrows before the tree", "", g.graph->getArrows(all).model);
+    const auto tree = g.graph->getTree(0, 0);
+    lines("tree", tree.status, tree.model.entries);
+    const auto backwards = g.graph->getStates({all.end, 10, 0}, {});
+    lines("states backwards", backwards.status, backwards.model.rows);
+    const auto states = g.graph->getStates(all, {});
+    lines("states", states.status, states.model.rows);
+    EXPECT_EQ(json(g.graph->getStates(all, {})).dump(), json(states).dump()) << c.name;
+    lines("arrows", "", g.graph->getArrows({0, 0, 0}).model);
+  }
+  EXPECT_TRUE(ostrand_test::matchesGolden(text, wltest::sourceFile("state-graph.expected")));
 }
 
-TEST(WLStateGraph, AdjacentSpansAndArrows) {
-  Graphed g(5, kFlat, kRows);
-  auto tree = g.graph->getTree(0, 0);
-  const int64_t run = idOf(tree, "Run"), nap = idOf(tree, "Nap"), off = idOf(tree, "Off");
-  auto states = g.graph->getStates({0, 60, 0}, {});
-  EXPECT_EQ(states.status, "COMPLETED");
-  EXPECT_EQ(spansOf(states, run),
-            (std::vector<Span>{{10, 20, "Run"}, {20, 40, "None"}, {40, 60, "Run"}}));
-  EXPECT_EQ(spansOf(states, nap),
-            (std::vector<Span>{{10, 20, "None"}, {20, 40, "Nap"}, {40, 60, "None"}}));
-  EXPECT_EQ(spansOf(states, off), (std::vector<Span>{{10, 60, "None"}}));  // never on
-  EXPECT_EQ(spansOf(states, 1001),
-            (std::vector<Span>{{10, 30, "None"}, {30, 50, "On"}, {50, 60, "None"}}));
-  // The same request gives the same rows; the peripheral root has none.
-  auto again = g.graph->getStates({0, 60, 0}, {});
-  EXPECT_EQ(spansOf(again, run), spansOf(states, run));
-  EXPECT_TRUE(spansOf(again, 1000).empty());
-  EXPECT_EQ(again.model.rows.size(), 5u);
-
-  auto arrows = g.graph->getArrows({0, 0, 0}).model;
-  ASSERT_EQ(arrows.size(), 3u);
-  EXPECT_EQ(arrows[0].sourceId, -1);
-  EXPECT_EQ(arrows[0].targetId, run);
-  EXPECT_EQ(arrows[1].sourceId, run);
-  EXPECT_EQ(arrows[1].targetId, nap);
-  EXPECT_EQ(arrows[1].start, 20);
-  EXPECT_EQ(arrows[2].targetId, run);
-  EXPECT_EQ(arrows[2].end, 40);
-}
-
-TEST(WLStateGraph, EmptyAnswersBeforeTheTreeAndForEmptyRanges) {
-  Graphed g(5, kFlat, kRows);
-  auto early = g.graph->getStates({0, 60, 0}, {});
-  EXPECT_TRUE(early.model.rows.empty());
-  EXPECT_TRUE(g.graph->getArrows({0, 60, 0}).model.empty());
-  g.graph->getTree(0, 0);
-  auto backwards = g.graph->getStates({60, 10, 0}, {});
-  EXPECT_TRUE(backwards.model.rows.empty());
-  EXPECT_EQ(backwards.status, "");
-
+TEST(WLStateGraph, WithoutADecoderTheTreeHasItsRootsOnly) {
   WLDataNode bare;
   WLStateGraph noDecoder(&bare, nullptr);
-  auto tree = noDecoder.getTree(0, 0);
-  ASSERT_EQ(tree.model.entries.size(), 2u);
+  EXPECT_EQ(noDecoder.getTree(0, 0).model.entries.size(), 2u);
   EXPECT_TRUE(noDecoder.getArrows({0, 1, 0}).model.empty());
-}
-
-TEST(WLStateGraph, DottedModesArrowPerGroup) {
-  // Version 4: CPU modes on bits 0-1 and radio modes on bits 4-7.
-  const json v4 = {{{"Name", "PWRSTATE0"}, {"Start", 0}, {"End", 1}},
-                   {{"Name", "PWRSTATE1"}, {"Description", "RF%LPRF_PM"}, {"Start", 4}, {"End", 7}}};
-  Graphed g(4, v4, {{0x00, 0}, {0x02, 0}, {0xE0, 0}});
-  auto tree = g.graph->getTree(0, 0);
-  const int64_t cpu = idOf(tree, "CPU");
-  EXPECT_EQ(cpu, intermediateNodeId("CPU"));
-  auto arrows = g.graph->getArrows({0, 0, 0}).model;
-  // Each group's walk starts from -1.
-  int starts = 0;
-  for (const auto& a : arrows) starts += a.sourceId == -1;
-  EXPECT_EQ(starts, 2);
-  auto states = g.graph->getStates({0, 30, 0}, {});
-  for (const auto& row : states.model.rows)
-    for (const auto& s : row.states)
-      EXPECT_TRUE(s.style.parentKey == "None" || s.style.parentKey.find('.') == std::string::npos);
 }
 
 TEST(WLStateGraph, StylesTableAndItsReplacement) {
@@ -201,13 +151,9 @@ TEST(WLStateGraph, StylesTableAndItsReplacement) {
   EXPECT_EQ(replaced.at("Busy").values.at("color"), "#123456");
 
   Graphed broken(5, kFlat, kRows, {{"OutputStyleModel", {{"styles", json::array()}}}});
-  try {
-    broken.graph->getStyles("");
-    FAIL() << "expected a type error";
-  } catch (const json::type_error& e) {
-    EXPECT_EQ(e.id, 302);
-    EXPECT_NE(std::string(e.what()).find("type must be object, but is array"), std::string::npos);
-  }
+  EXPECT_THAT([&] { broken.graph->getStyles(""); },
+              testing::ThrowsMessage<json::type_error>(
+                  testing::HasSubstr("type_error.302] type must be object, but is array")));
 }
 
 }  // namespace

@@ -117,10 +117,9 @@ bool decodeFails(WLDataNode& node) {
   return false;
 }
 
+// A count and three doubles: no padding, so the bytes are the figures.
 bool sameBits(const ValueStats& a, const ValueStats& b) {
-  return a.count == b.count && std::memcmp(&a.min, &b.min, sizeof a.min) == 0 &&
-         std::memcmp(&a.max, &b.max, sizeof a.max) == 0 &&
-         std::memcmp(&a.mean, &b.mean, sizeof a.mean) == 0;
+  return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
 // The statistics of a file's mapping (the first two ranges come from the

@@ -40,4 +40,9 @@ class StreamBuilder {
 
 using TempDir = ostrand_test::TempDir;
 
+// A file of tracemanager/wattline/tests/golden.
+inline std::string sourceFile(const std::string& name) {
+  return ostrand_test::sourcePath("tracemanager/wattline/tests/golden/" + name);
+}
+
 }  // namespace wltest

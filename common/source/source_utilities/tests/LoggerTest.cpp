@@ -41,46 +41,33 @@ class LoggerTest : public ::testing::Test {
   ostrand_test::TempHome home_;
 };
 
-TEST_F(LoggerTest, LevelOneWritesMessagesErrorsAndWarningsOnly) {
-  std::string path = logAllAtLevel("1", "one.txt");
-  EXPECT_EQ(Logger::instance().level(), 1);
-  std::string text = readFile(path);
-  // The two directory records of init come first.
-  EXPECT_NE(text.find("Logger : trace user settings directory is "), std::string::npos);
-  EXPECT_TRUE(std::regex_search(text, std::regex(R"(M     \d\d:\d\d:\d\d:\d\d\d \| a message 1\n)")));
-  EXPECT_TRUE(std::regex_search(text, std::regex(R"(    E \d\d:\d\d:\d\d:\d\d\d \| an error\n)")));
-  EXPECT_NE(text.find(" W    a warning\n"), std::string::npos);
-  EXPECT_EQ(text.find("Some::function"), std::string::npos);
-  EXPECT_EQ(text.find("arg: value"), std::string::npos);
-}
-
-TEST_F(LoggerTest, LevelSixAddsFunctionAndArgumentTraces) {
-  testing::internal::CaptureStdout();
-  std::string path = logAllAtLevel("6", "six.txt");
-  std::string console = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(Logger::instance().level(), 3);
-  std::string text = readFile(path);
-  EXPECT_TRUE(std::regex_search(
-      text, std::regex(R"(  F   common/source/source_utilities/tests/LoggerTest #\d+  Some::function\(\.\.\.\)\n)")))
-      << text;
-  EXPECT_NE(text.find("   A  arg: value\n"), std::string::npos);
-  EXPECT_NE(console.find("an error"), std::string::npos);
-}
-
-// 1 to 6 map through the level table; anything else turns the file off,
-// though 7 is still kept as the level.
-TEST_F(LoggerTest, LevelTableMapsValuesAndTurnsTheFileOffOutsideIt) {
-  const int expected[] = {0, 1, 1, 2, 2, 2, 3};
+// Each value of the level variable: the level kept, and the file written
+// with one record of each category through the level-guarded statements
+// (times, source lines and the temporary home masked), against
+// golden/logger-levels.expected. 1 to 6 map through the level table
+// (messages, errors and warnings from 1, function and argument traces at
+// 6); anything else turns the file off, though 7 is still kept as the level.
+TEST_F(LoggerTest, LevelsAndWhatEachWritesMatchTheGoldenListing) {
+  const auto masked = [&](const std::string& text) {
+    const std::string named = ostrand_test::replaceAll(text, home_.path(), "{home}");
+    const std::string timed =
+        std::regex_replace(named, std::regex(R"(\d\d:\d\d:\d\d:\d\d\d)"), "hh:mm:ss:mmm");
+    return std::regex_replace(timed, std::regex(R"(#\d+)"), "#N");
+  };
+  std::string listing;
   for (const char* value : {"1", "2", "3", "4", "5", "6", "7", "-1", "0", "", "junk"}) {
+    testing::internal::CaptureStdout();
     const std::string path = logAllAtLevel(value, std::string("t") + value + ".txt");
-    const int number = std::atoi(value);
-    const bool inTable = number >= 1 && number <= 6;
-    EXPECT_EQ(std::filesystem::exists(path), inTable) << value;
-    if (inTable || number == 7) {
-      EXPECT_EQ(Logger::instance().level(), inTable ? expected[number] : 7) << value;
-    }
+    const std::string console = testing::internal::GetCapturedStdout();
+    listing += "== level \"" + std::string(value) + "\" kept as " +
+               std::to_string(Logger::instance().level()) + "\n";
+    if (!console.empty()) listing += "console:\n" + masked(console);
+    listing += std::filesystem::exists(path) ? "file:\n" + masked(readFile(path)) : "no file\n";
     Logger::instance().resetForTesting();
   }
+  EXPECT_TRUE(ostrand_test::matchesGolden(
+      listing, ostrand_test::sourcePath(
+                   "common/source/source_utilities/tests/golden/logger-levels.expected")));
 }
 
 TEST_F(LoggerTest, NamedModeReusesAndSelectsInstances) {

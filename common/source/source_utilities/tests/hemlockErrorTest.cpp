@@ -5,15 +5,28 @@
 using Qx::Nlv::Hemlock::hemlockError;
 using Severity = Qx::Nlv::Hemlock::hemlockErrorIF::Severity_Type;
 
-TEST(hemlockErrorTest, DefaultsAndOutOfRangeSeverity) {
+// Defaults, a severity out of range, and null arguments, which change
+// nothing.
+TEST(hemlockErrorTest, DefaultsOutOfRangeSeverityAndNullArguments) {
   hemlockError plain;
   EXPECT_STREQ(plain.GetTitle(), "Error");
   EXPECT_STREQ(plain.GetErrorText(), "Uninitialized error text");
   EXPECT_EQ(hemlockError(Severity(9)).GetSeverity(), Severity(2));
   EXPECT_EQ(hemlockError(Severity(-1)).GetSeverity(), Severity(2));
-  hemlockError e;
-  e.SetSeverity(Severity(7));
-  EXPECT_EQ(e.GetSeverity(), Severity(2));
+  hemlockError clamped;
+  clamped.SetSeverity(Severity(7));
+  EXPECT_EQ(clamped.GetSeverity(), Severity(2));
+  hemlockError e("t", "text", Severity(1));
+  e.SetTitle(static_cast<const char*>(nullptr));
+  e.SetErrorText(static_cast<const char*>(nullptr));
+  e.AddDetailedInfo(static_cast<const char*>(nullptr));
+  e.PushText(static_cast<const char*>(nullptr));
+  EXPECT_STREQ(e.GetTitle(), "t");
+  EXPECT_STREQ(e.GetErrorText(), "text");
+  EXPECT_STREQ(e.GetDetailedText(), "");
+  hemlockError nulls(static_cast<const char*>(nullptr), nullptr, Severity(0));
+  EXPECT_STREQ(nulls.GetErrorText(), "");
+  EXPECT_STREQ(nulls.GetTitle(), "Information");
 }
 
 TEST(hemlockErrorTest, TitleFixedAtFirstReadingAndPushedTextKeepsTheOlder) {
@@ -36,20 +49,6 @@ TEST(hemlockErrorTest, DetailedTextJoinsOnceAndIsCached) {
   EXPECT_STREQ(e.GetDetailedText(), "x\ny");
 }
 
-TEST(hemlockErrorTest, NullArgumentsChangeNothing) {
-  hemlockError e("t", "text", Severity(1));
-  e.SetTitle(static_cast<const char*>(nullptr));
-  e.SetErrorText(static_cast<const char*>(nullptr));
-  e.AddDetailedInfo(static_cast<const char*>(nullptr));
-  e.PushText(static_cast<const char*>(nullptr));
-  EXPECT_STREQ(e.GetTitle(), "t");
-  EXPECT_STREQ(e.GetErrorText(), "text");
-  EXPECT_STREQ(e.GetDetailedText(), "");
-  hemlockError nulls(static_cast<const char*>(nullptr), nullptr, Severity(0));
-  EXPECT_STREQ(nulls.GetErrorText(), "");
-  EXPECT_STREQ(nulls.GetTitle(), "Information");
-}
-
 TEST(hemlockErrorTest, CopyAndAssignmentCarryEverything) {
   hemlockError source("title", "text", Severity(3));
   source.AddDetailedInfo("d1");
@@ -63,13 +62,4 @@ TEST(hemlockErrorTest, CopyAndAssignmentCarryEverything) {
   target = source;
   EXPECT_STREQ(target.GetErrorText(), "text");
   EXPECT_STREQ(target.GetDetailedText(), "d1");
-}
-
-TEST(hemlockErrorTest, ThrownAndCaughtThroughTheInterface) {
-  try {
-    throw hemlockError("probe gone", Severity(4));
-  } catch (Qx::Nlv::Hemlock::hemlockErrorIF& caught) {
-    EXPECT_STREQ(caught.GetErrorText(), "probe gone");
-    caught.Delete();
-  }
 }

@@ -17,14 +17,13 @@ using ::testing::ThrowsMessage;
 using namespace QX_NLV;
 
 TEST(JoinPathTest, NormalisesSeparators) {
-  std::string empty;
-  EXPECT_EQ(joinPath(empty, "a\\\\b//c"), "a/b/c");
-  std::string base = "a\\";
-  EXPECT_EQ(joinPath(base, "b/c"), "a/b/c");
-  std::string abs = "/home/u";
-  EXPECT_EQ(joinPath(abs, ".QX-trace"), "/home/u/.QX-trace");
-  std::string trailing = "/x/";
-  EXPECT_EQ(joinPath(trailing, "/y"), "/x/y");
+  for (auto [base, tail, joined] :
+       {std::tuple<std::string, const char*, const char*>{"", "a\\\\b//c", "a/b/c"},
+        {"a\\", "b/c", "a/b/c"},
+        {"/home/u", ".QX-trace", "/home/u/.QX-trace"},
+        {"/x/", "/y", "/x/y"}}) {
+    EXPECT_EQ(joinPath(base, tail), joined) << base << " + " << tail;
+  }
 }
 
 TEST(EnvironmentTest, SetAndGetAndNullArguments) {
@@ -67,12 +66,9 @@ TEST(DirectoryTest, MissingHomeRaisesTheFixedText) {
   unsetenv("USERPROFILE");
   unsetenv("HOME");
   std::string out;
-  try {
-    userDirectory(out);
-    ADD_FAILURE();
-  } catch (const source_utilities_error& e) {
-    EXPECT_STREQ(e.what(), "failed to read environment variable \"USERPROFILE\"");
-  }
+  EXPECT_THAT([&] { userDirectory(out); },
+              ThrowsMessage<source_utilities_error>(
+                  StrEq("failed to read environment variable \"USERPROFILE\"")));
   setenv("HOME", savedHome.c_str(), 1);
 }
 

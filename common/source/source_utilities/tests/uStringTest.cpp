@@ -22,16 +22,16 @@ TEST(uStringTest, ReplaceAllNeverRescansInsertedText) {
 }
 
 TEST(uStringTest, SplitAtFirstDelimiter) {
+  for (auto [text, delimiter, parts, left, right] :
+       {std::tuple{"a\\b\\c", "\\", 2, "a", "b\\c"}, std::tuple{"abc", "\\", 1, "abc", ""},
+        std::tuple{"k==v", "=", 2, "k", "=v"}}) {
+    std::string l, r;
+    EXPECT_EQ(uString::split(text, l, r, delimiter), parts) << text;
+    EXPECT_EQ(l, left) << text;
+    EXPECT_EQ(r, right) << text;
+  }
   std::string l, r;
-  EXPECT_EQ(uString::split("a\\b\\c", l, r, "\\"), 2);
-  EXPECT_EQ(l, "a");
-  EXPECT_EQ(r, "b\\c");
-  EXPECT_EQ(uString::split("abc", l, r, "\\"), 1);
-  EXPECT_EQ(l, "abc");
-  EXPECT_EQ(r, "");
   EXPECT_EQ(uString::split("", l, r, "\\"), 0);
-  EXPECT_EQ(uString::split("k==v", l, r, "="), 2);
-  EXPECT_EQ(r, "=v");
   EXPECT_THAT([&] { uString::split("x", l, r, nullptr); },
               ThrowsMessage<uString::error>(StrEq("unable to split with null delimeter")));
   EXPECT_THROW(uString::split(nullptr, l, r, "="), uString::error);

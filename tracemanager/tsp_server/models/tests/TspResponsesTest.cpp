@@ -1,47 +1,14 @@
 #include "tsp_server/models/TspResponses.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "TestSupport.hpp"
 #include "tsp_server/models/TspObjects.hpp"
 
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-
 namespace VSKTspServer {
 namespace {
 
 using nlohmann::json;
-
-TEST(OutputElementStyle, UnparsableNumericValueThrowsWithFixedText) {
-  OutputElementStyle bad{"", {{"height", "tall"}}};
-  EXPECT_THAT([&] { (void)json(bad); },
-              ThrowsMessage<std::invalid_argument>(StrEq("invalid stof argument")));
-  OutputElementStyle huge{"", {{"opacity", "1e300"}}};
-  EXPECT_THAT([&] { (void)json(huge); },
-              ThrowsMessage<std::out_of_range>(StrEq("stof argument out of range")));
-  // Not one of the four keys: any text is fine.
-  OutputElementStyle free{"", {{"heights", "tall"}}};
-  EXPECT_NO_THROW((void)json(free));
-}
-
-TEST(OutputElementStyle, ReadBackKeepsNumbersAsTheirText) {
-  auto style = json::parse(R"({"parentKey":"P","values":{"opacity":0.5,"height":"3",
-      "color":"#fff"}})")
-                   .get<OutputElementStyle>();
-  EXPECT_EQ(style.parentKey, "P");
-  EXPECT_EQ(style.values.at("opacity"), "0.5");
-  EXPECT_EQ(style.values.at("height"), "3");
-  EXPECT_EQ(style.values.at("color"), "#fff");
-  // A number under any other key is a type error.
-  EXPECT_THROW(json::parse(R"({"parentKey":"","values":{"width":2}})").get<OutputElementStyle>(),
-               json::type_error);
-  EXPECT_THROW(json::parse(R"({"parentKey":1,"values":{}})").get<OutputElementStyle>(),
-               json::type_error);
-  // What is read back writes out again as a number.
-  EXPECT_EQ(json(style)["values"]["opacity"], json(0.5));
-}
 
 // The JSON form of each response shape, one per line, against a golden
 // listing: the keys a client reads, their order and their number types
