@@ -120,9 +120,9 @@ TEST_F(TraceTableReaderTest, TransformsGolden) {
   withProgram();
   // The columns asked for: each transform, both number formats, and a
   // column the table does not have.
-  const Json::Value spec = json(ostrand_test::readFile(golden("transforms_columns.json")));
+  const Json::Value asked = json(ostrand_test::readFile(golden("transforms_columns.json")));
   ASSERT_EQ(readTraceColumnNames(record, trace, lastError), 0);
-  ASSERT_EQ(setupColumnProcessing(record, spec, lastError), 0);
+  ASSERT_EQ(setupColumnProcessing(record, asked, lastError), 0);
   ASSERT_EQ(fetchTraceData(context), 0);
   Json::Value rows;
   ASSERT_EQ(getReducedGraphData(context, rows), 0);
