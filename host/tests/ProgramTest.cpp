@@ -35,6 +35,7 @@
 #include <string>
 #include <thread>
 
+#include "LoopbackPort.hpp"
 #include "TestSupport.hpp"
 #include "experiments/DataBrokerRouter.hpp"
 #include "experiments/TDFExperiment.hpp"
@@ -45,6 +46,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using json = nlohmann::json;
+using ostrand_test::freeLoopbackPort;
 using ostrand_test::readFile;
 using ostrand_test::replaceAll;
 
@@ -55,19 +57,6 @@ const std::string kFirmware = std::string(OSTRAND_SOURCE_DIR) + "/testdata/firmw
 
 // The `ostrand` program of this build, run as a user would with a temporary
 // home (USERPROFILE), so nothing is written into a real one.
-
-// A loopback port that was free a moment ago (the kernel's choice for port 0).
-inline int freeLoopbackPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
 
 struct ProgramRun {
   int exitCode = -1;

@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "LoopbackPort.hpp"
 #include "tsp_server/TspServer.hpp"
 
 namespace ostrand_test {
@@ -37,17 +38,6 @@ inline std::pair<sockaddr_storage, socklen_t> loopbackAddress(int port, bool ipv
   a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   a->sin_port = htons(static_cast<uint16_t>(port));
   return {address, sizeof *a};
-}
-
-// A port that was free a moment ago (the kernel's choice for port 0).
-inline int freeLoopbackPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  auto [address, length] = loopbackAddress(0, false);
-  const bool ok = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  if (fd >= 0) ::close(fd);
-  if (!ok) throw std::runtime_error("no free loopback port");
-  return ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
 }
 
 // Listens on `port` on both loopback addresses (where they exist) and
