@@ -20,7 +20,7 @@ USERPROFILE="$(mktemp -d -t ostrand-test-home-XXXXXX)"
 export USERPROFILE
 trap 'rm -rf "$USERPROFILE"' EXIT
 
-step() { printf '\n== %s ==\n' "$*"; }
+step() { printf '\n== %s == (%s)\n' "$*" "$(date +%T)"; }
 
 configure() {  # dir, extra cmake options...
   local dir="$1"; shift
