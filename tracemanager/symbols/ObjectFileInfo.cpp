@@ -34,7 +34,7 @@ std::atomic<uint32_t> environmentCounter{1};
 // reports.
 class MultiLoadWaiter {
  public:
-  class FileLoadListener : public sym_lite::LoadListener {
+  class FileLoadListener final : public sym_lite::LoadListener {
    public:
     explicit FileLoadListener(MultiLoadWaiter* waiter) : waiter_(waiter) {}
     void onLoaded() override { waiter_->finish(this, 0, false); }
