@@ -85,6 +85,9 @@ TEST(ModelManagerTest, PathEndingRightAfterLiveTargetScansTheWholeTree) {
   EXPECT_EQ(manager.openTrace("LiveTarget", "", ""), nullptr);  // empty tree
   tree.addLiveCapture("Probe/M4", "TDF");
   EXPECT_NE(manager.openTrace("LiveTarget", "", ""), nullptr);
+  // A scan that finds nothing new adds no second trace.
+  EXPECT_EQ(manager.openTrace("LiveTarget", "", ""), nullptr);
+  EXPECT_EQ(manager.getTraceUUIDs().size(), 1u);
 }
 
 // A deleted experiment is closed, answered after it left the map, and gone
