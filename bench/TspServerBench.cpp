@@ -9,12 +9,8 @@
 //
 // Counters: p50_us (median of the single requests), x_health (p50 over the
 // health request's p50).
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <httplib.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -30,6 +26,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "LoopbackPort.hpp"
 #include "experiments/VSKExperiment.hpp"
 #include "experiments/generator/SampleCaptureWriter.hpp"
 #include "tsp_server/ModelManager.hpp"
@@ -77,7 +74,7 @@ class Fixture {
     writeCapture(root_, "Bench/Tdf10k", "TDF", 10'000);
     writeCapture(root_, "Bench/Tdf1M", "TDF", 1'000'000);
 
-    server_.port = freePort();
+    server_.port = ostrand_test::freeLoopbackPort();
     thread_ = std::thread([this] { server_.run(); });
     for (int i = 0; i < 500 && !server_.isListening() && !server_.listenFailed(); ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -112,19 +109,6 @@ class Fixture {
   const Table& table(const std::string& name) { return tables_.at(name); }
 
  private:
-  // The kernel's choice for port 0, released again at once.
-  static int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    return ntohs(addr.sin_port);
-  }
-
   fs::path root_;
   VSKTspServer::TspServer server_;
   std::thread thread_;
